@@ -1,0 +1,75 @@
+# Floors: libraries whose includes can only run downwards.
+#
+# The sources of all floors share one tree, so a plain "-I <repository>" would let any file include any other. Instead
+# each floor gets an include directory of its own, ${PROJECT_BINARY_DIR}/floors/<name>/, which holds nothing but a
+# symbolic link to the floor's folder under its name in the repository:
+#
+#   floors/Zol/runtime/Zol -> <repository>/runtime/Zol
+#
+# A target sees the directories of the floors it links to and of those below them. An upward include does not compile.
+
+# floor_include_dir(OUT FLOOR FOLDER): makes the include directory of one floor and returns its path in OUT.
+# FOLDER is relative to the repository and need not exist yet.
+function(floor_include_dir OUT FLOOR FOLDER)
+  set(root "${PROJECT_BINARY_DIR}/floors/${FLOOR}")
+  cmake_path(GET FOLDER PARENT_PATH parent)
+  file(MAKE_DIRECTORY "${root}/${parent}")
+  file(CREATE_LINK "${PROJECT_SOURCE_DIR}/${FOLDER}" "${root}/${FOLDER}" SYMBOLIC)
+  set(${OUT} "${root}" PARENT_SCOPE)
+endfunction()
+
+# floor_library(NAME FOLDER folder [WITHOUT file...] [DEPENDS target...])
+# One library of all sources below FOLDER but those named in WITHOUT. With headers alone it is an INTERFACE library.
+# What it depends on is visible to whatever links to it.
+function(floor_library NAME)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "FOLDER" "WITHOUT;DEPENDS")
+  floor_include_dir(include ${NAME} ${arg_FOLDER})
+  file(GLOB_RECURSE sources CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/${arg_FOLDER}/*.cpp")
+  list(TRANSFORM arg_WITHOUT PREPEND "${PROJECT_SOURCE_DIR}/${arg_FOLDER}/")
+  list(REMOVE_ITEM sources ${arg_WITHOUT})
+  if(sources)
+    add_library(${NAME} STATIC ${sources})
+    set(scope PUBLIC)
+  else()
+    add_library(${NAME} INTERFACE)
+    set(scope INTERFACE)
+  endif()
+  target_include_directories(${NAME} ${scope} "${include}")
+  target_link_libraries(${NAME} ${scope} ${arg_DEPENDS})
+endfunction()
+
+# floor_program(NAME MAIN file [DEPENDS target...]): an executable of one source file, once that file is there.
+function(floor_program NAME)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "MAIN" "DEPENDS")
+  file(GLOB main CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/${arg_MAIN}")
+  if(main)
+    add_executable(${NAME} "${main}")
+    target_link_libraries(${NAME} PRIVATE ${arg_DEPENDS})
+  endif()
+endfunction()
+
+# floor_tests(NAME FOLDER folder DEPENDS target...): one GoogleTest executable, and one ctest entry, of all sources
+# below FOLDER. It sees the floors it depends on, its own folder and tests/support.
+function(floor_tests NAME)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "FOLDER" "DEPENDS")
+  file(GLOB_RECURSE sources CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/${arg_FOLDER}/*.cpp")
+  if(NOT sources)
+    return()
+  endif()
+  floor_include_dir(include ${NAME} ${arg_FOLDER})
+  add_executable(${NAME} ${sources})
+  set_target_properties(${NAME} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/tests")
+  target_include_directories(${NAME} PRIVATE "${include}")
+  target_link_libraries(${NAME} PRIVATE ${arg_DEPENDS} test_support GTest::gtest_main)
+  target_compile_definitions(${NAME} PRIVATE
+      TEST_DATA_DIR="${PROJECT_SOURCE_DIR}/tests/data" EXAMPLES_DIR="${PROJECT_SOURCE_DIR}/examples")
+  add_test(NAME ${NAME} COMMAND ${NAME} --gtest_brief=1)
+endfunction()
+
+# floor_test_program(NAME DEFINITION PROGRAM): lets tests NAME run a built PROGRAM, whose path is in DEFINITION.
+function(floor_test_program NAME DEFINITION PROGRAM)
+  if(TARGET ${NAME} AND TARGET ${PROGRAM})
+    target_compile_definitions(${NAME} PRIVATE ${DEFINITION}="$<TARGET_FILE:${PROGRAM}>")
+    add_dependencies(${NAME} ${PROGRAM})
+  endif()
+endfunction()
