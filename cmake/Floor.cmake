@@ -73,3 +73,29 @@ function(floor_test_program NAME DEFINITION PROGRAM)
     add_dependencies(${NAME} ${PROGRAM})
   endif()
 endfunction()
+
+# floor_first_header(OUT FOLDER): some header directly in FOLDER, or nothing when it has none.
+function(floor_first_header OUT FOLDER)
+  file(GLOB headers RELATIVE "${PROJECT_SOURCE_DIR}" "${PROJECT_SOURCE_DIR}/${FOLDER}/*.h")
+  list(SORT headers)
+  list(POP_FRONT headers header)
+  set(${OUT} "${header}" PARENT_SCOPE)
+endfunction()
+
+# floor_check(FLOOR FOLDER ABOVE): a test that FLOOR, whose headers are in FOLDER, cannot include from folder ABOVE.
+function(floor_check FLOOR FOLDER ABOVE)
+  floor_first_header(accepted ${FOLDER})
+  floor_first_header(refused ${ABOVE})
+  if(NOT accepted OR NOT refused)
+    return()
+  endif()
+  string(REPLACE "/" "_" above ${ABOVE})
+  set(work "${PROJECT_BINARY_DIR}/floorChecks/${FLOOR}_${above}")
+  file(MAKE_DIRECTORY "${work}")
+  add_test(NAME floor_${FLOOR}_below_${above}
+           COMMAND ${CMAKE_COMMAND} "-DCOMPILER=${CMAKE_CXX_COMPILER}"
+                   "-DINCLUDES=$<TARGET_PROPERTY:${FLOOR},INTERFACE_INCLUDE_DIRECTORIES>"
+                   -DACCEPTED=${accepted} -DREFUSED=${refused}
+                   "-DSOURCE_DIR=${PROJECT_SOURCE_DIR}" "-DWORK_DIR=${work}"
+                   -P "${PROJECT_SOURCE_DIR}/cmake/CheckFloor.cmake")
+endfunction()
