@@ -1,0 +1,81 @@
+// Hashing. A hash is 32 bits, a function of the value alone (no seed, no address), so that the order of a hash
+// collection is the same in every run and every process.
+#pragma once
+
+#include <concepts>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+namespace Zol {
+
+// Jenkins' one-at-a-time hash, byte by byte.
+class OneAtATime {
+ public:
+  constexpr void byte(std::uint8_t value) {
+    state_ += value;
+    state_ *= 1025;
+    state_ ^= state_ >> 6;
+  }
+  // The eight bytes of value, least significant first.
+  constexpr void word(std::uint64_t value) {
+    for (int shift = 0; shift < 64; shift += 8) {
+      byte(static_cast<std::uint8_t>(value >> shift));
+    }
+  }
+  constexpr std::uint32_t result() const {
+    std::uint32_t hash = state_ * 9;
+    hash ^= hash >> 11;
+    return hash * 32769;
+  }
+
+ private:
+  std::uint32_t state_ = 0;
+};
+
+// Folds words into one well-mixed hash; what composed values use.
+class HashMix {
+ public:
+  constexpr void add(std::uint64_t word) {
+    state_ = (state_ ^ word) * 0x9E3779B97F4A7C15ULL;
+    state_ ^= state_ >> 32;
+  }
+  constexpr std::uint32_t result() const { return static_cast<std::uint32_t>((state_ * 0xD6E8FEB86659FD93ULL) >> 32); }
+
+ private:
+  std::uint64_t state_ = 0x2545F4914F6CDD1DULL;
+};
+
+template <class T>
+concept HasHash = requires(const T& value) {
+  { value.hash() } -> std::convertible_to<std::uint32_t>;
+};
+
+// The hash of any key of a collection: its own hash() where it has one.
+template <class T>
+struct Hash {
+  std::uint32_t operator()(const T& value) const {
+    if constexpr (HasHash<T>) {
+      return value.hash();
+    } else if constexpr (std::is_convertible_v<const T&, std::string_view>) {
+      OneAtATime hash;
+      for (const char c : std::string_view(value)) {
+        hash.byte(static_cast<std::uint8_t>(c));
+      }
+      return hash.result();
+    } else {
+      static_assert(std::is_integral_v<T> || std::is_enum_v<T>, "give the type a hash()");
+      HashMix mix;
+      mix.add(static_cast<std::uint64_t>(value));
+      return mix.result();
+    }
+  }
+};
+
+template <class T>
+std::uint32_t hashOf(const T& value) {
+  return Hash<T>()(value);
+}
+
+}  // namespace Zol

@@ -1,0 +1,19 @@
+#include "runtime/Zol/Value.h"
+
+#include <charconv>
+
+namespace Zol {
+
+std::uint64_t parseUnsigned(std::string_view text, std::uint64_t max) {
+  std::uint64_t value = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (error == std::errc::invalid_argument || end != text.data() + text.size()) {
+    throw ParseException("expected a number at '" + std::string(text) + "'");
+  }
+  if (error != std::errc() || value > max) {
+    throw RangeException("value > " + std::to_string(max) + " not allowed");
+  }
+  return value;
+}
+
+}  // namespace Zol
