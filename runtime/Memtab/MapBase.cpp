@@ -1,0 +1,72 @@
+#include "runtime/Memtab/MapBase.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <utility>
+
+#include "runtime/Fastlog/TraceHelper.h"
+#include "runtime/Memtab/CorruptionException.h"
+#include "runtime/Zol/Exception.h"
+
+namespace Memtab {
+namespace {
+
+FASTLOG_DEFAULT_HANDLE("Memtab");
+
+std::string& directory() {
+  static std::string path = std::filesystem::temp_directory_path().string();
+  return path;
+}
+
+// What was found where, for whoever looks into it later. A file that cannot be written is no reason to stop.
+void writeCorruptionFile(const std::string& table, const std::string& message, std::uint64_t sequence) {
+  static unsigned filesWritten = 0;
+  if (filesWritten >= corruptionFilesMax) {
+    return;
+  }
+  std::string stem = table;
+  std::replace(stem.begin(), stem.end(), '/', '-');
+  std::ofstream file(directory() + "/memtab-corruption-" + stem + "-" + std::to_string(getpid()) + "-" +
+                     std::to_string(filesWritten++) + ".txt");
+  file << "table: " << table << "\nsequence: " << sequence << "\nfound: " << message << "\n";
+}
+
+}  // namespace
+
+const std::string& corruptionDirectory() { return directory(); }
+void corruptionDirectoryIs(std::string path) { directory() = std::move(path); }
+
+MapBase::MapBase(std::string name, Zol::Ptr<SharedStore> store, unsigned collection)
+    : Entity(std::move(name)), store_(std::move(store)), collection_(collection) {}
+
+void MapBase::collectionReadyIs(bool ready) {
+  requireWritable("write");
+  FASTLOG_TRACE(8, "MemtabMap::collectionReadyIs() ready:" << ready);
+  if (store_->store().ready() != ready) {
+    store_->store().readyIs(ready);
+    readyChannel_.notify({});
+  }
+}
+
+void MapBase::corruptionDetected(const std::string& message) const {
+  FASTLOG_TRACE(3, "MemtabMap::corruptionDetected() " << message);
+  ++corruptions_;
+  writeCorruptionFile(fullName(), message, collectionControl().sequence());
+}
+
+void MapBase::cleanup() { requireWritable("cleanup"); }
+void MapBase::validateFiles() const { requireWritable("validateFiles"); }
+void MapBase::validate() const { requireWritable("validate"); }
+
+void MapBase::requireWritable(const char* operation) const {
+  if (isPlaceholder()) {
+    throw Zol::InternalException(std::string(operation) + " to read-only Memtab table");
+  }
+}
+
+void MapBase::raiseCorruption(const std::string& what) const { throw CorruptionException(fullName() + ": " + what); }
+
+}  // namespace Memtab
