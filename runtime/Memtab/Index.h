@@ -1,0 +1,117 @@
+// Index: the writer's side of one collection: finds slots, publishes blocks, and keeps segments neither too full nor
+// too empty.
+//
+//   directory_ (private)   | place live dead | place live dead | ...     what the region's directory should say, and
+//   region's directory     | place           | place           | ...     how full each segment is
+//
+// The writer believes its own memory, not the region: a damaged directory cannot make it write to a wrong place.
+//
+// Every change is one word store. Around it: a block is written before it is named and freed after nothing names it;
+// a delete leaves a tombstone in a bucket that was full once, because other keys' searches run on behind it, and an
+// empty word otherwise. A block whose checksum fails is never given back, since its length may be a lie: a few
+// bytes stay unused until the region is opened again.
+//
+// IndexWrite.h has put and delete, IndexGrowth.h what happens to segments and directories.
+#pragma once
+
+#include <array>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "runtime/Memtab/Crc32c.h"
+#include "runtime/Memtab/Pen.h"
+#include "runtime/Zol/Assert.h"
+
+namespace Memtab {
+
+enum class PutResult : uint8_t { inserted, replaced, unchanged };
+
+template <class Stores>
+class Index {
+ public:
+  Index(Pen<Stores>& pen, unsigned collection, HashFn hash);
+
+  // block: a complete block of key. unchanged: these bytes stand already, nothing was stored.
+  // Throws NoSpace; then what keys read is as it was.
+  PutResult put(uint64_t hash, Bytes key, std::span<const uint64_t> block);
+  // Whether there was something to delete: the key's record, or a damaged one that may be it.
+  bool del(uint64_t hash, Bytes key);
+  // Gives room back after deletes near hash: at most one merge of two segments, or one smaller segment.
+  void tidy(uint64_t hash);
+  size_t entries() const { return live_; }
+
+ private:
+  struct Segment {
+    Place place;
+    // Good at the first directory word of a segment only.
+    uint32_t live = 0;
+    uint32_t dead = 0;  // tombstones
+  };
+  // Where a key stands, where a damaged block stands that may be its, and where it could be put.
+  struct Probe {
+    std::optional<size_t> standing, damaged, free;  // offsets of index words
+  };
+  // A segment's content on its way to another segment.
+  struct Item {
+    uint64_t hash;
+    uint64_t word;
+    uint32_t bucket;
+    bool isLost;  // what it names is damaged beyond telling the hash: it stays in its bucket
+  };
+  struct Image {
+    std::vector<uint64_t> words;
+    unsigned depth;
+    uint32_t live;
+    size_t bytes() const { return words.size() * sizeof(uint64_t); }
+  };
+  enum class Match : uint8_t { mine, other, damaged };
+
+  size_t firstOf(uint64_t hash) const;
+  Segment& segmentOf(uint64_t hash) { return directory_[firstOf(hash)]; }
+  // The least hash of a directory word.
+  uint64_t hashAt(size_t index) const { return depth_ == 0 ? 0 : uint64_t{index} << (64 - depth_); }
+
+  std::optional<BlockHead> headAt(uint32_t units) const;
+  bool isIntact(uint32_t units, const BlockHead& head) const;
+  Bytes keyAt(uint32_t units, const BlockHead& head) const;
+  bool equals(uint32_t units, std::span<const uint64_t> block) const;
+  Match match(uint64_t word, Bytes key) const;
+  Probe probe(uint64_t hash, Bytes key) const;
+  bool hasRoom(const Segment& segment, const Probe& probe) const;
+  uint64_t write(uint64_t hash, std::span<const uint64_t> block);
+  void releaseBlock(uint64_t word);
+
+  void create();
+  void grow(uint64_t hash);
+  bool mayDouble() const;
+  void rebuild(uint64_t hash, unsigned sizeLog2Least);
+  void split(uint64_t hash);
+  void merge(size_t first, size_t second);
+  std::optional<size_t> buddyOf(size_t first) const;
+  void doubleDirectory();
+  void halveDirectory();
+  void directoryIs(Claim<Stores>& claim, std::vector<Segment> directory, unsigned depth);
+
+  static unsigned sizeFor(size_t live);
+  void gather(uint64_t hash);
+  Image imageOf(uint64_t hash, unsigned depth, unsigned sizeLog2Least) const;
+  Segment write(Claim<Stores>& to, const Image& image);
+  void name(size_t first, const Segment& segment);
+  void drop(Place segment);
+
+  Pen<Stores>* pen_;
+  unsigned collection_;
+  HashFn hash_;
+  unsigned depth_ = 0;
+  Place descriptor_;
+  std::vector<Segment> directory_;       // empty: no segment yet
+  std::array<size_t, 32> segmentsAt_{};  // number of segments by their depth
+  size_t live_ = 0;
+  std::vector<Item> items_;  // of the segments at hand; kept for its memory
+};
+
+}  // namespace Memtab
+
+#include "runtime/Memtab/IndexGrowth.h"  // IWYU pragma: export
+#include "runtime/Memtab/IndexWrite.h"   // IWYU pragma: export

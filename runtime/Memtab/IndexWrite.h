@@ -1,0 +1,187 @@
+// Put and delete. A search runs as a reader's does, over the writer's own bytes: bucket after bucket until one has an
+// empty word. On the way it notes the first word that a new key could take.
+#pragma once
+
+#include <cstring>
+
+#include "runtime/Memtab/Index.h"
+
+namespace Memtab {
+
+template <class Stores>
+Index<Stores>::Index(Pen<Stores>& pen, unsigned collection, HashFn hash)
+    : pen_(&pen), collection_(collection), hash_(hash) {
+  pen_->store(descriptorsAt + 8 * size_t{collection}, descriptor_.word());
+}
+
+// The directory word where the segment of hash begins.
+template <class Stores>
+size_t Index<Stores>::firstOf(uint64_t hash) const {
+  const size_t index = prefixOf(hash, depth_);
+  const unsigned shift = depth_ - directory_[index].place.depth;
+  return index >> shift << shift;
+}
+
+// The head of the block at units if all its bytes lie in the region.
+template <class Stores>
+std::optional<BlockHead> Index<Stores>::headAt(uint32_t units) const {
+  const size_t offset = size_t{units} * unitBytes;
+  if (offset < headerBytes || offset + unitBytes > pen_->region().size()) {
+    return std::nullopt;
+  }
+  const BlockHead head = BlockHead::of(pen_->load(offset));
+  if (!head.isSane() || offset + 8 * head.words() > pen_->region().size() || head.collection != collection_) {
+    return std::nullopt;
+  }
+  return head;
+}
+
+template <class Stores>
+bool Index<Stores>::isIntact(uint32_t units, const BlockHead& head) const {
+  const auto* words = reinterpret_cast<const uint64_t*>(pen_->bytes(size_t{units} * unitBytes));
+  return crcOf(words[0], words + 1, head.words() - 1) == head.checksum;
+}
+
+template <class Stores>
+Bytes Index<Stores>::keyAt(uint32_t units, const BlockHead& head) const {
+  return {pen_->bytes(size_t{units} * unitBytes) + sizeof(uint64_t), head.keyLength};
+}
+
+// Whose block a word of the right fingerprint names. A block with the key's own bytes is taken for the key's even if
+// its record is damaged: this is what a put is to replace.
+template <class Stores>
+auto Index<Stores>::match(uint64_t word, Bytes key) const -> Match {
+  const std::optional<BlockHead> head = headAt(unitsOf(word));
+  if (!head) {
+    return Match::damaged;
+  }
+  const Bytes itsKey = keyAt(unitsOf(word), *head);
+  if (itsKey.size() == key.size() && std::equal(key.begin(), key.end(), itsKey.begin())) {
+    return Match::mine;
+  }
+  const bool isOther = Spot(hash_(itsKey)).fingerprint() == fingerprintOf(word) && isIntact(unitsOf(word), *head);
+  return isOther ? Match::other : Match::damaged;
+}
+
+template <class Stores>
+auto Index<Stores>::probe(uint64_t hash, Bytes key) const -> Probe {
+  Probe result;
+  const Place segment = directory_[firstOf(hash)].place;
+  const Spot spot(hash);
+  const size_t buckets = segment.words() / bucketWords;
+  for (size_t n = 0; n < buckets; ++n) {
+    const size_t bucket = segment.offset() + ((spot.bucket(buckets) + n) & (buckets - 1)) * lineBytes;
+    bool hasEmpty = false;
+    for (size_t at = bucket; at < bucket + lineBytes; at += sizeof(uint64_t)) {
+      const uint64_t word = pen_->load(at);
+      hasEmpty |= word == emptyWord;
+      if (!isLive(word)) {
+        result.free = result.free ? result.free : at;
+      } else if (fingerprintOf(word) == spot.fingerprint()) {
+        const Match match = this->match(word, key);
+        if (match == Match::mine) {
+          result.standing = at;
+          return result;
+        }
+        if (match == Match::damaged && !result.damaged) {
+          result.damaged = at;
+        }
+      }
+    }
+    if (hasEmpty) {
+      break;
+    }
+  }
+  return result;
+}
+
+template <class Stores>
+bool Index<Stores>::equals(uint32_t units, std::span<const uint64_t> block) const {
+  const size_t offset = size_t{units} * unitBytes;
+  return offset + block.size_bytes() <= pen_->region().size() &&
+         std::memcmp(pen_->bytes(offset), block.data(), block.size_bytes()) == 0;
+}
+
+// Writes the block aside. Returns the index word that will publish it.
+template <class Stores>
+uint64_t Index<Stores>::write(uint64_t hash, std::span<const uint64_t> block) {
+  const uint32_t units = pen_->allocate(block.size_bytes());
+  pen_->storeAll(size_t{units} * unitBytes, block);
+  return indexWord(Spot(hash).fingerprint(), pen_->nextGeneration(), units);
+}
+
+template <class Stores>
+void Index<Stores>::releaseBlock(uint64_t word) {
+  const std::optional<BlockHead> head = headAt(unitsOf(word));
+  if (head && isIntact(unitsOf(word), *head)) {
+    pen_->release(unitsOf(word), 8 * head->words());
+  }
+}
+
+// Segments are grown when 25 of 32 words are taken: beyond that searches run through many buckets.
+template <class Stores>
+bool Index<Stores>::hasRoom(const Segment& segment, const Probe& probe) const {
+  if (!probe.free) {
+    return false;
+  }
+  return pen_->load(*probe.free) == tombstone || (segment.live + segment.dead + 1) * 32 <= segment.place.words() * 25;
+}
+
+template <class Stores>
+PutResult Index<Stores>::put(uint64_t hash, Bytes key, std::span<const uint64_t> block) {
+  if (directory_.empty()) {
+    create();
+  }
+  Probe found = probe(hash, key);
+  if (const std::optional<size_t> slot = found.standing ? found.standing : found.damaged) {
+    const uint64_t old = pen_->load(*slot);
+    if (found.standing && equals(unitsOf(old), block)) {
+      return PutResult::unchanged;
+    }
+    pen_->store(*slot, write(hash, block));
+    if (found.standing) {
+      releaseBlock(old);
+    }
+    return PutResult::replaced;
+  }
+  while (!hasRoom(segmentOf(hash), found)) {
+    grow(hash);
+    found = probe(hash, key);
+  }
+  const uint64_t word = write(hash, block);
+  const bool wasDead = pen_->load(*found.free) == tombstone;
+  pen_->store(*found.free, word);
+  Segment& segment = segmentOf(hash);
+  segment.dead -= wasDead && segment.dead != 0 ? 1 : 0;
+  ++segment.live;
+  ++live_;
+  return PutResult::inserted;
+}
+
+template <class Stores>
+bool Index<Stores>::del(uint64_t hash, Bytes key) {
+  if (directory_.empty()) {
+    return false;
+  }
+  const Probe found = probe(hash, key);
+  const std::optional<size_t> slot = found.standing ? found.standing : found.damaged;
+  if (!slot) {
+    return false;
+  }
+  const uint64_t old = pen_->load(*slot);
+  bool hasEmpty = false;
+  for (size_t at = *slot / lineBytes * lineBytes, end = at + lineBytes; at < end; at += sizeof(uint64_t)) {
+    hasEmpty |= pen_->load(at) == emptyWord;
+  }
+  pen_->store(*slot, hasEmpty ? emptyWord : tombstone);
+  Segment& segment = segmentOf(hash);
+  segment.dead += hasEmpty ? 0 : 1;
+  segment.live -= segment.live != 0 ? 1 : 0;
+  live_ -= live_ != 0 ? 1 : 0;
+  if (found.standing) {
+    releaseBlock(old);
+  }
+  return true;
+}
+
+}  // namespace Memtab

@@ -1,0 +1,127 @@
+// Reader: looks records up in a region that somebody else may be writing at this moment. It only reads; a reader that
+// dies, stops or hangs leaves no trace, and one that meets a dead writer's half-done work sees the last published
+// state.
+//
+//   descriptor --> directory[upper bits of hash] --> segment: bucket of 8 words --> block
+//      (1)                 (2)                          (3) fingerprint fits        (4) copy, checksum, key
+//
+// A look-up walks (1) to (4) and then reads the words it came by once more. Blocks, segments and directories are
+// reused only after the word that named them has changed, and every word is stored with release and loaded with
+// acquire order: a reader that copied a single byte of the new use also sees the changed word. So "unchanged" proves
+// the copy whole, and what then still fails its checks is damage. "Changed" means try again; the tries are bounded.
+//
+// Why "absent" can be trusted: a key never moves within a segment, and a bucket that was full once never shows an
+// empty word again, so the words before a key on its way of search are never empty while it stands.
+//
+// Offsets and lengths are checked against the usable size before use, loops are bounded by checked sizes. Only what
+// the checks cannot tell from a writer's work gets through: a flipped fingerprint makes its key absent here, which a
+// Cursor finds.
+//
+// One thread a Reader; any number of Readers.
+#pragma once
+
+#include <array>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "runtime/Memtab/Damage.h"
+#include "runtime/Memtab/Layout.h"
+#include "runtime/Memtab/Region.h"
+
+namespace Memtab {
+
+// Where a block's copy goes; grows to the largest block seen and keeps its memory.
+class Buffer {
+ public:
+  uint64_t* room(size_t words) {
+    if (words > words_.size()) {
+      words_.resize(words + words / 2);
+    }
+    return words_.data();
+  }
+  Bytes bytes(size_t at, size_t length) const { return std::as_bytes(std::span(words_)).subspan(at, length); }
+
+ private:
+  std::vector<uint64_t> words_ = std::vector<uint64_t>(64);
+};
+
+enum class Found : uint8_t {
+  found,
+  absent,
+  damaged,     // something on the key's way is not what the writer wrote; see damage
+  recovering,  // the writer changed the key's surroundings at every try
+};
+
+struct Lookup {
+  Found state = Found::absent;
+  Bytes record;  // of found; 8-byte aligned when the key's length is a multiple of 8
+  Damage damage;
+};
+
+class Reader {
+ public:
+  // hashes: of each collection, in order; they must be the writer's.
+  Reader(View view, std::span<const HashFn> hashes);
+
+  // The record of key. Requires: hash is the collection's hash of key.
+  // The record lies in buffer, or in memory of this thread that its next look-up without a buffer overwrites.
+  Lookup get(unsigned collection, uint64_t hash, Bytes key, Buffer& buffer) const;
+  Lookup get(unsigned collection, uint64_t hash, Bytes key) const;
+
+  unsigned collectionCount() const { return collectionCount_; }
+  size_t entries(unsigned collection) const { return header(entriesAt + 8 * size_t{collection}); }
+  uint64_t sequence() const { return header(sequenceAt); }
+  bool ready() const { return header(readyAt) == 1; }
+  uint64_t fingerprint() const { return header(fingerprintAt); }
+  uint64_t epoch() const { return header(epochAt); }
+
+  // How many look-ups had to start again because the writer was faster.
+  uint64_t retries() const { return retries_; }
+
+ private:
+  friend class Cursor;
+
+  // The words on the way to a segment as they read, and the segment they name.
+  struct Chain {
+    const Word* descriptorAt = nullptr;
+    uint64_t descriptor = 0;
+    const Word* directoryAt = nullptr;
+    uint64_t directory = 0;
+    Place segment;  // units 0: nothing there
+    const Word* slots = nullptr;
+    Damage damage;
+
+    // Whether both words still read the same.
+    bool isCurrent() const {
+      return descriptorAt->load(std::memory_order_acquire) == descriptor &&
+             (directoryAt == nullptr || directoryAt->load(std::memory_order_acquire) == directory);
+    }
+  };
+  struct KeyCopy {
+    std::array<uint64_t, BlockHead::keyLengthMax / 8 + 1> words;
+    size_t length;
+    Bytes bytes() const { return std::as_bytes(std::span(words)).first(length); }
+  };
+  enum class Verdict : uint8_t { intact, otherKey, changed, damaged };
+
+  const Word* at(size_t offset) const { return reinterpret_cast<const Word*>(view_.base + offset); }
+  uint64_t load(size_t offset) const { return at(offset)->load(std::memory_order_acquire); }
+  uint64_t header(size_t offset) const { return load(offset); }
+  bool isUsable(Place place) const;
+  void prefetch(uint64_t word) const;
+
+  Chain walk(unsigned collection, uint64_t hash) const;
+  bool tryGet(unsigned collection, uint64_t hash, Bytes key, Buffer& buffer, Lookup& result) const;
+  Verdict judge(const Chain& chain, size_t slot, uint64_t word, Bytes key, Buffer& buffer, Lookup& result) const;
+  const char* copyBlock(unsigned collection, uint32_t units, Buffer& buffer, BlockHead& head) const;
+  const char* readHead(unsigned collection, uint32_t units, uint64_t& first) const;
+  const char* copyKey(unsigned collection, uint32_t units, KeyCopy& key) const;
+
+  View view_;
+  std::array<HashFn, collectionCountMax> hashes_{};
+  unsigned collectionCount_;
+  mutable uint64_t retries_ = 0;
+};
+
+}  // namespace Memtab
