@@ -1,13 +1,17 @@
 #include "runtime/Memtab/Cursor.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
+#include <numeric>
 
 namespace Memtab {
 namespace {
 
 constexpr int triesMax = 1000;
-constexpr size_t prefetchAhead = 16;
+constexpr size_t prefetchAhead = 24;      // blocks, of which the first line is asked for so many entries ahead
+constexpr size_t prefetchBytesMax = 512;  // of a block; the CPU finds out the rest by itself
+constexpr uint32_t evenMax = 12;          // entries at one proportional place
 
 bool isLess(Bytes a, Bytes b) {
   const size_t common = std::min(a.size(), b.size());
@@ -46,7 +50,7 @@ Cursor::Step Cursor::next() {
         if (++tries_ > triesMax) {
           return giveUp(entry.hash);
         }
-        resumeHash_ = std::max(last_.hash, entry.hash & ~(lastHash(0, chain_.segment.depth)));
+        resumeHash_ = std::max(last_.hash, entry.hash & ~(lastHash(0, chain_.segment().depth)));
         isDone_ = false;
         entries_.clear();
         next_ = 0;
@@ -89,7 +93,7 @@ Cursor::Taken Cursor::take(const Entry& entry) {
     what = "index word names another key's block";
   }
   if (what != nullptr) {
-    damage_ = {what, collection_, chain_.segment.offset(), entry.slot, size_t{unitsOf(entry.word)} * unitBytes};
+    damage_ = {what, collection_, chain_.segment().offset(), entry.slot, size_t{unitsOf(entry.word)} * unitBytes};
     return Taken::damaged;
   }
   const Bytes key = buffer.bytes(sizeof(uint64_t), head.keyLength);
@@ -133,8 +137,8 @@ Cursor::Step Cursor::nextSegment() {
       ++reader_->retries_;
       continue;
     }
-    if (chain_.damage) {
-      damage_ = chain_.damage;
+    if (chain_.damage != nullptr) {
+      damage_ = {chain_.damage, collection_, 0, 0, 0};
       skipDamage();
       return Step::damaged;
     }
@@ -142,10 +146,10 @@ Cursor::Step Cursor::nextSegment() {
       isDone_ = true;
       return Step::end;
     }
-    goTo(resumeHash_, chain_.segment.depth);
+    goTo(resumeHash_, chain_.segment().depth);
     return Step::entry;
   }
-  goTo(resumeHash_, chain_.segment.depth);
+  goTo(resumeHash_, chain_.segment().depth);
   return Step::recovering;
 }
 
@@ -164,17 +168,18 @@ bool Cursor::snapshot() {
   if (chain_.slots != nullptr && !addEntries()) {
     return false;
   }
-  if (!chain_.isCurrent()) {
+  sortByHash();
+  if (!sortTies() || !chain_.isCurrent()) {
     entries_.clear();
     return false;
   }
-  return sortEntries();
+  return true;
 }
 
 bool Cursor::addEntries() {
-  const unsigned depth = chain_.segment.depth;
+  const unsigned depth = chain_.segment().depth;
   const uint64_t last = lastHash(resumeHash_, depth);
-  const size_t words = chain_.segment.words();
+  const size_t words = chain_.segment().words();
   for (uint32_t slot = 0; slot < words; ++slot) {
     const uint64_t word = chain_.slots[slot].load(std::memory_order_acquire);
     if (isLive(word)) {
@@ -185,7 +190,7 @@ bool Cursor::addEntries() {
   size_t kept = 0;
   for (size_t i = 0; i < entries_.size(); ++i) {
     if (i + prefetchAhead < entries_.size()) {
-      reader_->prefetch(entries_[i + prefetchAhead].word);
+      __builtin_prefetch(reader_->blockAt(entries_[i + prefetchAhead].word));
     }
     Entry entry = entries_[i];
     const bool isSane = reader_->copyKey(collection_, unitsOf(entry.word), key) == nullptr;
@@ -194,6 +199,11 @@ bool Cursor::addEntries() {
       return false;
     }
     if (isSane) {
+      const size_t offset = size_t{unitsOf(entry.word)} * unitBytes;
+      const size_t end = offset + std::min(key.blockLength, prefetchBytesMax);
+      for (size_t line = (offset | (lineBytes - 1)) + 1; line < end; line += lineBytes) {
+        __builtin_prefetch(reader_->at(line));
+      }
       const uint64_t hash = reader_->hashes_[collection_](key.bytes());
       if (Spot(hash).fingerprint() == fingerprintOf(entry.word) && lastHash(hash, depth) == last) {
         entry.hash = hash;
@@ -208,28 +218,59 @@ bool Cursor::addEntries() {
   return true;
 }
 
-// Keys are read, and only for a moment, where hashes are equal: sorting must not look at what the writer may change.
-bool Cursor::sortEntries() {
-  const auto byHash = [](const Entry& a, const Entry& b) { return a.isLost != b.isLost ? b.isLost : a.hash < b.hash; };
-  std::sort(entries_.begin(), entries_.end(), byHash);
-  for (auto first = entries_.begin(); first != entries_.end();) {
-    const auto behind = std::find_if(first, entries_.end(), [&](const Entry& e) { return byHash(*first, e); });
-    if (behind - first > 1 && !first->isLost) {
-      std::vector<std::pair<std::vector<std::byte>, Entry>> ties;
-      for (auto entry = first; entry != behind; ++entry) {
-        Reader::KeyCopy key;
-        key.length = 0;
-        (void)reader_->copyKey(collection_, unitsOf(entry->word), key);
-        if (chain_.slots[entry->slot].load(std::memory_order_acquire) != entry->word) {
-          entries_.clear();
-          return false;
-        }
-        ties.push_back({{key.bytes().begin(), key.bytes().end()}, *entry});
-      }
-      std::sort(ties.begin(), ties.end(), [](const auto& a, const auto& b) { return isLess(a.first, b.first); });
-      std::transform(ties.begin(), ties.end(), first, [](const auto& tie) { return tie.second; });
+// Orders entries_ by hash, the lost ones last. Hashes of a segment are mostly spread evenly over the range of their
+// prefix, so putting each at its proportional place leaves little to do; where they are not, a general sort does it.
+void Cursor::sortByHash() {
+  const auto isBefore = [](const Entry& a, const Entry& b) {
+    return a.isLost != b.isLost ? b.isLost : a.hash < b.hash;
+  };
+  const auto bits = static_cast<unsigned>(std::bit_width(entries_.size()));
+  const unsigned depth = chain_.slots != nullptr ? chain_.segment().depth : 0;
+  const auto placeOf = [&](const Entry& entry) { return entry.hash << depth >> (64 - bits); };
+  starts_.assign((size_t{1} << bits) + 1, 0);
+  uint32_t most = 0;
+  for (const Entry& entry : entries_) {
+    most = std::max(most, ++starts_[placeOf(entry) + 1]);
+  }
+  if (most > evenMax || entries_.empty()) {
+    std::sort(entries_.begin(), entries_.end(), isBefore);
+    return;
+  }
+  std::partial_sum(starts_.begin(), starts_.end(), starts_.begin());
+  sorted_.resize(entries_.size());
+  for (const Entry& entry : entries_) {
+    sorted_[starts_[placeOf(entry)]++] = entry;
+  }
+  std::swap(entries_, sorted_);
+  for (size_t i = 1; i < entries_.size(); ++i) {
+    const Entry entry = entries_[i];
+    size_t at = i;
+    for (; at > 0 && isBefore(entry, entries_[at - 1]); --at) {
+      entries_[at] = entries_[at - 1];
     }
-    first = behind;
+    entries_[at] = entry;
+  }
+}
+
+// Orders entries of equal hash by key. The keys are copied first, as sorting must not look at what the writer may
+// change. False: it did change one.
+bool Cursor::sortTies() {
+  const auto isTie = [](const Entry& a, const Entry& b) { return a.hash == b.hash && !a.isLost && !b.isLost; };
+  auto first = std::adjacent_find(entries_.begin(), entries_.end(), isTie);
+  while (first != entries_.end()) {
+    std::vector<std::pair<std::vector<std::byte>, Entry>> ties;
+    auto behind = first;
+    for (; behind != entries_.end() && isTie(*first, *behind); ++behind) {
+      Reader::KeyCopy key;
+      (void)reader_->copyKey(collection_, unitsOf(behind->word), key);
+      if (chain_.slots[behind->slot].load(std::memory_order_acquire) != behind->word) {
+        return false;
+      }
+      ties.push_back({{key.bytes().begin(), key.bytes().end()}, *behind});
+    }
+    std::sort(ties.begin(), ties.end(), [](const auto& a, const auto& b) { return isLess(a.first, b.first); });
+    std::transform(ties.begin(), ties.end(), first, [](const auto& tie) { return tie.second; });
+    first = std::adjacent_find(behind, entries_.end(), isTie);
   }
   return true;
 }

@@ -70,7 +70,8 @@ class Cursor {
   void skipDamage();
   bool snapshot();
   bool addEntries();
-  bool sortEntries();
+  void sortByHash();
+  bool sortTies();
   void goTo(uint64_t hash, unsigned depth);
 
   const Reader* reader_;
@@ -84,6 +85,8 @@ class Cursor {
   Reader::Chain chain_;  // of the snapshot
   std::vector<Entry> entries_;
   size_t next_ = 0;
+  std::vector<Entry> sorted_;  // kept for their memory
+  std::vector<uint32_t> starts_;
   Buffer buffers_[2];  // the last entry's, which last_ refers to, and the next one's
   unsigned buffer_ = 0;
 };

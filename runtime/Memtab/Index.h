@@ -32,6 +32,8 @@ class Index {
  public:
   Index(Pen<Stores>& pen, unsigned collection, HashFn hash);
 
+  // Asks for the memory that a put or delete of hash will look at first.
+  void prefetch(uint64_t hash) const;
   // block: a complete block of key. unchanged: these bytes stand already, nothing was stored.
   // Throws NoSpace; then what keys read is as it was.
   PutResult put(uint64_t hash, Bytes key, std::span<const uint64_t> block);

@@ -64,31 +64,39 @@ auto Index<Stores>::match(uint64_t word, Bytes key) const -> Match {
 }
 
 template <class Stores>
+void Index<Stores>::prefetch(uint64_t hash) const {
+  if (!directory_.empty()) {
+    const Place segment = directory_[prefixOf(hash, depth_)].place;
+    __builtin_prefetch(pen_->bytes(segment.offset() + Spot(hash).bucket(segment.words() / bucketWords) * lineBytes));
+  }
+}
+
+template <class Stores>
 auto Index<Stores>::probe(uint64_t hash, Bytes key) const -> Probe {
   Probe result;
   const Place segment = directory_[firstOf(hash)].place;
   const Spot spot(hash);
   const size_t buckets = segment.words() / bucketWords;
   for (size_t n = 0; n < buckets; ++n) {
-    const size_t bucket = segment.offset() + ((spot.bucket(buckets) + n) & (buckets - 1)) * lineBytes;
-    bool hasEmpty = false;
-    for (size_t at = bucket; at < bucket + lineBytes; at += sizeof(uint64_t)) {
-      const uint64_t word = pen_->load(at);
-      hasEmpty |= word == emptyWord;
-      if (!isLive(word)) {
-        result.free = result.free ? result.free : at;
-      } else if (fingerprintOf(word) == spot.fingerprint()) {
-        const Match match = this->match(word, key);
-        if (match == Match::mine) {
-          result.standing = at;
-          return result;
-        }
-        if (match == Match::damaged && !result.damaged) {
-          result.damaged = at;
-        }
+    const size_t at = segment.offset() + ((spot.bucket(buckets) + n) & (buckets - 1)) * lineBytes;
+    const Word* bucket = pen_->words(at);
+    for (unsigned matches = matchesIn(bucket, spot.fingerprint()); matches != 0; matches &= matches - 1) {
+      const auto slot = static_cast<size_t>(std::countr_zero(matches));
+      prefetchBlock(pen_->bytes(size_t{unitsOf(bucket[slot].load(std::memory_order_relaxed))} * unitBytes));
+      const Match match = this->match(bucket[slot].load(std::memory_order_relaxed), key);
+      if (match == Match::mine) {
+        result.standing = at + slot * sizeof(uint64_t);
+        return result;
+      }
+      if (match == Match::damaged && !result.damaged) {
+        result.damaged = at + slot * sizeof(uint64_t);
       }
     }
-    if (hasEmpty) {
+    const unsigned notLive = matchesIn(bucket, 0);
+    if (notLive != 0 && !result.free) {
+      result.free = at + static_cast<size_t>(std::countr_zero(notLive)) * sizeof(uint64_t);
+    }
+    if (hasEmptyWord(bucket)) {
       break;
     }
   }
@@ -169,10 +177,7 @@ bool Index<Stores>::del(uint64_t hash, Bytes key) {
     return false;
   }
   const uint64_t old = pen_->load(*slot);
-  bool hasEmpty = false;
-  for (size_t at = *slot / lineBytes * lineBytes, end = at + lineBytes; at < end; at += sizeof(uint64_t)) {
-    hasEmpty |= pen_->load(at) == emptyWord;
-  }
+  const bool hasEmpty = hasEmptyWord(pen_->words(*slot / lineBytes * lineBytes));
   pen_->store(*slot, hasEmpty ? emptyWord : tombstone);
   Segment& segment = segmentOf(hash);
   segment.dead += hasEmpty ? 0 : 1;

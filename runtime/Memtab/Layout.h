@@ -106,6 +106,27 @@ constexpr uint64_t fingerprintOf(uint64_t word) { return word >> 48; }
 constexpr uint32_t unitsOf(uint64_t word) { return static_cast<uint32_t>(word); }
 constexpr bool isLive(uint64_t word) { return fingerprintOf(word) != 0; }
 
+// Which words of a bucket carry a fingerprint, one bit each; and whether one is empty. Without branches on the words:
+// the CPU would guess them wrong once a look-up, and with a right guess it already begins the next look-up while this
+// one waits for memory.
+inline unsigned matchesIn(const Word* bucket, uint64_t fingerprint) {
+  uint64_t result = 0;
+#pragma GCC unroll 8
+  for (unsigned i = 0; i < bucketWords; ++i) {
+    const uint64_t difference = fingerprintOf(bucket[i].load(std::memory_order_acquire)) ^ fingerprint;
+    result |= (difference - 1) >> 63 << i;
+  }
+  return static_cast<unsigned>(result);
+}
+inline bool hasEmptyWord(const Word* bucket) {
+  bool result = false;
+#pragma GCC unroll 8
+  for (unsigned i = 0; i < bucketWords; ++i) {
+    result |= bucket[i].load(std::memory_order_acquire) == emptyWord;
+  }
+  return result;
+}
+
 // Where a hash belongs in a segment. The multiplication makes both parts depend on all bits, whatever share of them the
 // directory already used. No fingerprint is 0: that is how empty words and tombstones match nobody.
 struct Spot {
@@ -117,6 +138,14 @@ struct Spot {
 
 // The directory index of a hash: its upper bits.
 constexpr size_t prefixOf(uint64_t hash, unsigned depth) { return depth == 0 ? 0 : hash >> (64 - depth); }
+
+// Asks for all lines of a block of usual size. An address where nothing is does no harm.
+inline void prefetchBlock(const std::byte* block) {
+  constexpr size_t usualBytes = 112;
+  __builtin_prefetch(block);
+  __builtin_prefetch(block + lineBytes);
+  __builtin_prefetch(block + usualBytes - 1);
+}
 
 // The first word of a block.
 struct BlockHead {

@@ -36,9 +36,8 @@ class Pen {
 
   // The writer reads its own stores, so plain reads race with nobody.
   const std::byte* bytes(size_t offset) const { return base_ + offset; }
-  uint64_t load(size_t offset) const {
-    return reinterpret_cast<const Word*>(base_ + offset)->load(std::memory_order_relaxed);
-  }
+  const Word* words(size_t offset) const { return reinterpret_cast<const Word*>(bytes(offset)); }
+  uint64_t load(size_t offset) const { return words(offset)->load(std::memory_order_relaxed); }
 
   // Readers learn the new size before anything beyond the old one is named. Throws NoSpace.
   uint32_t allocate(size_t bytes) {

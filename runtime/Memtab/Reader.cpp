@@ -36,56 +36,56 @@ bool Reader::isUsable(Place place) const {
   return place.offset() >= headerBytes && place.offset() + place.bytes() <= view_.size();
 }
 
-// Two lines: most records end in the second. Prefetching an address that is not there does no harm.
-void Reader::prefetch(uint64_t word) const {
-  const std::byte* block = view_.base + size_t{unitsOf(word)} * unitBytes;
-  __builtin_prefetch(block);
-  __builtin_prefetch(block + lineBytes);
-}
-
 Reader::Chain Reader::walk(unsigned collection, uint64_t hash) const {
   ZOL_ASSERT(collection < collectionCount_);
   Chain chain;
-  chain.descriptorAt = at(descriptorsAt + 8 * size_t{collection});
+  chain.descriptorAt = at(descriptorsAt + sizeof(uint64_t) * collection);
   chain.descriptor = chain.descriptorAt->load(std::memory_order_acquire);
   const Place directory = Place::of(chain.descriptor);
-  const auto damaged = [&](const char* what) {
-    chain.damage.what = what;
-    chain.damage.collection = collection;
-    return chain;
-  };
   if (!Place::isIntact(chain.descriptor)) {
-    return damaged("descriptor damaged");
+    chain.damage = "descriptor damaged";
+    return chain;
   }
   if (directory.units == 0) {
     return chain;
   }
   if (directory.depth != directory.sizeLog2 || !isUsable(directory)) {
-    return damaged("directory outside the region");
+    chain.damage = "directory outside the region";
+    return chain;
   }
-  chain.directoryAt = at(directory.offset() + 8 * prefixOf(hash, directory.depth));
+  chain.directoryAt = at(directory.offset()) + prefixOf(hash, directory.depth);
   chain.directory = chain.directoryAt->load(std::memory_order_acquire);
-  chain.segment = Place::of(chain.directory);
+  const Place segment = chain.segment();
   if (!Place::isIntact(chain.directory)) {
-    return damaged("directory word damaged");
+    chain.damage = "directory word damaged";
+  } else if (segment.depth > directory.depth || segment.words() < bucketWords || !isUsable(segment)) {
+    chain.damage = "segment outside the region";
+  } else {
+    chain.slots = at(segment.offset());
   }
-  if (chain.segment.units == 0 || chain.segment.depth > directory.depth || chain.segment.words() < bucketWords ||
-      !isUsable(chain.segment)) {
-    return damaged("segment outside the region");
-  }
-  chain.slots = at(chain.segment.offset());
   return chain;
 }
 
 Lookup Reader::get(unsigned collection, uint64_t hash, Bytes key, Buffer& buffer) const {
   Lookup result;
   for (int tries = 0; tries < triesMax; ++tries) {
-    if (tryGet(collection, hash, key, buffer, result)) {
-      return result;
+    switch (tryGet(collection, hash, key, buffer, result)) {
+      case Try::found:
+        result.state = Found::found;
+        return result;
+      case Try::absent:
+        result.state = Found::absent;
+        return result;
+      case Try::damaged:
+        result.state = Found::damaged;
+        return result;
+      case Try::changed:
+        ++retries_;
+        break;
     }
-    ++retries_;
   }
-  return {.state = Found::recovering, .record = {}, .damage = {}};
+  result.state = Found::recovering;
+  return result;
 }
 
 Lookup Reader::get(unsigned collection, uint64_t hash, Bytes key) const {
@@ -93,66 +93,58 @@ Lookup Reader::get(unsigned collection, uint64_t hash, Bytes key) const {
   return get(collection, hash, key, buffer);
 }
 
-// False: something changed under our hands. A damaged word does not end the search, since another key of the same
-// fingerprint may be the damaged one.
-bool Reader::tryGet(unsigned collection, uint64_t hash, Bytes key, Buffer& buffer, Lookup& result) const {
-  result = {};
+// A damaged word does not end the search: another key of the same fingerprint may be the damaged one.
+inline Reader::Try Reader::tryGet(unsigned collection, uint64_t hash, Bytes key, Buffer& buffer, Lookup& result) const {
   const Chain chain = walk(collection, hash);
-  if (chain.slots == nullptr) {
-    result.state = chain.damage ? Found::damaged : Found::absent;
-    result.damage = chain.damage;
-    return chain.isCurrent();
-  }
   const Spot spot(hash);
-  const size_t buckets = chain.segment.words() / bucketWords;
-  const size_t home = spot.bucket(buckets);
+  Try answer = Try::absent;
+  if (chain.slots == nullptr && chain.damage != nullptr) {
+    result.damage = {chain.damage, collection, 0, 0, 0};
+    answer = Try::damaged;
+  }
+  const size_t buckets = chain.slots == nullptr ? 0 : chain.segment().words() / bucketWords;
   for (size_t n = 0; n < buckets; ++n) {
-    const size_t first = ((home + n) & (buckets - 1)) * bucketWords;
-    bool hasEmpty = false;
-    for (size_t slot = first; slot < first + bucketWords; ++slot) {
-      const uint64_t word = chain.slots[slot].load(std::memory_order_acquire);
-      hasEmpty |= word == emptyWord;
-      if (fingerprintOf(word) != spot.fingerprint()) {
-        continue;
+    const size_t first = ((spot.bucket(buckets) + n) & (buckets - 1)) * bucketWords;
+    for (unsigned matches = matchesIn(chain.slots + first, spot.fingerprint()); matches != 0; matches &= matches - 1) {
+      const size_t slot = first + static_cast<size_t>(std::countr_zero(matches));
+      const Try outcome = judge(chain, slot, spot.fingerprint(), key, buffer, result);
+      if (outcome == Try::found || outcome == Try::changed) {
+        return outcome;
       }
-      prefetch(word);
-      const Verdict verdict = judge(chain, slot, word, key, buffer, result);
-      if (verdict == Verdict::intact || verdict == Verdict::changed) {
-        return verdict == Verdict::intact;
-      }
+      answer = outcome == Try::damaged ? outcome : answer;
     }
-    if (hasEmpty) {
+    if (hasEmptyWord(chain.slots + first)) {
       break;
     }
   }
-  result.state = result.damage ? Found::damaged : Found::absent;
-  return chain.isCurrent();
+  return chain.isCurrent() ? answer : Try::changed;
 }
 
-Reader::Verdict Reader::judge(const Chain& chain, size_t slot, uint64_t word, Bytes key, Buffer& buffer,
-                              Lookup& result) const {
-  const unsigned collection = static_cast<unsigned>(chain.descriptorAt - at(descriptorsAt));
+// What the word in slot, of this fingerprint a moment ago, has to do with key. absent: it is another key's.
+inline Reader::Try Reader::judge(const Chain& chain, size_t slot, uint64_t fingerprint, Bytes key, Buffer& buffer,
+                                 Lookup& result) const {
+  const uint64_t word = chain.slots[slot].load(std::memory_order_acquire);
+  prefetchBlock(blockAt(word));
+  const auto collection = static_cast<unsigned>(chain.descriptorAt - at(descriptorsAt));
   BlockHead head{};
   const char* what = copyBlock(collection, unitsOf(word), buffer, head);
-  if (chain.slots[slot].load(std::memory_order_acquire) != word || !chain.isCurrent()) {
-    return Verdict::changed;
+  if (fingerprintOf(word) != fingerprint || chain.slots[slot].load(std::memory_order_acquire) != word ||
+      !chain.isCurrent()) {
+    return Try::changed;
   }
   if (what == nullptr) {
     const Bytes itsKey = buffer.bytes(sizeof(uint64_t), head.keyLength);
-    if (itsKey.size() == key.size() && std::memcmp(itsKey.data(), key.data(), key.size()) == 0) {
-      result = {
-          .state = Found::found, .record = buffer.bytes(head.recordAt(), head.length - head.recordAt()), .damage = {}};
-      return Verdict::intact;
+    if (itsKey.size() == key.size() && std::equal(key.begin(), key.end(), itsKey.begin())) {
+      result.record = buffer.bytes(head.recordAt(), head.length - head.recordAt());
+      return Try::found;
     }
-    if (Spot(hashes_[collection](itsKey)).fingerprint() == fingerprintOf(word)) {
-      return Verdict::otherKey;
+    if (Spot(hashes_[collection](itsKey)).fingerprint() == fingerprint) {
+      return Try::absent;
     }
     what = "index word names another key's block";
   }
-  if (!result.damage) {
-    result.damage = {what, collection, chain.segment.offset(), slot, size_t{unitsOf(word)} * unitBytes};
-  }
-  return Verdict::damaged;
+  result.damage = {what, collection, chain.segment().offset(), slot, size_t{unitsOf(word)} * unitBytes};
+  return Try::damaged;
 }
 
 // The first word of the block at units. Returns what is wrong with it; nullptr: nothing, all its words may be read.
@@ -190,6 +182,7 @@ const char* Reader::copyKey(unsigned collection, uint32_t units, KeyCopy& key) c
     return what;
   }
   key.length = BlockHead::of(first).keyLength;
+  key.blockLength = BlockHead::of(first).length;
   const Word* from = at(size_t{units} * unitBytes) + 1;
   for (size_t i = 0; i < (key.length + 7) / 8; ++i) {
     key.words[i] = from[i].load(std::memory_order_acquire);

@@ -88,10 +88,10 @@ class Reader {
     uint64_t descriptor = 0;
     const Word* directoryAt = nullptr;
     uint64_t directory = 0;
-    Place segment;  // units 0: nothing there
-    const Word* slots = nullptr;
-    Damage damage;
+    const Word* slots = nullptr;   // nullptr: no segment
+    const char* damage = nullptr;  // why not, if it is not the empty collection
 
+    Place segment() const { return Place::of(directory); }
     // Whether both words still read the same.
     bool isCurrent() const {
       return descriptorAt->load(std::memory_order_acquire) == descriptor &&
@@ -100,20 +100,21 @@ class Reader {
   };
   struct KeyCopy {
     std::array<uint64_t, BlockHead::keyLengthMax / 8 + 1> words;
-    size_t length;
+    size_t length = 0;
+    size_t blockLength = 0;
     Bytes bytes() const { return std::as_bytes(std::span(words)).first(length); }
   };
-  enum class Verdict : uint8_t { intact, otherKey, changed, damaged };
+  enum class Try : uint8_t { found, absent, damaged, changed };
 
   const Word* at(size_t offset) const { return reinterpret_cast<const Word*>(view_.base + offset); }
   uint64_t load(size_t offset) const { return at(offset)->load(std::memory_order_acquire); }
   uint64_t header(size_t offset) const { return load(offset); }
   bool isUsable(Place place) const;
-  void prefetch(uint64_t word) const;
+  const std::byte* blockAt(uint64_t word) const { return view_.base + size_t{unitsOf(word)} * unitBytes; }
 
   Chain walk(unsigned collection, uint64_t hash) const;
-  bool tryGet(unsigned collection, uint64_t hash, Bytes key, Buffer& buffer, Lookup& result) const;
-  Verdict judge(const Chain& chain, size_t slot, uint64_t word, Bytes key, Buffer& buffer, Lookup& result) const;
+  Try tryGet(unsigned collection, uint64_t hash, Bytes key, Buffer& buffer, Lookup& result) const;
+  Try judge(const Chain& chain, size_t slot, uint64_t fingerprint, Bytes key, Buffer& buffer, Lookup& result) const;
   const char* copyBlock(unsigned collection, uint32_t units, Buffer& buffer, BlockHead& head) const;
   const char* readHead(unsigned collection, uint32_t units, uint64_t& first) const;
   const char* copyKey(unsigned collection, uint32_t units, KeyCopy& key) const;

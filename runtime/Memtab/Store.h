@@ -50,6 +50,7 @@ class BasicStore {
   // Throws RangeException for a key or record too long, NoSpace when the region cannot grow; the table stands as it
   // did.
   PutResult put(unsigned collection, uint64_t hash, Bytes key, Bytes record) {
+    index(collection).prefetch(hash);  // comes while the block is made
     const PutResult result = index(collection).put(hash, key, blockOf(collection, key, record));
     if (result != PutResult::unchanged) {
       changed(collection, result == PutResult::inserted);
