@@ -12,13 +12,12 @@ class SharedStore : public Zol::PtrInterface {
  public:
   // A region in private memory with one collection for each hash. fingerprint tells record layouts apart.
   SharedStore(std::uint64_t fingerprint, std::span<const HashFn> hashes)
-      : region_(Region::anonymous()), store_(region_, fingerprint, hashes) {}
+      : store_(Region::anonymous(), fingerprint, hashes) {}
 
   Store& store() { return store_; }
   const Store& store() const { return store_; }
 
  private:
-  Region region_;
   Store store_;
 };
 

@@ -87,6 +87,19 @@ class OrderedCollection {
     ++version_;
   }
 
+  // The first key in order for which is(key) holds, or null. Valid until the next change.
+  template <class Predicate>
+  const K* firstKey(Predicate&& is) const {
+    for (const Chunk& chunk : chunks_) {
+      for (const Member& member : chunk) {
+        if (is(member.key)) {
+          return &member.key;
+        }
+      }
+    }
+    return nullptr;
+  }
+
   Iterator begin() const { return Iterator(this, Place{0, 0}); }
   static End end() { return {}; }
   // At the member, or at the first one behind it when it is absent.

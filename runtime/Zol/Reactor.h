@@ -15,6 +15,7 @@
 // last act is handleInitialized(), the first full pass over the inputs. All calls come on the scheduler's thread.
 #pragma once
 
+#include <type_traits>
 #include <utility>
 
 #include "runtime/Zol/Channel.h"
@@ -77,10 +78,12 @@ template <class Owner, class Notifier, class Key = NoKey>
 class Notifiee final : public ReactorPart, private Listener<Key> {
  public:
   using ChannelOf = Channel<Key>& (Notifier::*)() const;
+  static constexpr bool isSingleValue = std::is_same_v<Key, NoKey>;
+  using OnKey = std::conditional_t<isSingleValue, void (Owner::*)(), void (Owner::*)(const Key&)>;
   struct Handlers {
-    void (Owner::*onKey)(const Key&) = nullptr;  // a member changed
-    void (Owner::*onAll)() = nullptr;            // any member may have changed
-    void (Owner::*onNotifier)() = nullptr;       // pointed at a new notifier while active
+    OnKey onKey = nullptr;                 // a member, or the single value, changed
+    void (Owner::*onAll)() = nullptr;      // any member may have changed
+    void (Owner::*onNotifier)() = nullptr;  // pointed at a new notifier while active
   };
 
   Notifiee(Owner& owner, PtrConst<Notifier> notifier, ChannelOf channelOf, Handlers handlers)
@@ -114,7 +117,12 @@ class Notifiee final : public ReactorPart, private Listener<Key> {
   bool reacts() const { return active_ && !zombie_; }
 
   void onKey(const Key& key) override {
-    if (reacts() && handlers_.onKey != nullptr) {
+    if (!reacts() || handlers_.onKey == nullptr) {
+      return;
+    }
+    if constexpr (isSingleValue) {
+      (owner_.*handlers_.onKey)();
+    } else {
       (owner_.*handlers_.onKey)(key);
     }
   }

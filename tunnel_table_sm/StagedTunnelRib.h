@@ -1,0 +1,36 @@
+// StagedTunnelRib: the entries of one RIB table that a review touches. Each is read once, changed in memory as often as
+// the review's steps say, and written back at the end, once at most and only if it has become another: same ids in
+// another order, preference and metrics is the same entry. So a tunnel that is taken out and filed again leaves no
+// trace in the table, and readers never see the steps between.
+#pragma once
+
+#include <utility>
+#include <vector>
+
+#include "tunnel/TunnelRib.h"
+
+namespace Tunnel::TunnelTable {
+
+class StagedTunnelRib {
+ public:
+  struct Staged {
+    Ipkit::IpGenPrefix tep;
+    TunnelRibEntry standing;  // as the table has it; empty when it has none that can be read
+    TunnelRibEntry now;       // as it shall be; without ids: deleted
+  };
+
+  explicit StagedTunnelRib(Zol::Ptr<TunnelRib> rib) : rib_(std::move(rib)) {}
+
+  const Zol::Ptr<TunnelRib>& rib() const { return rib_; }
+  // The entry of the endpoint, to read and to change. Good until the next call for another endpoint.
+  TunnelRibEntry& entry(const Ipkit::IpGenPrefix& tep);
+  // What was touched since the last write; a review touches one endpoint or two.
+  std::vector<Staged>& touched() { return touched_; }
+  void write();
+
+ private:
+  Zol::Ptr<TunnelRib> rib_;
+  std::vector<Staged> touched_;
+};
+
+}  // namespace Tunnel::TunnelTable

@@ -1,0 +1,146 @@
+// TunnelRibBuilderSm: builds one tunnel RIB from the protocol tunnel tables.
+//
+//   any change ──▶ tunnelForReview ──task──▶ updateTunnelRibEntry(id)
+//                   (a set of ids)             │ what do the tables say of the tunnel now?
+//                                              ▼
+//        tunnelIdToTep, internalTunnelRib   the candidates of each endpoint, in order of preference
+//                                              ▼
+//        per-protocol RIBs, tunnelRib       what readers see: the best source's tunnels of each endpoint
+//
+// A notification files an id and returns. The task drains the ids one by one and gives the processor back whenever the
+// scheduler asks, keeping its place in a bookmark. A review decides from the tables as they are at that moment, works
+// on copies of the RIB entries it touches, and writes what has changed when it is done.
+//
+// The RIBs outlive the builder. A new one first removes what no longer holds, takes the rest into its candidate store,
+// and then reviews every tunnel; entries that are still right are never touched.
+//
+// An endpoint has at most 512 tunnels in a RIB entry. A tunnel that finds its entry full waits as a candidate; when one
+// leaves, the waiting tunnel with the smallest id moves up.
+#pragma once
+
+#include <array>
+#include <memory>
+#include <optional>
+
+#include "runtime/Quor/ClockNotifiee.h"
+#include "runtime/Quor/OwnedTask.h"
+#include "tunnel/TunnelConvergence.h"
+#include "tunnel_table_sm/CandidateStore.h"
+#include "tunnel_table_sm/EncapsulatedTableEntry.h"
+#include "tunnel_table_sm/ProtocolTunnelSm.h"
+#include "tunnel_table_sm/StagedTunnelRib.h"
+
+namespace Tunnel::TunnelTable {
+
+class TunnelRibBuilderSm final : public TableEntrySm {
+ public:
+  using TunnelForReview = Zol::HashCollection<TunnelId, bool>;
+
+  // tunnelTableEntryFilter is needed only with supportPreferenceRemap; protoTunnelRibColl may be null (no per-protocol
+  // RIBs); every other input must be there.
+  TunnelRibBuilderSm(Zol::PtrConst<TunnelTableEntities> tunnelTableEntities,
+                     Zol::PtrConst<TunnelIdColl> unprogrammableTunnelIds, bool supportPreferenceRemap,
+                     Zol::PtrConst<TunnelTableEntryFilter> tunnelTableEntryFilter, Zol::Ptr<TunnelRib> tunnelRib,
+                     Zol::PtrConst<BgpLuConvergence> bgpLuConvergence, Zol::Ptr<TunnelConvergence> tunnelConvergence,
+                     Zol::Ptr<ProtocolTunnelRibCollection> protoTunnelRibColl, Zol::Ptr<Quor::TaskScheduler> scheduler,
+                     Zol::PtrConst<Quor::Clock> clock);
+
+  bool supportPreferenceRemap() const { return supportPreferenceRemap_; }
+  const Zol::PtrConst<TunnelTableEntryFilter>& tunnelTableEntryFilter() const { return filter_.notifier(); }
+  const Zol::Ptr<TunnelRib>& tunnelRib() const { return tunnelRib_.rib(); }
+  const Zol::Ptr<ProtocolTunnelRibCollection>& protoTunnelRibColl() const { return protoTunnelRibColl_; }
+  const Zol::Ptr<InternalTunnelRib>& internalTunnelRib() const { return internalTunnelRib_; }
+  // The all-zero entry when the tunnel is not filed.
+  TunnelIdToTepEntry tunnelIdToTep(const TunnelId& id) const;
+  const TunnelForReview& tunnelForReview() const { return tunnelForReview_; }
+  const TunnelId& tunnelReviewBookmark() const { return tunnelReviewBookmark_; }
+  double tunnelReviewDelay() const { return tunnelReviewDelay_; }  // seconds
+  const Quor::TimerTask* task() const { return task_ ? &*task_ : nullptr; }
+  bool initialized() const { return initialized_; }
+  bool waitingToNotifyConverged() const { return waitingToNotifyConverged_; }
+
+  // The backlog (TunnelRibBuilderSm.cpp).
+  void handleInitialized();
+  void handleTunnelTableEntity(const std::string& name) override;
+  using TableEntrySm::handleTunnelTableEntity;
+  void handleTunnelTableEntry(const TunnelId& tunnelId, TunnelTableIdentifier tableId, bool isDeletion) override;
+  void handleUnprogrammableEntry(const TunnelId& tunnelId) override;
+  void handlePreference(const TunnelId& tunnelId);
+  void tunnelForReviewIs(const TunnelId& tunnelId);
+  void tunnelForReviewDel(const TunnelId& tunnelId) { tunnelForReview_.erase(tunnelId); }
+  void scheduleTunnelReview();
+  void drainTunnelBacklog();
+
+  // One tunnel's review, and the choice of the best (TunnelRibSelection.cpp).
+  void updateTunnelRibEntry(const TunnelId& tunnelId);
+  TunnelEntryPref getPreference(const TunnelTableEntry& entry) const;
+
+  // What an earlier run left (TunnelRibStale.cpp). Walks the RIB once; the second pass the RIBs of all types.
+  void removeStaleEntries(const Zol::Ptr<TunnelRib>& rib, bool isProtocolRib);
+  void verifyProtoTunnelRibColl();
+
+  // Convergence (TunnelRibConvergence.cpp).
+  void handleBgpLuConverged();
+  bool maybeUpdateTunnelRibConvergenceSeqno();
+  void handleConvergenceUpdateWaitMax();
+  void updateTunnelRibConvergenceSeqno();
+
+ private:
+  void taskIs(const Zol::Ptr<Quor::TaskScheduler>& scheduler, Quor::TaskPriority priority, const char* name);
+  TunnelRibId ribId() const { return tunnelRib()->id(); }
+  EncapsulatedTableEntry freshEntry(const TunnelId& id) const;
+  bool contributes(const EncapsulatedTableEntry& entry) const;
+  bool isUnprogrammable(const TunnelId& id) const;
+
+  // Steps of a review.
+  void doUpdateLocalCollectionsAndTunnelRib(const EncapsulatedTableEntry& entry, const Ipkit::IpGenPrefix& tep,
+                                            bool add);
+  void doAddCandidate(const EncapsulatedTableEntry& entry, const Ipkit::IpGenPrefix& tep);
+  void doRemoveCandidate(const EncapsulatedTableEntry& entry, const Ipkit::IpGenPrefix& tep);
+  bool doUpdateProtoTunnelRibColl(const Ipkit::IpGenPrefix& tep, const TunnelId& id, TunnelType type, bool add);
+  StagedTunnelRib& assertProtoTunnelRib(TunnelType type);
+  void doUpdateTunnelRibEntry(const EncapsulatedTableEntry& entry, const Ipkit::IpGenPrefix& tep, bool add);
+  void doAddToTunnelRibEntry(const EncapsulatedTableEntry& entry, const Ipkit::IpGenPrefix& tep);
+  void doRemoveFromTunnelRibEntry(const TunnelId& id, const Ipkit::IpGenPrefix& tep);
+  bool shouldReplaceTunnelRibEntries(TunnelEntryPref existingPref, TunnelEntryPref newPref, const TunnelId& existingId,
+                                     const TunnelId& newId) const;
+  void doAddTunnelId(const EncapsulatedTableEntry& entry, const Ipkit::IpGenPrefix& tep, TunnelEntryPref pref);
+  void doDeleteTunnelId(const TunnelId& id, const Ipkit::IpGenPrefix& tep);
+  void doSelectBestAndUpdateTunnelRib(const Ipkit::IpGenPrefix& tep);
+  void doAddPeers(const TunnelTableEntry& winner, const TunnelTableOrderedEntry& candidates);
+
+  // The end of a review: what changed is completed and written.
+  void doWriteReview(const EncapsulatedTableEntry& reviewed);
+  void doMoveUpWaiting(StagedTunnelRib::Staged& staged, bool isProtocolRib);
+  void doRefreshMetrics(StagedTunnelRib::Staged& staged, const EncapsulatedTableEntry& reviewed);
+
+  void fileCandidate(const TunnelTableEntry& head, TunnelEntryPref pref);
+
+  const bool supportPreferenceRemap_;
+  Zol::Notifiee<TunnelRibBuilderSm, TunnelTableEntryFilter, TunnelId> filter_;
+  StagedTunnelRib tunnelRib_;
+  Zol::Notifiee<TunnelRibBuilderSm, BgpLuConvergence> bgpLuConvergence_;
+  const Zol::Ptr<TunnelConvergence> tunnelConvergence_;
+  const Zol::Ptr<ProtocolTunnelRibCollection> protoTunnelRibColl_;
+  const Zol::Ptr<Quor::TaskScheduler> scheduler_;
+  const Zol::PtrConst<Quor::Clock> clock_;
+
+  Zol::Ptr<InternalTunnelRib> internalTunnelRib_;
+  Zol::HashCollection<TunnelId, TunnelIdToTepEntry> tunnelIdToTep_;
+  std::array<std::optional<StagedTunnelRib>, 16> protoTunnelRib_;  // by tunnel type
+
+  TunnelForReview tunnelForReview_;
+  TunnelId tunnelReviewBookmark_;  // where the next drain goes on; zero: at the start
+  double tunnelReviewDelay_ = 0.01;
+  // A builder that is replaced takes its pending run and its deadline with it.
+  std::optional<Quor::OwnedTask<TunnelRibBuilderSm>> task_;
+  bool initialized_ = false;
+
+  bool waitingToNotifyConverged_ = false;
+  double convergenceUpdateWaitTime_;  // when the wait ends
+  Quor::OwnedClockNotifiee<TunnelRibBuilderSm> deadline_;
+};
+
+inline constexpr Zol::Factory<TunnelRibBuilderSm> tunnelRibBuilderSmFactory;
+
+}  // namespace Tunnel::TunnelTable

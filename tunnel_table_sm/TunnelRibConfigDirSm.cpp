@@ -1,0 +1,121 @@
+#include "tunnel_table_sm/TunnelRibConfigDirSm.h"
+
+#include "runtime/Fastlog/TraceHelper.h"
+
+FASTLOG_DEFAULT_HANDLE("TunnelRibConfigDirSm")
+
+namespace Tunnel::TunnelTable {
+namespace {
+
+#define CONFIG_DIR "Tunnel::TunnelTable::TunnelRibConfigDirSm::"
+constexpr auto initializedSignature = "void " CONFIG_DIR "handleInitialized()";
+constexpr auto allConfigSignature = "void " CONFIG_DIR "handleRibConfig()";
+constexpr auto configSignature = "void " CONFIG_DIR "handleRibConfig(Zol::Name)";
+constexpr auto staleSignature = "void " CONFIG_DIR "removeStaleIdMapEntries()";
+constexpr auto createSignature = "void " CONFIG_DIR "createTunnelRibSm(const PtrConst&, const Ptr&)";
+constexpr auto deleteSignature = "void " CONFIG_DIR "deleteTunnelRib(Zol::Name)";
+#undef CONFIG_DIR
+
+constexpr std::uint32_t sharedMemoryTableType = 0;
+constexpr std::uint32_t customRibSize = 1024;
+
+std::string statusPath(TunnelRibId id) { return tunnelRibStatusPathPrefix + std::to_string(id); }
+
+}  // namespace
+
+TunnelRibConfigDirSm::TunnelRibConfigDirSm(
+    Zol::Ptr<TunnelRib> systemTunnelRib, Zol::PtrConst<BgpLuConvergence> bgpLuConvergence,
+    Zol::Ptr<TunnelConvergence> tunnelConvergence, Zol::PtrConst<TunnelRibConfigDir> tunnelRibConfigDir,
+    Zol::Ptr<TunnelTableInfoCollection> tunnelTableInfoColl, Zol::Ptr<Statehub::EntityManager> entityManager,
+    Zol::Ptr<ProtocolTunnelRibCollection> protoTunnelRibColl, Zol::Ptr<TunnelIdColl> unprogrammableTunnelIds,
+    Zol::Ptr<TunnelRibNameIdMap> tunnelRibIdMap, Zol::Ptr<Quor::TaskScheduler> scheduler)
+    : systemTunnelRib_(std::move(systemTunnelRib)),
+      bgpLuConvergence_(std::move(bgpLuConvergence)),
+      tunnelConvergence_(std::move(tunnelConvergence)),
+      tunnelRibConfigDir_(*this, std::move(tunnelRibConfigDir), &TunnelRibConfigDir::configChannel,
+                          {.onKey = &TunnelRibConfigDirSm::handleRibConfig}),
+      tunnelTableInfoColl_(std::move(tunnelTableInfoColl)),
+      entityManager_(std::move(entityManager)),
+      protoTunnelRibColl_(std::move(protoTunnelRibColl)),
+      unprogrammableTunnelIds_(std::move(unprogrammableTunnelIds)),
+      tunnelRibIdMap_(std::move(tunnelRibIdMap)),
+      scheduler_(std::move(scheduler)),
+      tunnelRibSm_(*this) {
+  handleInitialized();
+}
+
+void TunnelRibConfigDirSm::handleInitialized() {
+  FASTLOG_TRACE(8, initializedSignature);
+  handleRibConfig();
+}
+
+void TunnelRibConfigDirSm::handleRibConfig() {
+  FASTLOG_TRACE(8, allConfigSignature);
+  removeStaleIdMapEntries();
+  for (auto it = tunnelRibConfigDir_->config().begin(); it; ++it) {
+    handleRibConfig(it.key());
+  }
+}
+
+void TunnelRibConfigDirSm::removeStaleIdMapEntries() {
+  FASTLOG_TRACE(8, staleSignature);
+  const std::map<std::string, TunnelRibId>& names = tunnelRibIdMap_->tunnelRibNames();
+  for (auto it = names.begin(); it != names.end();) {
+    const std::string name = (it++)->first;  // on to the next one before this one goes
+    if (!tunnelRibConfigDir_->config(name)) {
+      deleteTunnelRib(name);
+    }
+  }
+}
+
+void TunnelRibConfigDirSm::handleRibConfig(const std::string& name) {
+  FASTLOG_TRACE(8, configSignature << " - configDir : " << name);
+  const Zol::PtrConst<TunnelRibConfig> config = tunnelRibConfigDir_->config(name);
+  if (!config) {
+    deleteTunnelRib(name);
+    return;
+  }
+  const TunnelRibId id = tunnelRibIdMap_->tunnelRibNameIs(name);
+  const Zol::Ptr<TunnelRib> tunnelRib = id == 0 ? systemTunnelRib_ : mountCustomRib(id);
+  tunnelRib->idIs(id);
+  createTunnelRibSm(config, tunnelRib);
+}
+
+Zol::Ptr<TunnelRib> TunnelRibConfigDirSm::mountCustomRib(TunnelRibId id) const {
+  Statehub::MountInfo info(sharedMemoryTableType);
+  info.collectionInfoIs({"entry", customRibSize});
+  entityManager_->doMount(statusPath(id), TunnelRib::entityTypeName, info);
+  const auto tunnelRib = Zol::dynamicPtrCast<TunnelRib>(entityManager_->getEntity(statusPath(id)));
+  ZOL_ASSERT(tunnelRib);
+  return tunnelRib;
+}
+
+void TunnelRibConfigDirSm::createTunnelRibSm(const Zol::PtrConst<TunnelRibConfig>& config,
+                                             const Zol::Ptr<TunnelRib>& tunnelRib) {
+  FASTLOG_TRACE(8, createSignature);
+  Zol::Ptr<TunnelRibBaseSm> sm;
+  if (tunnelRib->id() != 0) {
+    sm = customTunnelRibSmFactory(config, tunnelTableInfoColl_, bgpLuConvergence_, entityManager_,
+                                  unprogrammableTunnelIds_, tunnelRib, tunnelConvergence_, scheduler_);
+  } else {
+    sm = systemTunnelRibSmFactory(config, tunnelTableInfoColl_, bgpLuConvergence_, entityManager_,
+                                  unprogrammableTunnelIds_, tunnelRib, tunnelConvergence_, protoTunnelRibColl_,
+                                  scheduler_);
+  }
+  tunnelRibSm_.is(tunnelRib->id(), sm);
+}
+
+void TunnelRibConfigDirSm::deleteTunnelRib(const std::string& name) {
+  FASTLOG_TRACE(8, deleteSignature << " - configDir : " << name);
+  const std::optional<TunnelRibId> id = tunnelRibIdMap_->tunnelRibNameDel(name);
+  if (!id) {
+    return;
+  }
+  tunnelRibSmDel(*id);
+  // For the system RIB nothing was ever mounted there.
+  entityManager_->cleanup(statusPath(*id));
+  entityManager_->doUnmount(statusPath(*id));
+  tunnelConvergence_->tunnelRibConvergenceSeqnoDel(*id);
+}
+
+}  // namespace Tunnel::TunnelTable

@@ -1,0 +1,62 @@
+// TunnelRibConfigDirSm: keeps exactly one RIB reactor alive for each configured RIB.
+//
+//   TunnelRibConfigDir ──name──▶ id (TunnelRibNameIdMap) ──▶ 0: SystemTunnelRibSm on the given system RIB
+//                                                            n: CustomTunnelRibSm on a table mounted for it
+//
+// Any change of a RIB's configuration replaces its reactor, which builds everything anew over the table that is there.
+// A RIB that leaves the configuration loses reactor, id, table and convergence record.
+#pragma once
+
+#include <string>
+
+#include "tunnel_table_sm/TunnelRibSm.h"
+
+namespace Tunnel::TunnelTable {
+
+// Before the RIB id, where the table of a custom RIB is mounted.
+inline constexpr const char* tunnelRibStatusPathPrefix = "tunnel/tunnelRibs/status/";
+
+class TunnelRibConfigDirSm final : public Zol::Reactor {
+ public:
+  TunnelRibConfigDirSm(Zol::Ptr<TunnelRib> systemTunnelRib, Zol::PtrConst<BgpLuConvergence> bgpLuConvergence,
+                       Zol::Ptr<TunnelConvergence> tunnelConvergence,
+                       Zol::PtrConst<TunnelRibConfigDir> tunnelRibConfigDir,
+                       Zol::Ptr<TunnelTableInfoCollection> tunnelTableInfoColl,
+                       Zol::Ptr<Statehub::EntityManager> entityManager,
+                       Zol::Ptr<ProtocolTunnelRibCollection> protoTunnelRibColl,
+                       Zol::Ptr<TunnelIdColl> unprogrammableTunnelIds, Zol::Ptr<TunnelRibNameIdMap> tunnelRibIdMap,
+                       Zol::Ptr<Quor::TaskScheduler> scheduler);
+
+  // The reactors by RIB id.
+  const Zol::HashCollection<TunnelRibId, Zol::Ptr<TunnelRibBaseSm>>& tunnelRibSm() const {
+    return tunnelRibSm_.members();
+  }
+  void tunnelRibSmDel(TunnelRibId id) { tunnelRibSm_.del(id); }
+  void tunnelRibSmDelAll() { tunnelRibSm_.delAll(); }
+
+  void handleInitialized();
+  void handleRibConfig();
+  void handleRibConfig(const std::string& name);
+
+ private:
+  void removeStaleIdMapEntries();
+  Zol::Ptr<TunnelRib> mountCustomRib(TunnelRibId id) const;
+  void createTunnelRibSm(const Zol::PtrConst<TunnelRibConfig>& config, const Zol::Ptr<TunnelRib>& tunnelRib);
+  void deleteTunnelRib(const std::string& name);
+
+  const Zol::Ptr<TunnelRib> systemTunnelRib_;
+  const Zol::PtrConst<BgpLuConvergence> bgpLuConvergence_;
+  const Zol::Ptr<TunnelConvergence> tunnelConvergence_;
+  Zol::Notifiee<TunnelRibConfigDirSm, TunnelRibConfigDir, std::string> tunnelRibConfigDir_;
+  const Zol::Ptr<TunnelTableInfoCollection> tunnelTableInfoColl_;
+  const Zol::Ptr<Statehub::EntityManager> entityManager_;
+  const Zol::Ptr<ProtocolTunnelRibCollection> protoTunnelRibColl_;
+  const Zol::Ptr<TunnelIdColl> unprogrammableTunnelIds_;
+  const Zol::Ptr<TunnelRibNameIdMap> tunnelRibIdMap_;
+  const Zol::Ptr<Quor::TaskScheduler> scheduler_;
+  Zol::ChildMap<TunnelRibId, TunnelRibBaseSm> tunnelRibSm_;
+};
+
+inline constexpr Zol::Factory<TunnelRibConfigDirSm> tunnelRibConfigDirSmFactory;
+
+}  // namespace Tunnel::TunnelTable
