@@ -63,3 +63,9 @@ class EncapId {
 };
 
 }  // namespace Tunnel::TunnelFib
+
+// The state machines live in TunnelTable and use these names.
+namespace Tunnel::TunnelTable {
+using Tunnel::TunnelFib::EncapId;
+using Tunnel::TunnelFib::EncapType;
+}  // namespace Tunnel::TunnelTable

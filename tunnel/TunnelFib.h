@@ -145,8 +145,6 @@ class TunnelFib : public Zol::Entity {
 
 // The state machines live in TunnelTable and use these names.
 namespace Tunnel::TunnelTable {
-using Tunnel::TunnelFib::EncapId;
-using Tunnel::TunnelFib::EncapType;
 using Tunnel::TunnelFib::GreEncap;
 using Tunnel::TunnelFib::IpsecGreEncap;
 using Tunnel::TunnelFib::IpsecVtiEncap;

@@ -1,0 +1,41 @@
+// EncapRefCounts: how many FIB vias carry each encapsulation id. Ids of a type are handed out in ascending order, so
+// counts lie in pages of neighbouring indexes; a page exists while one of its counts is positive.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <memory>
+
+#include "runtime/Zol/HashCollection.h"
+#include "tunnel/EncapId.h"
+
+namespace Tunnel::TunnelTable {
+
+class EncapRefCounts {
+ public:
+  // 0 for an id without a count.
+  std::uint32_t count(EncapId id) const {
+    const std::unique_ptr<Page>* const page = pages_.find(pageOf(id));
+    return page == nullptr ? 0 : (*page)->counts[slotOf(id)];
+  }
+  void countIs(EncapId id, std::uint32_t count);
+  void clear();
+  // The number of ids with a count.
+  std::size_t size() const { return size_; }
+  std::size_t bytesUsed() const { return pages_.bytesUsed() + pages_.size() * sizeof(Page); }
+
+ private:
+  static constexpr std::uint32_t pageSize = 256;
+  struct Page {
+    std::array<std::uint32_t, pageSize> counts{};
+    std::uint32_t used = 0;
+  };
+
+  static std::uint32_t pageOf(EncapId id) { return id.value() / pageSize; }
+  static std::uint32_t slotOf(EncapId id) { return id.value() % pageSize; }
+
+  Zol::HashCollection<std::uint32_t, std::unique_ptr<Page>> pages_;
+  std::size_t size_ = 0;
+};
+
+}  // namespace Tunnel::TunnelTable
