@@ -98,7 +98,7 @@ TEST(MemtabCursor, survivesChanges) {
       }
       return std::pair(h, key);
     };
-    for (int round = 0; round < 30; ++round) {
+    for (int round = 0; round < 18; ++round) {
       for (int i = 0; i < 3000; ++i) {
         change();
       }
