@@ -1,0 +1,118 @@
+// The backlog and its drain. Ids wait in a set that keeps the order of their hashes, the order of the tables too, so a
+// drain walks the tables rather than jumping about in them.
+//
+//     [ . . a . b . c . . d . ]     a slice reviews from the bookmark on, wraps around at the end, and stops when
+//             ▲ bookmark            the scheduler says so; the next one goes on where it stopped
+//
+// An id leaves the set before its review: what is filed while it is reviewed, itself included, is reviewed again.
+#include "runtime/Fastlog/TraceHelper.h"
+#include "tunnel_table_sm/TunnelFibSm.h"
+
+namespace Tunnel::TunnelTable {
+namespace {
+
+FASTLOG_DEFAULT_HANDLE("TunnelFibSm");
+
+}  // namespace
+
+void TunnelFibSm::tunnelForReviewIs(const TunnelId& tunnelId, bool value) {
+  if (!value) {
+    tunnelForReviewDel(tunnelId);
+    return;
+  }
+  tunnelForReview_.insert(tunnelId);
+  scheduleTunnelReview();
+}
+
+// While a drain runs it decides at its end when to go on.
+void TunnelFibSm::scheduleTunnelReview() {
+  if (draining_ || task_->taskScheduled()) {
+    return;
+  }
+  if (task_->taskWorkPending() != 0) {
+    task_->scheduleTaskLowestDelay(tunnelReviewDelay_);
+  } else {
+    task_->scheduleTask();
+  }
+}
+
+void TunnelFibSm::addDependentTunnelsForReview(const TunnelId& tunnelId) {
+  if (const DependentTunnels* const dependants = dependencies_.dependants(tunnelId)) {
+    dependants->forEach([&](const TunnelId& dependant) {
+      FASTLOG_TRACE(8, "addDependentTunnelsForReview"
+                           << " tunnelId: " << tunnelId << ", adding " << dependant << " for review");
+      tunnelForReviewIs(dependant, true);
+    });
+  }
+}
+
+// The tunnels that wait for this one. Whichever is the smaller set is walked.
+void TunnelFibSm::fileDeferredDependants(const TunnelId& tunnelId) {
+  const DependentTunnels* const dependants = deferred_.empty() ? nullptr : dependencies_.dependants(tunnelId);
+  if (dependants == nullptr) {
+    return;
+  }
+  if (dependants->size() > deferred_.size()) {
+    for (const auto& [waiting, value] : deferred_) {
+      if (dependants->has(waiting)) {
+        tunnelForReviewIs(waiting, true);
+      }
+    }
+    return;
+  }
+  dependants->forEach([this](const TunnelId& dependant) {
+    if (deferred_.has(dependant)) {
+      tunnelForReviewIs(dependant, true);
+    }
+  });
+}
+
+void TunnelFibSm::drainSlice(std::size_t& reviewed) {
+  struct Draining {
+    explicit Draining(bool& flag) : flag_(flag) { flag_ = true; }
+    ~Draining() { flag_ = false; }
+    bool& flag_;
+  } draining(draining_);
+  auto it = !tunnelReviewBookmark_ ? tunnelForReview_.begin() : tunnelForReview_.from(tunnelReviewBookmark_);
+  tunnelReviewBookmark_ = TunnelId();
+  while (it || !tunnelForReview_.empty()) {
+    if (!it) {  // ids were filed behind the place, or the bookmark was behind them all
+      it = tunnelForReview_.begin();
+    }
+    const TunnelId tunnelId = it.key();
+    tunnelForReviewDel(tunnelId);
+    updateTunnelFibEntry(tunnelId);
+    ++reviewed;
+    ++it;
+    if (task_->taskShouldYield()) {
+      FASTLOG_TRACE(6, "drainTunnelBacklog"
+                           << ": Yielding");
+      tunnelReviewBookmark_ = it ? it.key() : TunnelId();
+      return;
+    }
+  }
+}
+
+void TunnelFibSm::drainTunnelBacklog() {
+  if (!initialized_) {
+    return;
+  }
+  FASTLOG_TRACE(6, "void Tunnel::TunnelTable::TunnelFibSm::drainTunnelBacklog()"
+                       << ": " << tunnelForReview_.size() << " backlog entries");
+  std::size_t reviewed = 0;
+  drainSlice(reviewed);
+  const std::size_t remaining = tunnelForReview_.size();
+  FASTLOG_TRACE(6, "drainTunnelBacklog"
+                       << ": Reviewed " << reviewed << " tunnels. " << remaining << " remain in the backlog.");
+  task_->taskWorkCountInc(reviewed);
+  task_->taskWorkPendingIs(remaining);
+  if (remaining != 0) {
+    scheduleTunnelReview();
+    return;
+  }
+  tunnelReviewBookmark_ = TunnelId();
+  ZOL_ASSERT_TEXT(markedUnprocessed_.empty(), "!tunnelFibEntryMarkedUnprocesseds()");
+  task_->unscheduleTask();
+}
+
+}  // namespace Tunnel::TunnelTable

@@ -1,0 +1,183 @@
+// TunnelFibSm: keeps the tunnel FIB in step with the twelve protocol tunnel tables.
+//
+//   table changes ──▶ handle...Entry(id) ──┐                        ┌──▶ TunnelFibWriter ──▶ TunnelFib
+//   FIB changes ────▶ dependants of id ────┴▶ tunnelForReview ─task─┤                            │
+//                              ▲                                    └──▶ unprogrammableTunnelIds │
+//                              └──────────────────── handleTunnelFibEntry ◀──────────────────────┘
+//
+// A notification files an id and returns. The task reviews one tunnel at a time: reads its table entry, builds its vias
+// (TunnelFibViaCalc), writes or withdraws its FIB entry. Every tunnel type takes the same road; what differs between
+// tables is in the two lists of rows below.
+//
+// What one review may leave for later (deferred): the old entry stands until the next levels it waits for have been
+// reviewed. When the backlog is empty nothing is deferred, and the FIB follows from the tables alone.
+//
+// Source units: TunnelFibSm.cpp intake and start, TunnelFibUpdate.cpp the review of one tunnel, TunnelFibBacklog.cpp
+// the backlog and its drain. Scheduler thread only.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "runtime/Quor/OwnedTask.h"
+#include "runtime/Zol/Reactor.h"
+#include "tunnel/TunnelFibCalcResult.h"
+#include "tunnel/TunnelIdColl.h"
+#include "tunnel/TunnelTable.h"
+#include "tunnel_table_sm/TunnelFibDependencies.h"
+#include "tunnel_table_sm/TunnelFibViaCalc.h"
+#include "tunnel_table_sm/TunnelFibWriter.h"
+
+namespace Tunnel::TunnelTable {
+
+// The tables, in the order of the factory's arguments: attribute, type, handler of its entries.
+#define TUNNEL_FIB_TABLES(ROW)                                                            \
+  ROW(bgpLuTable, BgpLuTunnelTable, handleBgpLuTunnelEntry)                               \
+  ROW(ldpTable, LdpTunnelTable, handleLdpSrTunnelEntry)                                   \
+  ROW(srTable, SrTunnelTable, handleLdpSrTunnelEntry)                                     \
+  ROW(bgpLuPushTable, BgpLuPushTunnelTable, handleBgpLuPushTunnelEntry)                   \
+  ROW(staticTable, StaticTunnelTable, handleStaticTunnelEntry)                            \
+  ROW(srTeSegmentListTable, SrTeSegmentListTunnelTable, handleSrTeSegmentListTunnelEntry) \
+  ROW(rsvpTable, RsvpTunnelTable, handleRsvpTunnelEntry)                                  \
+  ROW(greIntfTable, GreIntfTunnelTable, handleGreIntfTunnelEntry)                         \
+  ROW(ipsecVtiIntfTable, IpsecVtiIntfTunnelTable, handleIpsecVtiIntfTunnelEntry)          \
+  ROW(ipsecGreIntfTable, IpsecGreIntfTunnelTable, handleIpsecGreIntfTunnelEntry)          \
+  ROW(nexthopGroupTable, NexthopGroupTunnelTable, handleNexthopGroupTunnelEntry)          \
+  ROW(tiLfaTable, TiLfaTunnelTable, handleTiLfaTunnelEntry)
+
+// The handlers, in the order of the first pass: name, whether it traces each entry, the tables of its full pass.
+#define TUNNEL_FIB_HANDLERS(ROW)                                      \
+  ROW(handleBgpLuPushTunnelEntry, true, bgpLuPushTable())             \
+  ROW(handleBgpLuTunnelEntry, true, bgpLuTable())                     \
+  ROW(handleLdpSrTunnelEntry, true, ldpTable(), srTable())            \
+  ROW(handleRsvpTunnelEntry, true, rsvpTable())                       \
+  ROW(handleSrTeSegmentListTunnelEntry, true, srTeSegmentListTable()) \
+  ROW(handleStaticTunnelEntry, true, staticTable())                   \
+  ROW(handleGreIntfTunnelEntry, true, greIntfTable())                 \
+  ROW(handleIpsecGreIntfTunnelEntry, false, ipsecGreIntfTable())      \
+  ROW(handleIpsecVtiIntfTunnelEntry, false, ipsecVtiIntfTable())      \
+  ROW(handleNexthopGroupTunnelEntry, false, nexthopGroupTable())      \
+  ROW(handleTiLfaTunnelEntry, true, tiLfaTable())
+
+class TunnelFibSm final : public Zol::Reactor {
+ public:
+#define TUNNEL_FIB_PARAMETER(attribute, Table, handler) Zol::PtrConst<Table> attribute,
+  // Any table may be null. Raises InternalException when one of the others is.
+  TunnelFibSm(Zol::Ptr<TunnelFib> tunnelFib, Zol::Ptr<TunnelIdColl> unprogrammableTunnelIds,
+              TUNNEL_FIB_TABLES(TUNNEL_FIB_PARAMETER) Zol::Ptr<Quor::TaskScheduler> scheduler);
+#undef TUNNEL_FIB_PARAMETER
+
+  const Zol::Ptr<TunnelFib>& tunnelFib() const { return tunnelFib_; }
+  const Zol::Ptr<TunnelIdColl>& unprogrammableTunnelIds() const { return unprogrammableTunnelIds_; }
+  const Zol::Ptr<TunnelFibWriter>& tunnelFibWriter() const { return tunnelFibWriter_.ptr(); }
+  bool initialized() const { return initialized_; }
+
+#define TUNNEL_FIB_ATTRIBUTE(attribute, Table, handler)                                         \
+  const Zol::PtrConst<Table>& attribute() const { return attribute##_.notifier(); }             \
+  void attribute##Is(Zol::PtrConst<Table> table) { attribute##_.notifierIs(std::move(table)); } \
+  void attribute##Del() { attribute##Is(nullptr); }
+  TUNNEL_FIB_TABLES(TUNNEL_FIB_ATTRIBUTE)
+#undef TUNNEL_FIB_ATTRIBUTE
+
+  // File a changed entry for review; without a key, every entry of their tables.
+#define TUNNEL_FIB_HANDLER(handler, isTraced, ...) \
+  void handler(const TunnelId& tunnelId);          \
+  void handler();
+  TUNNEL_FIB_HANDLERS(TUNNEL_FIB_HANDLER)
+#undef TUNNEL_FIB_HANDLER
+  // Files the tunnels that resolve through a tunnel whose FIB entry changed.
+  void handleTunnelFibEntry(const TunnelId& tunnelId);
+
+  // Whether the tunnel's type, and for BGP-LU its entry, lets it into the FIB.
+  bool tunnelContributesToTunnelFib(const TunnelId& tunnelId) const;
+  // The head of the tunnel's table entry; empty when there is none. RSVP and TI-LFA tunnels have none here, so that
+  // a tunnel through one of them is told that it is missing.
+  TunnelTableEntry tunnelTableEntry(const TunnelId& tunnelId) const;
+  bool tunnelTableEntryWasDeleted(const TunnelId& tunnelId) const;
+  bool tunnelTableEntryUsable(const TunnelId& tunnelId) const;
+
+  // ---- backlog ----
+  bool tunnelForReview(const TunnelId& tunnelId) const { return tunnelForReview_.has(tunnelId); }
+  std::size_t tunnelForReviews() const { return tunnelForReview_.size(); }
+  void tunnelForReviewIs(const TunnelId& tunnelId, bool value);
+  void tunnelForReviewDel(const TunnelId& tunnelId) { tunnelForReview_.erase(tunnelId); }
+  void tunnelForReviewDelAll() { tunnelForReview_.clear(); }
+  const TunnelId& tunnelReviewBookmark() const { return tunnelReviewBookmark_; }
+  // Seconds between a slice that had to yield and the next.
+  double tunnelReviewDelay() const { return tunnelReviewDelay_; }
+  void tunnelReviewDelayIs(double seconds) { tunnelReviewDelay_ = seconds; }
+  const Quor::TimerTask& task() const { return *task_; }
+  void scheduleTunnelReview();
+  void drainTunnelBacklog();
+  void addDependentTunnelsForReview(const TunnelId& tunnelId);
+  // Whether the tunnel's review is still to come, or was deferred and is to come again.
+  bool isWaiting(const TunnelId& tunnelId) const { return tunnelForReview_.has(tunnelId) || deferred_.has(tunnelId); }
+  std::size_t deferredTunnels() const { return deferred_.size(); }
+
+  // ---- start-up ----
+  void removeStaleEntries();
+  bool tunnelFibEntryMarkedUnprocessed(const TunnelId& tunnelId) const { return markedUnprocessed_.has(tunnelId); }
+  std::size_t tunnelFibEntryMarkedUnprocesseds() const { return markedUnprocessed_.size(); }
+  void tunnelFibEntryMarkedUnprocessedIs(const TunnelId& tunnelId, bool value);
+  void tunnelFibEntryMarkedUnprocessedDel(const TunnelId& tunnelId) { markedUnprocessed_.erase(tunnelId); }
+
+  // ---- review of one tunnel ----
+  void updateTunnelFibEntry(const TunnelId& tunnelId);
+  // Writes or withdraws; whether an entry was written.
+  bool doUpdateTunnelFibEntry(const ConsolidatedTunnelFibEntry& consFibEntry, bool tunnelTableEntryUsable);
+  TunnelFibReview& review() { return review_; }
+
+  const TunnelFibDependencies& dependencies() const { return dependencies_; }
+  TunnelFibDependencies::TunnelIds resolvedByTunnels(const TunnelId& id) const {
+    return dependencies_.resolvedByTunnels(id);
+  }
+  TunnelFibDependencies::TunnelIds directlyDependentTunnels(const TunnelId& id) const {
+    return dependencies_.directlyDependentTunnels(id);
+  }
+  TunnelFibDependencies::TunnelIds tunnelsDirectlyDependingOn(const TunnelId& id) const {
+    return dependencies_.tunnelsDirectlyDependingOn(id);
+  }
+
+ private:
+  void handleInitialized();
+  template <class F>
+  bool visitTableEntry(const TunnelId& tunnelId, F&& f) const;
+  template <class F, class... Tables>
+  void forEachTunnel(F&& file, const Zol::PtrConst<Tables>&... tables) const;
+
+  template <class Entry>
+  void doCalculateTunnelFibEntry(const Entry& entry, TunnelFibCalcResult& result);
+  template <class Entry>
+  void calculateTunnelFibEntryMplsVias(const Entry& entry, TunnelFibCalcResult& result);
+  template <class Entry>
+  void doCollectNextLevels(const Entry& entry);
+  void doUpdateDependencies(const TunnelId& tunnelId);
+  bool doesDefer(const TunnelId& tunnelId, const TunnelFibCalcResult& result) const;
+  void fileDeferredDependants(const TunnelId& tunnelId);
+  void drainSlice(std::size_t& reviewed);
+
+  const Zol::Ptr<TunnelFib> tunnelFib_;
+  const Zol::Ptr<TunnelIdColl> unprogrammableTunnelIds_;
+  const Zol::Ptr<Quor::TaskScheduler> scheduler_;
+  Zol::Notifiee<TunnelFibSm, TunnelFib, TunnelId> watchedFib_;
+#define TUNNEL_FIB_MEMBER(attribute, Table, handler) Zol::Notifiee<TunnelFibSm, Table, TunnelId> attribute##_;
+  TUNNEL_FIB_TABLES(TUNNEL_FIB_MEMBER)
+#undef TUNNEL_FIB_MEMBER
+  Zol::Child<TunnelFibWriter> tunnelFibWriter_;
+
+  double tunnelReviewDelay_ = 0.01;
+  TunnelId tunnelReviewBookmark_;  // where the slice that yielded stopped; zero: none
+  Zol::HashCollection<TunnelId> tunnelForReview_;
+  Zol::HashCollection<TunnelId> markedUnprocessed_;
+  Zol::HashCollection<TunnelId> deferred_;  // reviewed, left as they are until a next level has been reviewed
+  TunnelFibDependencies dependencies_;
+  TunnelFibReview review_;  // kept between reviews for its memory
+  std::unique_ptr<Quor::OwnedTask<TunnelFibSm>> task_;
+  bool initialized_ = false;
+  bool draining_ = false;
+};
+
+// Creates the state machine of the tunnel FIB and switches it on.
+inline constexpr Zol::Factory<TunnelFibSm> tunnelFibSmFactory;
+
+}  // namespace Tunnel::TunnelTable

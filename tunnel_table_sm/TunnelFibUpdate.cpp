@@ -1,0 +1,182 @@
+// The review of one tunnel T:
+//
+//   1. T's table entry is read, once; with it come T's direct next levels.
+//   2. They are recorded. If they changed, the tunnels that were and those that now are on a cycle with T go to review:
+//      they have vias whose verdict may have changed.
+//   3. The vias are computed (TunnelFibViaCalc).
+//   4. T is deferred while it has nothing to offer but a next level may soon have, or while what a next level has is
+//      start-up state and so is T's own. Its old entry stands.
+//   5. Else the entry is written or withdrawn, and whoever waits for T goes to review. A change of the entry reaches
+//      T's dependants through the FIB's notification; here they hear of a lost mark and of (un)programmability.
+//
+// Deferral ends: T waits for tunnels that do not lead back to it, so the waiting ones form no cycle, and the last one
+// waits for a tunnel in the backlog. Its review brings the next one up, and so on to T.
+#include <algorithm>
+
+#include "runtime/Fastlog/TraceHelper.h"
+#include "tunnel_table_sm/TunnelFibSm.h"
+#include "tunnel_table_sm/TunnelFibTableEntry.h"
+#include "tunnel_table_sm/TunnelFibTableVisit.h"
+
+namespace Tunnel::TunnelTable {
+namespace {
+
+FASTLOG_DEFAULT_HANDLE("TunnelFibSm");
+
+}  // namespace
+
+void TunnelFibSm::updateTunnelFibEntry(const TunnelId& tunnelId) {
+  FASTLOG_TRACE(8, "updateTunnelFibEntry"
+                       << " tunnelId: " << tunnelId << " (" << tunnelId.tunnelType() << ")");
+  review_.reset(tunnelId);
+  TunnelFibCalcResult result;
+  const bool exists = visitTableEntry(tunnelId, [&](const auto& entry) {
+    result.tunnelContributingIs(contributesToTunnelFib(entry));
+    if (result.tunnelContributing()) {
+      doCalculateTunnelFibEntry(entry, result);
+    }
+  });
+  result.tunnelTableEntryDeletedIs(!exists);
+  if (!result.tunnelContributing()) {
+    doUpdateDependencies(tunnelId);
+  }
+  if (doesDefer(tunnelId, result)) {
+    FASTLOG_TRACE(8,
+                  "void Tunnel::TunnelTable::TunnelFibSm::updateTunnelFibEntry(const "
+                  "Tunnel::TunnelTable::TunnelId&)"
+                      << " tunnelId: " << tunnelId << " update is being deferred.");
+    deferred_.insert(tunnelId);
+    return;
+  }
+  deferred_.erase(tunnelId);
+  const bool wasUnprogrammable = unprogrammableTunnelIds_->has(tunnelId);
+  const bool isWritten = doUpdateTunnelFibEntry(review_.consFibEntry, result.tunnelContributing());
+  if (markedUnprocessed_.erase(tunnelId) || wasUnprogrammable == isWritten) {
+    addDependentTunnelsForReview(tunnelId);
+  }
+  fileDeferredDependants(tunnelId);
+}
+
+template <class Entry>
+void TunnelFibSm::doCalculateTunnelFibEntry(const Entry& entry, TunnelFibCalcResult& result) {
+  ConsolidatedTunnelFibEntry& consFibEntry = review_.consFibEntry;
+  if constexpr (HoldsMplsVias<Entry> || SharesLabelOp<Entry>) {
+    if (doesPushOnly(entry)) {
+      calculateTunnelFibEntryMplsVias(entry, result);
+    } else {
+      FASTLOG_TRACE(7, "Non push label operation for tableEntry: " << entry << " !!");
+      doUpdateDependencies(entry.tunnelId());
+    }
+  } else {
+    doUpdateDependencies(entry.tunnelId());
+    if constexpr (IsInterfaceTunnel<Entry>) {
+      using Kind = EncapKind<std::remove_cvref_t<decltype(entry.tunnelInfo())>>;
+      for (const Via& via : entry.via()) {
+        ViaAndTunnelInfo info(via, Kind::type);
+        (info.*Kind::infoRef)() = entry.tunnelInfo();
+        consFibEntry.viaInfoIs(info);
+      }
+    } else {
+      static_assert(std::same_as<Entry, NexthopGroupTunnelTableEntry>);
+      consFibEntry.insertInvalidVia(
+          Via(Ipkit::IpGenAddr(), Ipkit::NexthopGroupIntfId::nexthopGroupIdToIntfId(entry.nexthopGroupId())));
+    }
+  }
+}
+
+template <class Entry>
+void TunnelFibSm::calculateTunnelFibEntryMplsVias(const Entry& entry, TunnelFibCalcResult& result) {
+  doCollectNextLevels(entry);
+  doUpdateDependencies(entry.tunnelId());
+  forEachMplsVia(entry, [&](const MplsVia& via) {
+    result.viaResultRef() |= calculateTunnelFibEntryMplsVia(*this, review_.consFibEntry, via);
+  });
+  if constexpr (HoldsBackupVias<Entry>) {
+    review_.consFibEntry.backupViaInfoDelAll();
+    for (const MplsVia& via : entry.backupVia()) {
+      calculateTunnelFibEntryBackupMplsVia(*this, review_.consFibEntry, via);
+    }
+  }
+  if (!review_.nextLevels.empty()) {
+    std::sort(review_.joined.begin(), review_.joined.end());
+    dependencies_.joinedIs(entry.tunnelId(), review_.joined);
+  }
+}
+
+template <class Entry>
+void TunnelFibSm::doCollectNextLevels(const Entry& entry) {
+  std::vector<TunnelId>& next = review_.nextLevels;
+  for (const auto& via : entry.via()) {
+    if (DynamicTunnelIntfId::isDynamicTunnelIntfId(via.intf()) && isLegalNextLevel(via.intf())) {
+      next.push_back(DynamicTunnelIntfId::tunnelId(via.intf()));
+    }
+  }
+  if (next.size() > 1) {
+    std::sort(next.begin(), next.end());
+    next.erase(std::unique(next.begin(), next.end()), next.end());
+  }
+}
+
+void TunnelFibSm::doUpdateDependencies(const TunnelId& tunnelId) {
+  if (dependencies_.hasNextLevels(tunnelId, review_.nextLevels)) {
+    review_.cycle = dependencies_.cycleOf(tunnelId);
+    return;
+  }
+  const auto file = [&](const TunnelFibDependencies::TunnelIds& cycle) {
+    for (const TunnelId& other : cycle) {
+      if (other != tunnelId) {
+        tunnelForReviewIs(other, true);
+      }
+    }
+  };
+  file(dependencies_.cycleOf(tunnelId));
+  dependencies_.nextLevelsIs(tunnelId, review_.nextLevels);
+  review_.cycle = dependencies_.cycleOf(tunnelId);
+  file(review_.cycle);
+}
+
+bool TunnelFibSm::doesDefer(const TunnelId& tunnelId, const TunnelFibCalcResult& result) const {
+  if (review_.metMarked && markedUnprocessed_.has(tunnelId)) {
+    return true;
+  }
+  return result.tunnelContributing() && result.viaResult().recTunNotReady() && review_.consFibEntry.viaInfo().empty();
+}
+
+bool TunnelFibSm::doUpdateTunnelFibEntry(const ConsolidatedTunnelFibEntry& consFibEntry, bool tunnelTableEntryUsable) {
+  const TunnelId& tunnelId = consFibEntry.tunnelId();
+  FASTLOG_TRACE(8, "    "
+                       << "doUpdateTunnelFibEntry"
+                       << " tunnelId: " << tunnelId << " (" << tunnelId.tunnelType()
+                       << ") tunnelTableEntryUsable: " << tunnelTableEntryUsable);
+  if (!tunnelTableEntryUsable) {
+    tunnelFibWriter_->deleteFibEntry(tunnelId);
+    unprogrammableTunnelIds_->entryDel(tunnelId);
+    return false;
+  }
+  constexpr std::size_t countMax = TunnelViaIndex::maxSize();
+  const bool noVias = consFibEntry.viaInfo().empty();
+  const bool tooManyVias = consFibEntry.viaInfos() > countMax;
+  const bool tooManyBackupVias = consFibEntry.backupViaInfos() > countMax;
+  if (tooManyVias) {
+    FASTLOG_TRACE(8, "TunnelFibEntry has too many tunnelVias: " << consFibEntry.viaInfos() << ", (max " << countMax);
+  }
+  if (tooManyBackupVias) {
+    FASTLOG_TRACE(
+        8, "TunnelFibEntry has too many backupTunnelVias: " << consFibEntry.backupViaInfos() << ", (max " << countMax);
+  }
+  if (noVias || tooManyVias || tooManyBackupVias) {
+    tunnelFibWriter_->deleteFibEntry(tunnelId);
+    FASTLOG_TRACE(8, " TunnelId " << tunnelId << " is unprogrammable because "
+                                  << (noVias ? "no tunnelVias" : "too many tunnelVias"));
+    unprogrammableTunnelIds_->entryIs(tunnelId, true);
+    return false;
+  }
+  tunnelFibWriter_->addFibEntry(consFibEntry);
+  if (unprogrammableTunnelIds_->has(tunnelId)) {
+    FASTLOG_TRACE(8, " TunnelId " << tunnelId << " is now programmable");
+    unprogrammableTunnelIds_->entryDel(tunnelId);
+  }
+  return true;
+}
+
+}  // namespace Tunnel::TunnelTable

@@ -1,0 +1,46 @@
+// The vias of one tunnel. Those that leave through another tunnel are replaced by the vias of that tunnel's FIB entry,
+// with the label stacks joined, so that every written via leaves through a real next hop.
+#pragma once
+
+#include <vector>
+
+#include "tunnel/ConsolidatedTunnelFibEntry.h"
+#include "tunnel/TunnelFibViaCalcResult.h"
+
+namespace Tunnel::TunnelTable {
+
+class TunnelFibSm;
+
+// What one review collects; made once and used for every review.
+struct TunnelFibReview {
+  // A via of a next level, ready to be joined.
+  struct JoinableVia {
+    Via via;
+    Ipkit::MplsLabelOperation labelOp;
+    bool isLabelStack = true;
+  };
+
+  ConsolidatedTunnelFibEntry consFibEntry;
+  std::vector<TunnelId> nextLevels;  // direct ones: ascending, without doubles
+  std::vector<TunnelId> joined;      // those of them that vias were joined from
+  std::vector<TunnelId> cycle;       // the tunnels on a cycle with the reviewed one: ascending
+  bool metMarked = false;            // a next level stands in the FIB as an earlier run left it
+  TunnelId nextLevel;                // whose vias are below
+  bool isNextLevelRead = false;
+  std::vector<JoinableVia> nextLevelVias;
+
+  void reset(const TunnelId& tunnelId);
+};
+
+// Adds what one MPLS via of the reviewed tunnel yields to consFibEntry; says what went wrong. The tunnel's direct next
+// levels have been recorded before, so that a change of theirs brings it back whatever happens here.
+TunnelFibViaCalcResult calculateTunnelFibEntryMplsVia(TunnelFibSm& sm, ConsolidatedTunnelFibEntry& consFibEntry,
+                                                      const MplsVia& via);
+// Backup vias are taken as they are, never through other tunnels.
+void calculateTunnelFibEntryBackupMplsVia(TunnelFibSm& sm, ConsolidatedTunnelFibEntry& consFibEntry,
+                                          const MplsVia& via);
+
+// Whether the interface stands for a tunnel whose id exists. Damaged memory may hold others.
+bool isLegalNextLevel(Ipkit::IntfId intf);
+
+}  // namespace Tunnel::TunnelTable
