@@ -1,3 +1,5 @@
+// Size classes as arithmetic on the bits of the size, and what becomes of the ends of pieces: every gap is cut into
+// pieces of whole classes, none of which breaks the alignment that its class promises.
 #include "runtime/Memtab/Allocator.h"
 
 #include <algorithm>

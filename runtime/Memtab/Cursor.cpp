@@ -1,3 +1,5 @@
+// A step looks at the next entry of the snapshot (take()); when that has run out, at the next segment (nextSegment()).
+// Both can find that the writer changed what they were reading: then the segment at hand is snapshot again.
 #include "runtime/Memtab/Cursor.h"
 
 #include <algorithm>
@@ -24,8 +26,7 @@ uint64_t lastHash(uint64_t hash, unsigned depth) { return depth == 0 ? ~uint64_t
 
 }  // namespace
 
-Cursor::Cursor(const Reader& reader, unsigned collection)
-    : reader_(&reader), collection_(collection), chain_(reader.walk(collection, 0)) {}
+Cursor::Cursor(const Reader& reader, unsigned collection) : reader_(&reader), collection_(collection) {}
 
 void Cursor::seek(uint64_t hash, Bytes key) {
   uint64_t* to = buffers_[buffer_].room(key.size() / 8 + 1);

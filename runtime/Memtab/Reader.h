@@ -13,6 +13,9 @@
 // Why "absent" can be trusted: a key never moves within a segment, and a bucket that was full once never shows an
 // empty word again, so the words before a key on its way of search are never empty while it stands.
 //
+// The time of a look-up is that of waiting for two lines of memory, the bucket and the block: the code around is
+// written so that nothing else is waited for (see matchesIn() and prefetchBlock()).
+//
 // Offsets and lengths are checked against the usable size before use, loops are bounded by checked sizes. Only what
 // the checks cannot tell from a writer's work gets through: a flipped fingerprint makes its key absent here, which a
 // Cursor finds.

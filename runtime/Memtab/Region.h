@@ -44,7 +44,7 @@ class Region {
  public:
   static constexpr size_t reserveDefault = size_t{64} << 30;
 
-  // Private memory of this process. It never grows beyond bytesMax.
+  // Private memory of this process. It never grows beyond bytesMax, rounded up to 64 KiB.
   // Throws NoSpace when not even a small range of addresses or the first piece can be had.
   static Region anonymous(size_t bytesMax = reserveDefault);
 

@@ -48,7 +48,7 @@ TEST(MemtabConcurrent, readersSeeWholeRecords) {
   size_t walks = 0;
   size_t recovering = 0;
   for (unsigned n = 0;
-       elapsed() < std::chrono::seconds(1) || (reader.retries() < 100 && elapsed() < std::chrono::seconds(60)); ++n) {
+       elapsed() < std::chrono::seconds(1) || (reader.retries() < 10 && elapsed() < std::chrono::seconds(60)); ++n) {
     for (unsigned i = 0; i < 1000; ++i) {
       const std::string key = std::to_string(i % 3 == 0 ? i % keysSteady : i % 4);
       const Lookup lookup = reader.get(0, hash(bytesOf(key)), bytesOf(key));
