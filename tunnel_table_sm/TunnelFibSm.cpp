@@ -1,8 +1,9 @@
 // Intake: what is watched, the first pass at a start, and what is asked about a tunnel's table entry.
 //
 // A start over a FIB that an earlier run left: entries whose tunnel is gone are deleted first. The others stay as they
-// are, marked unprocessed, until their review; a marked entry is nobody's source of vias. Then every table is walked,
-// so that the first drain reviews everything, and writes what differs.
+// are, marked unprocessed, until their review; a marked entry is nobody's source of vias. Tunnels that were
+// unprogrammable are marked too: until their review it is not known where they lead. Then every table is walked, so
+// that the first drain reviews everything, and writes what differs.
 #include "tunnel_table_sm/TunnelFibSm.h"
 
 #include "runtime/Fastlog/TraceHelper.h"
@@ -61,6 +62,7 @@ void TunnelFibSm::handleInitialized() {
     tunnelForReviewIs(hint.key(), true);
   });
   for (const auto& [tunnelId, value] : unprogrammableTunnelIds_->entry().members()) {
+    markedUnprocessed_.insert(tunnelId, false);
     tunnelForReviewIs(tunnelId, true);
   }
 #define TUNNEL_FIB_FULL_PASS(handler, isTraced, ...) handler();
@@ -90,7 +92,7 @@ void TunnelFibSm::removeStaleEntries() {
 
 void TunnelFibSm::tunnelFibEntryMarkedUnprocessedIs(const TunnelId& tunnelId, bool value) {
   if (value) {
-    markedUnprocessed_.insert(tunnelId);
+    markedUnprocessed_.insertOrAssign(tunnelId, true);
   } else {
     markedUnprocessed_.erase(tunnelId);
   }

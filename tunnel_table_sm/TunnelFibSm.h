@@ -116,7 +116,13 @@ class TunnelFibSm final : public Zol::Reactor {
 
   // ---- start-up ----
   void removeStaleEntries();
-  bool tunnelFibEntryMarkedUnprocessed(const TunnelId& tunnelId) const { return markedUnprocessed_.has(tunnelId); }
+  // Whether the tunnel's FIB entry is as an earlier run left it.
+  bool tunnelFibEntryMarkedUnprocessed(const TunnelId& tunnelId) const {
+    const bool* const hasEntry = markedUnprocessed_.find(tunnelId);
+    return hasEntry != nullptr && *hasEntry;
+  }
+  // The same for what is known of the tunnel at all: an entry, or that it was unprogrammable.
+  bool isFromEarlierRun(const TunnelId& tunnelId) const { return markedUnprocessed_.has(tunnelId); }
   std::size_t tunnelFibEntryMarkedUnprocesseds() const { return markedUnprocessed_.size(); }
   void tunnelFibEntryMarkedUnprocessedIs(const TunnelId& tunnelId, bool value);
   void tunnelFibEntryMarkedUnprocessedDel(const TunnelId& tunnelId) { markedUnprocessed_.erase(tunnelId); }
@@ -168,7 +174,7 @@ class TunnelFibSm final : public Zol::Reactor {
   double tunnelReviewDelay_ = 0.01;
   TunnelId tunnelReviewBookmark_;  // where the slice that yielded stopped; zero: none
   Zol::HashCollection<TunnelId> tunnelForReview_;
-  Zol::HashCollection<TunnelId> markedUnprocessed_;
+  Zol::HashCollection<TunnelId, bool> markedUnprocessed_;  // true: has an entry; false: was unprogrammable
   Zol::HashCollection<TunnelId> deferred_;  // reviewed, left as they are until a next level has been reviewed
   TunnelFibDependencies dependencies_;
   TunnelFibReview review_;  // kept between reviews for its memory

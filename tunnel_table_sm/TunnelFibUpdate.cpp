@@ -136,7 +136,7 @@ void TunnelFibSm::doUpdateDependencies(const TunnelId& tunnelId) {
 }
 
 bool TunnelFibSm::doesDefer(const TunnelId& tunnelId, const TunnelFibCalcResult& result) const {
-  if (review_.metMarked && markedUnprocessed_.has(tunnelId)) {
+  if (review_.metMarked && isFromEarlierRun(tunnelId)) {
     return true;
   }
   return result.tunnelContributing() && result.viaResult().recTunNotReady() && review_.consFibEntry.viaInfo().empty();

@@ -124,9 +124,9 @@ TunnelFibViaCalcResult calculateTunnelFibEntryMplsVia(TunnelFibSm& sm, Consolida
   const TunnelId next = DynamicTunnelIntfId::tunnelId(via.intf());
   TunnelFibReview& review = sm.review();
   const bool leadsBack = isCyclic(review, consFibEntry.tunnelId(), next);
+  review.metMarked |= !leadsBack && sm.isFromEarlierRun(next);
   if (sm.tunnelFibEntryMarkedUnprocessed(next)) {
     FASTLOG_TRACE(7, "      Skipping vias for tunnel " << next << " (marked unprocessed)");
-    review.metMarked |= !leadsBack;
     return result;
   }
   if (leadsBack) {

@@ -24,7 +24,7 @@ struct TunnelFibReview {
   std::vector<TunnelId> nextLevels;  // direct ones: ascending, without doubles
   std::vector<TunnelId> joined;      // those of them that vias were joined from
   std::vector<TunnelId> cycle;       // the tunnels on a cycle with the reviewed one: ascending
-  bool metMarked = false;            // a next level stands in the FIB as an earlier run left it
+  bool metMarked = false;            // a next level is as an earlier run left it
   TunnelId nextLevel;                // whose vias are below
   bool isNextLevelRead = false;
   std::vector<JoinableVia> nextLevelVias;
