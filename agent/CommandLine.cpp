@@ -1,0 +1,86 @@
+#include "agent/CommandLine.h"
+
+#include <CLI/CLI.hpp>
+
+namespace Agent {
+namespace {
+
+// A checker of texts for which parse raises nothing.
+template <class Parse>
+CLI::Validator accepted(const char* word, Parse parse) {
+  return CLI::Validator(
+      [parse](const std::string& text) -> std::string {
+        try {
+          parse(text);
+          return {};
+        } catch (const Zol::Exception& error) {
+          return error.what();
+        }
+      },
+      word);
+}
+
+// The options of "run", as the parser fills them in.
+struct Texts {
+  std::string state;
+  std::string rib;
+  std::string tep;
+  std::vector<std::string> traces;
+};
+
+void addRunOptions(CLI::App& app, RunOptions& options, Texts& texts) {
+  app.add_option("SCENARIO", options.scenarios, "Files to apply, one after the other; - is standard input")->required();
+  app.add_flag("--state{-}", texts.state, "Print the resulting state as JSON, into FILE with --state=FILE");
+  app.add_option("--rib", texts.rib, "Show this RIB only")->type_name("NAME");
+  app.add_option("--tep", texts.tep, "Show this tunnel endpoint only")
+      ->check(accepted("PREFIX", [](const std::string& text) { Ipkit::IpGenPrefix::fromText(text); }));
+  CLI::Option* const checkpoints =
+      app.add_option("--checkpoints", options.checkpointDirectory, "Write the document of each checkpoint to DIR")
+          ->type_name("DIR");
+  app.add_flag("--checkpoint-each-settle", options.checkpointsEachSettle,
+               "A checkpoint at every settle too, named by its line number")
+      ->needs(checkpoints);
+  app.add_option("--yield-every", options.yieldEvery, "Let tasks yield after N units of work")
+      ->type_name("N")
+      ->check(CLI::Range(std::uint64_t(1), UINT64_MAX));
+  app.add_option("--trace", texts.traces, "Trace a source to standard error up to LEVEL (0 to 9); * is all sources")
+      ->type_size(1)
+      ->allow_extra_args(false)
+      ->check(accepted("SOURCE=LEVEL", [](const std::string& text) { Fastlog::TraceSetting::parse(text); }));
+}
+
+RunOptions complete(RunOptions options, const CLI::App& app, const Texts& texts) {
+  options.wantsState = app.count("--state") > 0;
+  options.stateFile = texts.state == "-" ? "" : texts.state;
+  if (app.count("--rib") > 0) {
+    options.filter.rib = texts.rib;
+  }
+  if (app.count("--tep") > 0) {
+    options.filter.tep = Ipkit::IpGenPrefix::fromText(texts.tep);
+  }
+  for (const std::string& trace : texts.traces) {
+    options.traces.push_back(Fastlog::TraceSetting::parse(trace));
+  }
+  return options;
+}
+
+}  // namespace
+
+CommandLine CommandLine::parse(int argc, const char* const* argv) {
+  CLI::App app("The tunnel agent of a router: builds tunnel RIBs and the tunnel FIB from tunnel tables.",
+               "tunnel-agent");
+  app.set_version_flag("--version", std::string("tunnel-agent ") + agentVersion);
+  app.require_subcommand(1);
+  CLI::App* const run = app.add_subcommand("run", "Apply scenario files and show the state that results");
+  RunOptions options;
+  Texts texts;
+  addRunOptions(*run, options, texts);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return {std::nullopt, app.exit(error) == 0 ? exitDone : exitBadInput};
+  }
+  return {complete(std::move(options), *run, texts), exitDone};
+}
+
+}  // namespace Agent

@@ -1,0 +1,39 @@
+// What standard output and standard error are connected to.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace Agent {
+
+// Opens /dev/null in the place of each of the three standard descriptors that is closed, so that no file that is opened
+// later is taken for one of them.
+void openStandardDescriptors();
+
+// Whether people look at standard output in colour: it is a terminal, and NO_COLOR is unset or empty.
+bool isOutputColoured();
+
+// Whether whoever read standard output has gone away.
+bool isOutputReaderGone();
+
+// How far the reading of a long file is, on standard error if that is a terminal. Cleared when destroyed.
+class Progress {
+ public:
+  // size in bytes; a short file has no progress.
+  Progress(std::string name, std::uint64_t size);
+  Progress(const Progress&) = delete;
+  Progress& operator=(const Progress&) = delete;
+  ~Progress();
+
+  void doneIs(std::uint64_t bytes);
+
+ private:
+  static constexpr std::uint64_t sizeMin = 4U << 20;
+
+  const std::string name_;
+  const std::uint64_t size_;
+  const bool isShown_;
+  std::uint64_t percent_ = 0;
+};
+
+}  // namespace Agent

@@ -1,0 +1,45 @@
+// tunnel-agent: the program around the state machines.
+
+#include <csignal>
+#include <exception>
+#include <iostream>
+#include <string>
+
+#include "agent/CommandLine.h"
+#include "agent/RunCommand.h"
+#include "agent/Terminal.h"
+#include "runtime/Fastlog/TraceRegistry.h"
+
+namespace {
+
+int fail(int status, const std::string& reason) {
+  std::cout.flush();
+  std::cerr << reason << '\n';
+  return status;
+}
+
+int run(const Agent::RunOptions& options) {
+  for (const Fastlog::TraceSetting& trace : options.traces) {
+    Fastlog::TraceRegistry::instance().levelIs(trace.source, trace.level);
+  }
+  try {
+    Agent::RunCommand(options).run();
+    return Agent::exitDone;
+  } catch (const Agent::ScenarioError& error) {
+    return fail(Agent::exitBadInput, error.what());
+  } catch (const Agent::InputError& error) {
+    return fail(Agent::exitBadInput, std::string("tunnel-agent: ") + error.what());
+  } catch (const std::exception& error) {
+    return fail(Agent::exitCannotWrite, std::string("tunnel-agent: ") + error.what());
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Agent::openStandardDescriptors();
+  std::signal(SIGPIPE, SIG_IGN);  // a reader of our output may leave before its end
+  std::ios::sync_with_stdio(false);
+  const Agent::CommandLine line = Agent::CommandLine::parse(argc, argv);
+  return line.run ? run(*line.run) : line.exitStatus;
+}
