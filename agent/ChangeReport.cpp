@@ -1,135 +1,129 @@
-// Each RIB has a watch that collects the endpoints whose entries were written, and remembers in words what people were
-// told of each endpoint. What to tell is the difference of the two. An endpoint that changed and changed back is none.
-
 #include "agent/ChangeReport.h"
 
 #include <algorithm>
 #include <sstream>
 #include <utility>
-#include <vector>
 
 #include "agent/Columns.h"
+#include "agent/FibView.h"
 #include "agent/InputError.h"
 
 namespace Agent {
 
-class ChangeReport::RibWatch final : private Zol::Listener<Ipkit::IpGenPrefix> {
- public:
-  RibWatch(Zol::Ptr<Model::TunnelRib> rib, std::optional<Ipkit::IpGenPrefix> tep) : tep_(std::move(tep)) {
-    follow(std::move(rib));
-  }
-
-  const Zol::Ptr<Model::TunnelRib>& rib() const { return rib_; }
-  // From now on rib; all of it, and all that was told of the one before, is to be looked at.
-  void follow(Zol::Ptr<Model::TunnelRib> rib) {
-    rib_ = std::move(rib);
-    channelIs(rib_ ? &rib_->entryChannel() : nullptr);
-    onAll();
-  }
-
-  // tell(tep, before, now) for each endpoint whose words changed; those of an absent entry are empty.
-  template <class F>
-  void takeChanges(F&& tell) {
-    for (const Ipkit::IpGenPrefix& tep : std::exchange(changed_, {})) {
-      Model::TunnelRibEntry entry;
-      const bool isThere = rib_ && Model::readSafely(rib_.get(), tep, entry);
-      const std::string now = isThere ? summaryOf(entry) : "";
-      const auto before = told_.find(tep);
-      if (before == told_.end() ? now.empty() : now == before->second) {
-        continue;
-      }
-      tell(tep, before == told_.end() ? "" : before->second, now);
-      isThere ? static_cast<void>(told_[tep] = now) : static_cast<void>(told_.erase(tep));
-    }
-  }
-
- private:
-  void onKey(const Ipkit::IpGenPrefix& tep) override {
-    if (tep_.value_or(tep) == tep) {
-      changed_.insert(tep);
-    }
-  }
-  void onAll() override {
-    for (const auto& [tep, words] : told_) {
-      changed_.insert(tep);
-    }
-    if (rib_) {
-      Model::walkSafely(*rib_, true, [this](const auto& hint) { onKey(hint.key()); });
-    }
-  }
-
-  const std::optional<Ipkit::IpGenPrefix> tep_;  // the only one of interest, if set
-  Zol::Ptr<Model::TunnelRib> rib_;
-  std::set<Ipkit::IpGenPrefix> changed_;
-  std::map<Ipkit::IpGenPrefix, std::string> told_;
-};
-
-ChangeReport::ChangeReport(const AgentHost& host, DocumentFilter filter) : host_(host), filter_(std::move(filter)) {
-  takeChanges();
+TextWatch<Ipkit::IpGenPrefix>::Source ChangeReport::ribSource(const Zol::Ptr<Model::TunnelRib>& rib) const {
+  return {
+      &rib->entryChannel(),
+      [this, rib](const Ipkit::IpGenPrefix& tep) {
+        Model::TunnelRibEntry entry;
+        const bool isShown = filter_.tep.value_or(tep) == tep;
+        return isShown && Model::readSafely(rib.get(), tep, entry) ? summaryOf(entry) : "";
+      },
+      [rib](const auto& visit) { Model::walkSafely(*rib, true, [&visit](const auto& hint) { visit(hint.key()); }); }};
 }
 
-ChangeReport::~ChangeReport() = default;
+TextWatch<Model::TunnelId>::Source ChangeReport::fibSource() const {
+  const Zol::Ptr<Fib::TunnelFib> fib = host_.fib();
+  return {&fib->entryChannel(),
+          [fib](const Model::TunnelId& id) {
+            Fib::TunnelFibEntry entry;
+            return Model::readSafely(&fib->entry(), id, entry) ? summaryOf(*fib, entry) : "";
+          },
+          [fib](const auto& visit) {
+            Model::walkSafely(fib->entry(), true, [&visit](const auto& hint) { visit(hint.key()); });
+          }};
+}
+
+TextWatch<Model::TunnelId>::Source ChangeReport::unprogrammableSource() const {
+  const Zol::Ptr<Model::TunnelIdColl> ids = host_.unprogrammable();
+  return {&ids->entryChannel(), [ids](const Model::TunnelId& id) { return ids->has(id) ? "unprogrammable" : ""; },
+          [ids](const auto& visit) {
+            for (const auto& [id, isThere] : ids->entry()) {
+              visit(id);
+            }
+          }};
+}
+
+ChangeReport::ChangeReport(const AgentHost& host, DocumentFilter filter)
+    : host_(host), filter_(std::move(filter)), fib_(fibSource()), unprogrammable_(unprogrammableSource()) {
+  takeRibChanges();
+  takeFibChanges();
+}
 
 // Watches the RIBs that there are now, under the names that they have now.
-void ChangeReport::followRibs(std::vector<Change>& changes) {
-  for (auto at = watches_.begin(); at != watches_.end();) {
-    const auto& [name, watch] = *at;
-    if (host_.ribIds()->tunnelRibId(name)) {
-      ++at;
-      continue;
+void ChangeReport::followRibs(Changes& changes) {
+  for (auto at = ribs_.begin(); at != ribs_.end();) {
+    const bool isThere = host_.ribIds()->tunnelRibId(at->first).has_value();
+    if (!isThere) {
+      changes.push_back({'-', at->first, "", "no longer configured"});
     }
-    changes.push_back({'-', name, "", "no longer configured"});
-    at = watches_.erase(at);
+    at = isThere ? std::next(at) : ribs_.erase(at);
   }
   for (const auto& [name, id] : host_.ribIds()->tunnelRibNames()) {
-    if (filter_.rib.value_or(name) != name) {
+    const Zol::Ptr<Model::TunnelRib> rib = host_.rib(id);
+    if (!rib || filter_.rib.value_or(name) != name) {
       continue;
     }
-    const Zol::Ptr<Model::TunnelRib> rib = host_.rib(id);
-    std::unique_ptr<RibWatch>& watch = watches_[name];
-    if (!watch) {
+    const auto present = ribs_.find(name);
+    if (present == ribs_.end()) {
       changes.push_back({'+', name, "", "RIB " + std::to_string(id)});
-      watch = std::make_unique<RibWatch>(rib, filter_.tep);
-    } else if (watch->rib() != rib) {
-      watch->follow(rib);
+      ribs_.try_emplace(name, rib, ribSource(rib));
+    } else if (present->second.rib != rib) {
+      present->second.rib = rib;
+      present->second.watch.sourceIs(ribSource(rib));
     }
   }
 }
 
-std::vector<ChangeReport::Change> ChangeReport::takeChanges() {
-  std::vector<Change> changes;
+template <class Key>
+void ChangeReport::takeChanges(TextWatch<Key>& watch, const std::string& where, Changes& changes) {
+  watch.takeChanges([&](const Key& key, const std::string& before, const std::string& now) {
+    const char sign = before.empty() ? '+' : now.empty() ? '-' : '~';
+    changes.push_back({sign, where, Zol::stringOf(key), sign == '~' ? before + " -> " + now : before + now});
+  });
+}
+
+ChangeReport::Changes ChangeReport::takeRibChanges() {
+  Changes changes;
   followRibs(changes);
-  for (const auto& [name, watch] : watches_) {
-    const std::string& rib = name;
-    watch->takeChanges([&](const Ipkit::IpGenPrefix& tep, const std::string& before, const std::string& now) {
-      const char sign = before.empty() ? '+' : now.empty() ? '-' : '~';
-      changes.push_back({sign, rib, Zol::stringOf(tep), sign == '~' ? before + " -> " + now : before + now});
-    });
+  for (auto& [name, rib] : ribs_) {
+    takeChanges(rib.watch, name, changes);
   }
   return changes;
 }
 
-void ChangeReport::write(std::ostream& out, const std::string& title, bool isColoured) {
-  const std::vector<Change> changes = takeChanges();
-  if (changes.empty()) {
-    return;
-  }
+ChangeReport::Changes ChangeReport::takeFibChanges() {
+  Changes changes;
+  takeChanges(fib_, "FIB", changes);
+  takeChanges(unprogrammable_, "FIB", changes);
+  return filter_.rib || filter_.tep ? Changes() : changes;
+}
+
+void ChangeReport::write(std::ostream& out, const Changes& changes, std::size_t linesMax, bool isColoured) {
   Columns columns;
   for (std::size_t i = 0; i < std::min(changes.size(), linesMax); ++i) {
     const Change& change = changes[i];
-    columns.row({std::string(1, change.sign) + " " + printable(change.rib), change.tep, change.what});
+    columns.row({std::string(1, change.sign) + " " + printable(change.where), change.key, change.words});
   }
-  std::ostringstream lines;
+  std::stringstream lines;
   columns.write(lines, "  ");
-  out << title << ": " << changes.size() << (changes.size() == 1 ? " change\n" : " changes\n");
-  std::istringstream plain(lines.str());
-  for (std::string line; std::getline(plain, line);) {
+  for (std::string line; std::getline(lines, line);) {
     const char* const colour = line[2] == '+' ? "\x1b[32m" : line[2] == '-' ? "\x1b[31m" : "\x1b[33m";
     out << (isColoured ? colour + line + "\x1b[0m" : line) << '\n';
   }
   if (changes.size() > linesMax) {
     out << "  ... and " << changes.size() - linesMax << " more\n";
   }
+}
+
+void ChangeReport::write(std::ostream& out, const std::string& title, bool isColoured) {
+  const Changes ribChanges = takeRibChanges();
+  const Changes fibChanges = takeFibChanges();
+  if (ribChanges.empty() && fibChanges.empty()) {
+    return;
+  }
+  out << title << ": " << ribChanges.size() << " RIB changes, " << fibChanges.size() << " FIB changes\n";
+  write(out, ribChanges, ribLinesMax, isColoured);
+  write(out, fibChanges, fibLinesMax, isColoured);
 }
 
 std::string summaryOf(const Model::TunnelRibEntry& entry) {

@@ -11,89 +11,109 @@ namespace {
 
 namespace Model = Tunnel::TunnelTable;
 
-// f(collection) for the collection of that type's records; the one switch over EncapType here.
-template <class F>
-void withEncaps(const Fib::TunnelFib& fib, Fib::EncapType type, F&& f) {
-  switch (type) {
-    case Fib::EncapType::gre:
-      return f(fib.greEncap());
-    case Fib::EncapType::ipsecVti:
-      return f(fib.ipsecVtiEncap());
-    case Fib::EncapType::ipsecGre:
-      return f(fib.ipsecGreEncap());
-    case Fib::EncapType::labelStack:
-      return f(fib.labelStackEncap());
-    case Fib::EncapType::invalid:
-      return;
+std::vector<Ipkit::MplsLabelOperation::Label> topFirst(const Ipkit::MplsLabelOperation& operation) {
+  std::vector<Ipkit::MplsLabelOperation::Label> labels;
+  for (std::size_t i = operation.stackSize(); i > 0; --i) {
+    labels.push_back(operation.label(i - 1));
   }
+  return labels;
 }
 
-void fill(Encap& encap, const Ipkit::MplsLabelOperation& labels) { encap.labels = labels; }
+// Documents sort label stacks as they show them, so that whoever writes such a document need not know how a stack is
+// kept.
+bool isBefore(const FibVia& left, const FibVia& right) {
+  const auto& [a, b] = std::pair<const Model::ViaAndTunnelInfo&, const Model::ViaAndTunnelInfo&>(left.via, right.via);
+  if (const auto byVia = a.via() <=> b.via(); byVia != 0) {
+    return byVia < 0;
+  }
+  if (a.type() != b.type()) {
+    return a.type() < b.type();
+  }
+  if (!(a.labelStack() == b.labelStack())) {
+    return topFirst(a.labelStack()) < topFirst(b.labelStack());
+  }
+  return a < b;
+}
+
+FibVia fibVia(const Fib::TunnelFib& fib, const Fib::TunnelVia& tunnelVia) {
+  const Fib::EncapId id = tunnelVia.encapId();
+  FibVia result{Model::ViaAndTunnelInfo(tunnelVia, id.encapType()), id};
+  Model::withEncapKind(id.encapType(), [&](auto kind) {
+    const auto& encaps = kind.encaps(fib);
+    typename std::remove_cvref_t<decltype(encaps)>::Record record;
+    result.isEncapMissing = !Model::readSafely(&encaps, id, record);
+    (result.via.*kind.infoRef)() = record.info();
+  });
+  return result;
+}
+
+void addInfo(OrderedJson& json, const Ipkit::MplsLabelOperation& labels) { json["labels"] = topFirst(labels); }
 template <class Info>
-void fill(Encap& encap, const Info& info) {
-  encap.info.sourceIs(info.source());
-  encap.info.destinationIs(info.destination());
-  encap.info.tosIs(info.tos());
-  encap.info.ttlIs(info.ttl());
+void addInfo(OrderedJson& json, const Info& info) {
+  json["source"] = Zol::stringOf(info.source());
+  json["destination"] = Zol::stringOf(info.destination());
+  json["tos"] = info.tos();
+  json["ttl"] = info.ttl();
   if constexpr (requires { info.spi(); }) {
-    encap.info.spiIs(info.spi());
+    json["spi"] = info.spi();
   }
 }
 
 OrderedJson viasJson(const Fib::TunnelFib& fib, const Fib::TunnelViaArray& vias) {
-  struct Seen {
-    Model::Via via;
-    Encap encap;
-    Fib::EncapId id;
-  };
-  std::vector<Seen> sorted;
-  for (const Fib::TunnelVia& via : vias) {
-    sorted.push_back({via, encap(fib, via.encapId()), via.encapId()});
-  }
-  std::stable_sort(sorted.begin(), sorted.end(), [](const Seen& a, const Seen& b) {
-    const auto byVia = a.via <=> b.via;
-    return byVia != 0 ? byVia < 0 : a.encap < b.encap;
-  });
   OrderedJson json = OrderedJson::array();
-  for (const Seen& seen : sorted) {
-    OrderedJson encapJson = {{"type", Fib::stringValue(seen.id.encapType())}};
-    if (seen.encap.isMissing) {
-      encapJson["missing"] = Zol::stringOf(seen.id);
+  for (const FibVia& each : sortedVias(fib, vias)) {
+    OrderedJson encap = {{"type", Fib::stringValue(each.encapId.encapType())}};
+    if (each.isEncapMissing) {
+      encap["missing"] = Zol::stringOf(each.encapId);
     } else {
-      encapJson.update(encapFieldsJson(seen.encap));
+      Model::withEncapKind(each.encapId.encapType(), [&](auto kind) { addInfo(encap, (each.via.*kind.info)()); });
     }
-    json.push_back({{"nextHop", Zol::stringOf(seen.via.nextHop())},
-                    {"intf", Zol::stringOf(seen.via.intf())},
-                    {"encap", std::move(encapJson)}});
+    json.push_back({{"nextHop", Zol::stringOf(each.via.via().nextHop())},
+                    {"intf", Zol::stringOf(each.via.via().intf())},
+                    {"encap", std::move(encap)}});
   }
   return json;
 }
 
+std::string summaryOf(const FibVia& via) {
+  std::string words = Zol::stringOf(via.via.via().intf());
+  if (!!via.via.via().nextHop()) {
+    words += " " + Zol::stringOf(via.via.via().nextHop());
+  }
+  if (via.encapId.encapType() == Fib::EncapType::labelStack) {
+    return words + " " + textOf(topFirst(via.via.labelStack()));
+  }
+  return via.encapId.encapType() == Fib::EncapType::invalid ? words
+                                                            : words + " " + Fib::stringValue(via.encapId.encapType());
+}
+
+std::string summaryOf(const Fib::TunnelFib& fib, const Fib::TunnelViaArray& vias) {
+  constexpr std::size_t shownMax = 2;
+  const std::vector<FibVia> sorted = sortedVias(fib, vias);
+  std::string words;
+  for (std::size_t i = 0; i < std::min(sorted.size(), shownMax); ++i) {
+    words += (i == 0 ? "" : ", ") + summaryOf(sorted[i]);
+  }
+  return sorted.size() > shownMax ? words + " and " + std::to_string(sorted.size() - shownMax) + " more" : words;
+}
+
 }  // namespace
 
-Encap encap(const Fib::TunnelFib& fib, const Fib::EncapId& id) {
-  Encap encap;
-  encap.type = id.encapType();
-  encap.isMissing = encap.type != Fib::EncapType::invalid;
-  withEncaps(fib, encap.type, [&](const auto& encaps) {
-    typename std::remove_cvref_t<decltype(encaps)>::Record record;
-    if (Model::readSafely(&encaps, id, record)) {
-      encap.isMissing = false;
-      fill(encap, record.info());
-    }
-  });
-  return encap;
+std::vector<FibVia> sortedVias(const Fib::TunnelFib& fib, const Fib::TunnelViaArray& vias) {
+  std::vector<FibVia> sorted;
+  for (const Fib::TunnelVia& via : vias) {
+    sorted.push_back(fibVia(fib, via));
+  }
+  std::stable_sort(sorted.begin(), sorted.end(), isBefore);
+  return sorted;
 }
 
 std::vector<Fib::EncapId> sortedEncapIds(const Fib::TunnelFib& fib) {
   std::vector<Fib::EncapId> ids;
-  for (const Fib::EncapType type :
-       {Fib::EncapType::gre, Fib::EncapType::ipsecVti, Fib::EncapType::ipsecGre, Fib::EncapType::labelStack}) {
-    withEncaps(fib, type, [&ids](const auto& encaps) {
-      const auto keys = sortedKeys(encaps);
-      ids.insert(ids.end(), keys.begin(), keys.end());
-    });
-  }
+  Model::forEachEncapKind([&](auto kind) {
+    const auto keys = sortedKeys(kind.encaps(fib));
+    ids.insert(ids.end(), keys.begin(), keys.end());
+  });
   return ids;
 }
 
@@ -118,25 +138,16 @@ OrderedJson fibEntryJson(const Fib::TunnelFib& fib, const Fib::TunnelFibEntry& e
           {"backupVias", viasJson(fib, entry.backupTunnelVia())}};
 }
 
-OrderedJson encapFieldsJson(const Encap& encap) {
-  if (encap.type == Fib::EncapType::invalid) {
-    return OrderedJson::object();
-  }
-  if (encap.type == Fib::EncapType::labelStack) {
-    OrderedJson labels = OrderedJson::array();
-    for (std::size_t i = encap.labels.stackSize(); i > 0; --i) {
-      labels.push_back(encap.labels.label(i - 1));
-    }
-    return {{"labels", std::move(labels)}};
-  }
-  OrderedJson json = {{"source", Zol::stringOf(encap.info.source())},
-                      {"destination", Zol::stringOf(encap.info.destination())},
-                      {"tos", encap.info.tos()},
-                      {"ttl", encap.info.ttl()}};
-  if (encap.type != Fib::EncapType::gre) {
-    json["spi"] = encap.info.spi();
-  }
+OrderedJson encapJson(const Fib::TunnelFib& fib, const Fib::EncapId& id, std::uint32_t refCount) {
+  OrderedJson json = {{"id", Zol::stringOf(id)}, {"refCount", refCount}};
+  const FibVia via = fibVia(fib, Fib::TunnelVia(Model::Via(), id));
+  Model::withEncapKind(id.encapType(), [&](auto kind) { addInfo(json, (via.via.*kind.info)()); });
   return json;
+}
+
+std::string summaryOf(const Fib::TunnelFib& fib, const Fib::TunnelFibEntry& entry) {
+  const std::string vias = entry.tunnelVias() > 0 ? summaryOf(fib, entry.tunnelVia()) : "no vias";
+  return entry.backupTunnelVias() > 0 ? vias + " backup " + summaryOf(fib, entry.backupTunnelVia()) : vias;
 }
 
 }  // namespace Agent

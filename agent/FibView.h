@@ -1,29 +1,26 @@
 // The tunnel FIB as people and documents see it: vias with their encapsulations in place of encapsulation ids.
 #pragma once
 
-#include <compare>
 #include <map>
+#include <string>
 #include <vector>
 
 #include "agent/JsonText.h"
-#include "tunnel/TunnelFib.h"
+#include "tunnel/EncapKind.h"
 
 namespace Agent {
 
 namespace Fib = Tunnel::TunnelFib;
 
-// What the record of an encapsulation id says.
-struct Encap {
-  Fib::EncapType type = Fib::EncapType::invalid;
-  Ipkit::MplsLabelOperation labels;
-  Tunnel::TunnelTable::IpsecVtiTunnelInfo info;  // has the fields of all three kinds
-  bool isMissing = false;                        // no record under the id
-
-  friend bool operator==(const Encap&, const Encap&) = default;
-  friend std::strong_ordering operator<=>(const Encap&, const Encap&) = default;
+// What a via of the FIB stands for. A via whose encapsulation has no record has its type only.
+struct FibVia {
+  Tunnel::TunnelTable::ViaAndTunnelInfo via;
+  Fib::EncapId encapId;
+  bool isEncapMissing = false;
 };
 
-Encap encap(const Fib::TunnelFib& fib, const Fib::EncapId& id);
+// By interface, next hop, encapsulation type, labels from the top, and what else wraps the packets.
+std::vector<FibVia> sortedVias(const Fib::TunnelFib& fib, const Fib::TunnelViaArray& vias);
 
 // The ids that have a record, ascending.
 std::vector<Fib::EncapId> sortedEncapIds(const Fib::TunnelFib& fib);
@@ -33,7 +30,10 @@ std::map<Fib::EncapId, std::uint32_t> encapRefCounts(const Fib::TunnelFib& fib);
 
 // {"tunnel": ..., "vias": [...], "backupVias": [...]}, each of the two sorted.
 OrderedJson fibEntryJson(const Fib::TunnelFib& fib, const Fib::TunnelFibEntry& entry);
-// The fields of an encapsulation's record, without its type.
-OrderedJson encapFieldsJson(const Encap& encap);
+// {"id": ..., "refCount": ..., then the fields of the record}.
+OrderedJson encapJson(const Fib::TunnelFib& fib, const Fib::EncapId& id, std::uint32_t refCount);
+
+// "if12 192.0.2.1 [300123], if13 192.0.2.5 [300123] backup if14 192.0.2.9 []"; of many vias the first and their number.
+std::string summaryOf(const Fib::TunnelFib& fib, const Fib::TunnelFibEntry& entry);
 
 }  // namespace Agent

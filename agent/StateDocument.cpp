@@ -135,9 +135,7 @@ class DocumentWriter {
     std::map<Fib::EncapId, std::uint32_t> counts = encapRefCounts(*host_.fib());
     for (const Fib::EncapId& id : sortedEncapIds(*host_.fib())) {
       if (!filter_.tep || encapsShown_.contains(id)) {
-        OrderedJson json = {{"id", Zol::stringOf(id)}, {"refCount", counts[id]}};
-        json.update(encapFieldsJson(encap(*host_.fib(), id)));
-        encaps.next() << textOf(json);
+        encaps.next() << textOf(encapJson(*host_.fib(), id, counts[id]));
       }
     }
   }

@@ -55,15 +55,11 @@ void addRib(Columns& columns, const std::string& name, Model::TunnelRibId id, co
 void addFib(Columns& columns, const AgentHost& host) {
   const Fib::TunnelFib& fib = *host.fib();
   columns.row({"entries", std::to_string(fib.entry().size())});
-  const std::pair<Fib::EncapType, std::size_t> encaps[] = {{Fib::EncapType::gre, fib.greEncap().size()},
-                                                           {Fib::EncapType::ipsecVti, fib.ipsecVtiEncap().size()},
-                                                           {Fib::EncapType::ipsecGre, fib.ipsecGreEncap().size()},
-                                                           {Fib::EncapType::labelStack, fib.labelStackEncap().size()}};
-  for (const auto& [type, count] : encaps) {
-    if (count > 0) {
-      columns.row({Fib::stringValue(type) + " encapsulations", std::to_string(count)});
+  Model::forEachEncapKind([&](auto kind) {
+    if (const std::size_t count = kind.encaps(fib).size(); count > 0) {
+      columns.row({Fib::stringValue(kind.type) + " encapsulations", std::to_string(count)});
     }
-  }
+  });
   columns.row({"unprogrammable", std::to_string(host.unprogrammable()->entry().size())});
 }
 
