@@ -1,42 +1,48 @@
-// HashCollection: a flat hash map whose iteration order is a function of its keys.
+// HashCollection: a hash map whose iteration order is a function of its keys.
 //
-// One array of slots, kept sorted by (hash, key). A member's home is the slot that the top bits of its hash name; it
-// lies there or, when others came first, in the run behind it:
+// Members lie in pages (HashPage), sorted by (hash, key) in each. A page holds all members whose hashes begin with its
+// prefix; a directory, indexed by the first bits of a hash, leads to it. A page that is full is split in two with one
+// more bit of prefix each, two sparse neighbours become one again:
 //
-//     home(h) = h >> shift      ... | 0x1c.. | 0x1f.. | 0x2a.. |   -    | 0x41.. | ...
+//     directory    00 01 10 11           a look-up reads one directory entry and one place in one page
+//                   |  |   \/
+//     prefix       00  01   1            members in the order of their hashes, page after page
 //
-//   find    start at home, skip smaller hashes, compare keys while the hash is equal; one cache line, rarely two
-//   insert  find the place in the order, move the rest of the run up by one
-//   erase   move the rest of the run down by one; no tombstones, so a table does not age
+// So walking the pages walks the members in (hash, key) order whatever the history of inserts and deletes: the same
+// keys are visited in the same order in every run and every process.
 //
-// Because slots are sorted, walking the array walks the members in (hash, key) order whatever the history of inserts
-// and deletes and whatever the capacity: the same keys are visited in the same order in every run and every process.
+// Reactors file ids in the order in which they walk other collections, and drain them in this order too. Then all
+// members lie in one end of the hash range. Pages divide where the members are, so neither crowds, no single change
+// costs more than one page (or, rarely, the directory: 16 bytes for some forty members), and walking a collection costs
+// what it holds and not what it once held.
 //
 // Iterators survive every change. One remembers the hash and key of the member where it stands; after a change it
 // finds its place again by key, in constant time. The member where it stands may itself be deleted: the iterator then
 // stands in the gap and ++ goes to the next member. Members added behind the iterator are visited, those before it not.
 //
-// The capacity is a power of two, at most three quarters full, and shrinks below one eighth, so that walking a
-// collection costs what it holds and not what it once held. No allocation while empty. References to values last until
-// the next insert or erase.
+// No allocation while empty; one of a hundred bytes or less for a member or two. References to values last until the
+// next insert or erase.
 #pragma once
 
+#include <algorithm>
+#include <bit>
 #include <cstdint>
-#include <cstring>
-#include <functional>
 #include <memory>
 #include <new>
+#include <optional>
 #include <type_traits>
 #include <utility>
 
 #include "runtime/Zol/Assert.h"
 #include "runtime/Zol/Hash.h"
+#include "runtime/Zol/HashPage.h"
 
 namespace Zol {
 
 template <class K, class V = bool>
 class HashCollection {
-  struct Slot;
+  using Page = HashPage<K, V>;
+  using Slot = typename Page::Slot;
 
  public:
   using Key = K;
@@ -72,22 +78,22 @@ class HashCollection {
   }
   bool has(const K& key) const { return slotOf(hashed(key), key) != nullptr; }
 
-  // Adds the member unless its key is there; tells where the value is and whether it was added. Amortized O(1).
+  // Adds the member unless its key is there; tells where the value is and whether it was added. O(1).
   std::pair<V*, bool> insert(const K& key, V value = V()) {
     const std::uint32_t hash = hashed(key);
     if (Slot* const present = slotOf(hash, key)) {
       return {&present->value, false};
     }
-    if (size_ + 1 > maxSize()) {
-      rehash(slots_ == nullptr ? minCapacity : capacity() * 2, minSlack);
+    K kept = key;  // the caller's may lie in a member that moves
+    Page* page = pageOf(hash);
+    Slot* slot = page == nullptr ? nullptr : page->insert(hash, kept, value);
+    while (slot == nullptr) {
+      makeRoom(hash);
+      slot = pageOf(hash)->insert(hash, kept, value);
     }
-    Slot* const at = openGap(hash, key);
-    ::new (&at->key) K(key);
-    ::new (&at->value) V(std::move(value));
-    at->hash = hash;
     ++size_;
     ++version_;
-    return {&at->value, true};
+    return {&slot->value, true};
   }
   V& insertOrAssign(const K& key, V value) {
     if (V* const present = find(key)) {
@@ -98,38 +104,38 @@ class HashCollection {
   // The value of key, made with V() if absent.
   V& operator[](const K& key) { return *insert(key).first; }
 
-  // Removes the member; false when there was none. Amortized O(1).
+  // Removes the member; false when there was none. O(1).
   bool erase(const K& key) {
-    Slot* const slot = slotOf(hashed(key), key);
+    const std::uint32_t hash = hashed(key);
+    Slot* const slot = slotOf(hash, key);
     if (slot == nullptr) {
       return false;
     }
     // A value's destructor may come back to this collection: it runs when the collection is whole again.
     [[maybe_unused]] const V dropped = std::move(slot->value);
-    closeGap(slot);
+    Page* const page = pageOf(hash);
+    page->erase(slot);
     --size_;
     ++version_;
-    if (size_ * 8 < capacity() && capacity() > minCapacity) {
-      rehash(capacity() / 2, minSlack);
+    if (page->isSparse()) {
+      compact(hash);
     }
     return true;
   }
-  void clear() {
-    HashCollection dropped;
-    swap(dropped);
-    version_ = dropped.version_ + 1;
-  }
+  void clear() { *this = HashCollection(); }
 
-  Iterator begin() { return Iterator(this, slots_); }
-  ConstIterator begin() const { return ConstIterator(this, slots_); }
+  Iterator begin() { return Iterator(this, 0, firstSlot()); }
+  ConstIterator begin() const { return ConstIterator(this, 0, firstSlot()); }
   static End end() { return {}; }
   // At the member, or at the first one behind it in the order when it is absent.
-  Iterator from(const K& key) { return Iterator(this, slots_ == nullptr ? nullptr : lowerBound(hashed(key), key)); }
-  ConstIterator from(const K& key) const {
-    return ConstIterator(this, slots_ == nullptr ? nullptr : lowerBound(hashed(key), key));
-  }
+  Iterator from(const K& key) { return Iterator(this, hashed(key), lowerBound(hashed(key), key)); }
+  ConstIterator from(const K& key) const { return ConstIterator(this, hashed(key), lowerBound(hashed(key), key)); }
 
-  std::size_t bytesUsed() const { return slots_ == nullptr ? 0 : slotCount() * sizeof(Slot); }
+  std::size_t bytesUsed() const {
+    std::size_t bytes = directoryBits_ == 0 ? 0 : directorySize() * sizeof(Entry);
+    forEachPage([&bytes](const Page& page) { bytes += page.bytes(); });
+    return bytes;
+  }
 
   // Equal as sets of members.
   friend bool operator==(const HashCollection& a, const HashCollection& b) {
@@ -146,196 +152,190 @@ class HashCollection {
   }
 
  private:
-  static constexpr std::uint32_t emptyHash = 0xFFFFFFFF;  // larger than every hash, so it ends every run by itself
-  static constexpr std::size_t minCapacity = 4;
-  static constexpr std::uint32_t minSlack = 4;  // slots behind the last home, the last of them always empty
+  // Pages of about eight kilobytes are split rather than enlarged: large enough for a small directory and a fast walk,
+  // small enough to be split in microseconds.
+  static constexpr unsigned splitHomeBits =
+      std::bit_width(std::max(std::size_t(8192) / sizeof(Slot), std::size_t(16))) - 1;
+  static constexpr std::uint32_t mergeSizeMax = (std::uint32_t(3) << splitHomeBits) / 8;
 
-  struct Slot {
-    Slot() : hash(emptyHash) {}
-    ~Slot() {}
-    std::uint32_t hash;
-    union {
-      K key;
-    };
-    union {
-      V value;
-    };
+  // Where a page is, with what it takes to find a member's home there without reading the page itself first.
+  struct Entry {
+    Page* page;
+    std::uint8_t depth;
+    std::uint8_t homeBits;
   };
-  static constexpr bool movesAsBytes = std::is_trivially_copyable_v<K> && std::is_trivially_copyable_v<V>;
 
   static std::uint32_t hashed(const K& key) {
     const std::uint32_t hash = hashOf(key);
-    return hash == emptyHash ? emptyHash - 1 : hash;
+    return hash == Page::emptyHash ? Page::emptyHash - 1 : hash;
   }
-  std::size_t capacity() const { return slots_ == nullptr ? 0 : std::size_t(1) << (32 - shift_); }
-  std::size_t maxSize() const { return capacity() * 3 / 4; }
-  std::size_t slotCount() const { return capacity() + slack_; }
-  Slot* home(std::uint32_t hash) const { return slots_ + (hash >> shift_); }
+
+  std::size_t directorySize() const { return std::size_t(1) << directoryBits_; }
+  std::size_t indexOf(std::uint32_t hash) const { return std::uint64_t(hash) >> (32 - directoryBits_); }
+  // Null only while the collection is empty.
+  Page* pageOf(std::uint32_t hash) const {
+    return directoryBits_ == 0 ? root_.onlyPage : root_.directory[indexOf(hash)].page;
+  }
 
   Slot* slotOf(std::uint32_t hash, const K& key) const {
-    if (slots_ == nullptr) {
-      return nullptr;
+    if (directoryBits_ != 0) {
+      const Entry& entry = root_.directory[indexOf(hash)];
+      return Page::find(entry.page->slots() + Page::homeOf(hash, entry.depth, entry.homeBits), hash, key);
     }
-    Slot* slot = home(hash);
-    while (slot->hash < hash) {
-      ++slot;
-    }
-    for (; slot->hash == hash; ++slot) {
-      if (slot->key == key) {
-        return slot;
-      }
-    }
-    return nullptr;
+    return root_.onlyPage == nullptr ? nullptr : Page::find(root_.onlyPage->home(hash), hash, key);
   }
-
   Slot* lowerBound(std::uint32_t hash, const K& key) const {
-    Slot* slot = home(hash);
-    while (slot->hash < hash) {
-      ++slot;
-    }
-    while (slot->hash == hash && slot->key < key) {
-      ++slot;
-    }
-    return slot;
+    Page* const page = pageOf(hash);
+    return page == nullptr ? nullptr : page->lowerBound(hash, key);
+  }
+  Slot* firstSlot() const {
+    Page* const page = pageOf(0);
+    return page == nullptr ? nullptr : page->slots();
   }
 
-  // Makes an empty slot where (hash, key) belongs.
-  Slot* openGap(std::uint32_t hash, const K& key) {
-    for (;;) {
-      Slot* const at = lowerBound(hash, key);
-      Slot* gap = at;
-      while (gap->hash != emptyHash) {
-        ++gap;
-      }
-      if (gap == slots_ + slotCount() - 1) {  // a long run at the very end has used up the slack
-        rehash(capacity(), slack_ * 2);
-        continue;
-      }
-      moveUp(at, gap);
-      return at;
-    }
+  // The hash with which the prefix of the next page begins; 0 behind the last page.
+  static std::uint32_t nextPrefix(std::uint32_t hash, const Page& page) {
+    return (hash | static_cast<std::uint32_t>(0xFFFFFFFFULL >> page.depth())) + 1;
   }
 
-  static void moveUp(Slot* at, Slot* gap) {
-    if constexpr (movesAsBytes) {
-      std::memmove(static_cast<void*>(at + 1), static_cast<const void*>(at),
-                   static_cast<std::size_t>(gap - at) * sizeof(Slot));
-    } else {
-      for (; gap != at; --gap) {
-        relocate(gap, gap - 1);
-      }
-    }
-  }
-
-  void closeGap(Slot* gap) {
-    destroy(gap);
-    Slot* last = gap;
-    for (Slot* next = gap + 1; next->hash != emptyHash && home(next->hash) < next; ++next) {
-      last = next;
-    }
-    if constexpr (movesAsBytes) {
-      std::memmove(static_cast<void*>(gap), static_cast<const void*>(gap + 1),
-                   static_cast<std::size_t>(last - gap) * sizeof(Slot));
-    } else {
-      for (; gap != last; ++gap) {
-        relocate(gap, gap + 1);
-      }
-    }
-    last->hash = emptyHash;
-  }
-
-  static void relocate(Slot* to, Slot* from) {
-    ::new (&to->key) K(std::move(from->key));
-    ::new (&to->value) V(std::move(from->value));
-    to->hash = from->hash;
-    destroy(from);
-  }
-  static void destroy(Slot* slot) {
-    slot->key.~K();
-    slot->value.~V();
-  }
-
-  // Sorted slots go over in one pass: each to its home, or right behind its predecessor. A run that does not fit behind
-  // the last home gets more slack.
-  void rehash(std::size_t newCapacity, std::uint32_t slack) {
-    ZOL_ASSERT(newCapacity <= (std::size_t(1) << 31));
-    HashCollection old;
-    swap(old);
-    version_ = old.version_ + 1;
-    for (std::size_t left = newCapacity; left > 1; left /= 2) {
-      --shift_;
-    }
-    for (slack_ = slack;; slack_ *= 2) {
-      slots_ = allocate(newCapacity + slack_);
-      if (old.slots_ == nullptr || takeAll(old)) {
-        break;
-      }
-      deallocate(slots_, newCapacity + slack_);
-    }
-    size_ = old.size_;
-    if (old.slots_ != nullptr) {
-      deallocate(old.slots_, old.slotCount());
-      old.slots_ = nullptr;
-    }
-  }
-
-  // Moves the members over; false, with nothing moved, when they run out of slots.
-  bool takeAll(const HashCollection& old) {
-    Slot* const end = slots_ + slotCount() - 1;
-    Slot* free = slots_;
-    for (Slot* from = old.slots_; from != old.slots_ + old.slotCount(); ++from) {
-      free = from->hash == emptyHash ? free : std::max(free, home(from->hash)) + 1;
-    }
-    if (free > end) {
-      return false;
-    }
-    free = slots_;
-    for (Slot* from = old.slots_; from != old.slots_ + old.slotCount(); ++from) {
-      if (from->hash != emptyHash) {
-        Slot* const to = std::max(free, home(from->hash));
-        relocate(to, from);
-        free = to + 1;
-      }
-    }
-    return true;
-  }
-
-  static Slot* allocate(std::size_t count) {
-    Slot* const slots = std::allocator<Slot>().allocate(count);
-    for (std::size_t i = 0; i < count; ++i) {
-      slots[i].hash = emptyHash;
-    }
-    return slots;
-  }
-  static void deallocate(Slot* slots, std::size_t count) { std::allocator<Slot>().deallocate(slots, count); }
-
-  void release() {
-    if (slots_ == nullptr) {
+  // Makes the directory lead to page for all hashes with the prefix of hash.
+  void pageIs(std::uint32_t hash, Page* page) {
+    if (directoryBits_ == 0) {
+      root_.onlyPage = page;
       return;
     }
-    if constexpr (!movesAsBytes) {
-      for (Slot* slot = slots_; slot != slots_ + slotCount(); ++slot) {
-        if (slot->hash != emptyHash) {
-          destroy(slot);
-        }
+    const unsigned freeBits = directoryBits_ - page->depth();
+    Entry* const first = root_.directory + (indexOf(hash) >> freeBits << freeBits);
+    const Entry entry{page, static_cast<std::uint8_t>(page->depth()), static_cast<std::uint8_t>(page->homeBits())};
+    std::fill_n(first, std::size_t(1) << freeBits, entry);
+  }
+
+  // Changes the page of hash so that another member finds room there, or gets nearer to it.
+  void makeRoom(std::uint32_t hash) {
+    Page* const page = pageOf(hash);
+    if (page == nullptr) {
+      root_.onlyPage = Page::of(0, {});
+    } else if (page->isFull() && page->homeBits() >= splitHomeBits && maySplit(*page)) {
+      split(hash, page);
+    } else {
+      pageIs(hash, Page::of(page->depth(), page->all()));
+      Page::free(page);
+    }
+  }
+  // A directory larger than the number of members would only serve keys that are meant to collide.
+  bool maySplit(const Page& page) const { return page.depth() < directoryBits_ || directorySize() * 2 <= size_; }
+
+  void split(std::uint32_t hash, Page* page) {
+    const unsigned depth = page->depth() + 1;
+    if (depth > directoryBits_) {
+      doubleDirectory();
+    }
+    const std::uint32_t bit = std::uint32_t(1) << (32 - depth);
+    const std::uint32_t upperHash = (hash | bit) & ~(bit - 1);
+    const auto isLower = [upperHash](const Slot& slot) { return slot.hash < upperHash; };
+    Slot* middle = page->end();
+    while (middle != page->slots() && !isLower(middle[-1])) {
+      --middle;
+    }
+    pageIs(upperHash & ~bit, Page::of(depth, {page->slots(), middle}));
+    pageIs(upperHash, Page::of(depth, {middle, page->end()}));
+    Page::free(page);
+  }
+
+  void doubleDirectory() {
+    Entry* const larger = std::allocator<Entry>().allocate(directorySize() * 2);
+    if (directoryBits_ == 0) {
+      Page* const page = root_.onlyPage;
+      const Entry entry{page, 0, static_cast<std::uint8_t>(page->homeBits())};
+      std::fill_n(larger, 2, entry);
+    } else {
+      for (std::size_t i = 0; i < directorySize(); ++i) {
+        larger[2 * i] = larger[2 * i + 1] = root_.directory[i];
+      }
+      std::allocator<Entry>().deallocate(root_.directory, directorySize());
+    }
+    root_.directory = larger;
+    ++directoryBits_;
+  }
+
+  // Brings memory down to what the members need. Called when the page of hash has become sparse.
+  void compact(std::uint32_t hash) {
+    if (size_ == 0) {
+      release();
+      root_.onlyPage = nullptr;
+      directoryBits_ = 0;
+      return;
+    }
+    Page* const page = pageOf(hash);
+    const std::uint32_t bit = page->depth() == 0 ? 0 : std::uint32_t(1) << (32 - page->depth());
+    Page* const buddy = pageOf(hash ^ bit);
+    if (buddy != page && buddy->depth() == page->depth() && page->size() + buddy->size() <= mergeSizeMax) {
+      (hash & bit) == 0 ? merge(hash, page, buddy) : merge(hash, buddy, page);
+    } else {
+      pageIs(hash, Page::of(page->depth(), page->all()));
+      Page::free(page);
+    }
+    if (directoryBits_ > 0 && directorySize() > std::size_t(size_) * 4) {
+      halveDirectory();
+    }
+  }
+  void merge(std::uint32_t hash, Page* lower, Page* upper) {
+    pageIs(hash, Page::of(lower->depth() - 1, lower->all(), upper->all()));
+    Page::free(lower);
+    Page::free(upper);
+  }
+
+  void halveDirectory() {
+    for (std::size_t i = 0; i < directorySize(); i += 2) {
+      if (root_.directory[i].depth == directoryBits_) {
+        merge(static_cast<std::uint32_t>(i << (32 - directoryBits_)), root_.directory[i].page,
+              root_.directory[i + 1].page);
       }
     }
-    deallocate(slots_, slotCount());
+    Entry* const larger = root_.directory;
+    --directoryBits_;
+    if (directoryBits_ == 0) {
+      root_.onlyPage = larger[0].page;
+    } else {
+      root_.directory = std::allocator<Entry>().allocate(directorySize());
+      for (std::size_t i = 0; i < directorySize(); ++i) {
+        root_.directory[i] = larger[2 * i];
+      }
+    }
+    std::allocator<Entry>().deallocate(larger, directorySize() * 2);
   }
 
+  template <class F>
+  void forEachPage(F&& f) const {
+    std::uint32_t hash = 0;
+    for (Page* page = pageOf(hash); page != nullptr; page = hash == 0 ? nullptr : pageOf(hash)) {
+      hash = nextPrefix(hash, *page);
+      f(*page);
+    }
+  }
+  void release() {
+    forEachPage([](Page& page) { Page::destroyAll(&page); });
+    if (directoryBits_ != 0) {
+      std::allocator<Entry>().deallocate(root_.directory, directorySize());
+    }
+  }
+
+  // Both count as changed, whatever their versions were.
   void swap(HashCollection& other) noexcept {
-    std::swap(slots_, other.slots_);
+    std::swap(root_, other.root_);
     std::swap(size_, other.size_);
-    std::swap(version_, other.version_);
-    std::swap(slack_, other.slack_);
-    std::swap(shift_, other.shift_);
+    std::swap(directoryBits_, other.directoryBits_);
+    version_ = other.version_ = std::max(version_, other.version_) + 1;
   }
 
-  Slot* slots_ = nullptr;
+  union Root {
+    Page* onlyPage;  // while directoryBits_ == 0
+    Entry* directory;
+  };
+  Root root_{nullptr};
   std::uint32_t size_ = 0;
   std::uint32_t version_ = 0;  // counts changes of membership, so that iterators know when to look again
-  std::uint32_t slack_ = 0;
-  std::uint32_t shift_ = 32;
+  unsigned directoryBits_ = 0;
 };
 
 template <class K, class V>
@@ -349,7 +349,10 @@ class HashCollection<K, V>::IteratorBase {
     ValueRef value;
   };
 
-  IteratorBase(Collection* collection, Slot* slot) : collection_(collection) { standAtOrBehind(slot); }
+  // At the member in slot of the page of hash, or at the first one behind it.
+  IteratorBase(Collection* collection, std::uint32_t hash, Slot* slot) : collection_(collection), hash_(hash) {
+    standInPage(slot);
+  }
 
   explicit operator bool() const { return valid_; }
   bool operator!=(End) const { return valid_; }
@@ -357,12 +360,12 @@ class HashCollection<K, V>::IteratorBase {
   // The key where the iterator stands; it stays readable when the member has been deleted.
   const K& key() const {
     ZOL_ASSERT_TEXT(valid_, "iterator is not at the end");
-    return key_.value;
+    return *key_;
   }
   // The member must still be there.
   ValueRef value() const {
     ZOL_ASSERT_TEXT(valid_, "iterator is not at the end");
-    Slot* const slot = fresh() ? slot_ : collection_->slotOf(hash_, key_.value);
+    Slot* const slot = fresh() ? slot_ : collection_->slotOf(hash_, *key_);
     ZOL_ASSERT_TEXT(slot != nullptr, "iterator stands at a member");
     return slot->value;
   }
@@ -374,75 +377,50 @@ class HashCollection<K, V>::IteratorBase {
       standAtOrBehind(slot_ + 1);
       return *this;
     }
-    Slot* slot = collection_->slots_ == nullptr ? nullptr : collection_->lowerBound(hash_, key_.value);
-    if (slot != nullptr && slot->hash == hash_ && slot->key == key_.value) {
-      ++slot;
-    }
-    standAtOrBehind(slot);
+    Slot* const slot = collection_->lowerBound(hash_, *key_);
+    const bool stillThere = slot != nullptr && slot->hash == hash_ && slot->key == *key_;
+    standInPage(stillThere ? slot + 1 : slot);
     return *this;
   }
 
  private:
-  // Keeps a copy of the key without asking that keys have an empty value.
-  struct KeyCopy {
-    KeyCopy() {}
-    KeyCopy(const KeyCopy& other) : held(other.held) {
-      if (held) {
-        ::new (&value) K(other.value);
-      }
-    }
-    KeyCopy& operator=(const KeyCopy& other) {
-      if (this != &other) {
-        other.held ? set(other.value) : reset();
-      }
-      return *this;
-    }
-    ~KeyCopy() { reset(); }
-    void set(const K& key) {
-      if (held) {
-        value = key;
-      } else {
-        ::new (&value) K(key);
-        held = true;
-      }
-    }
-    void reset() {
-      if (held) {
-        value.~K();
-        held = false;
-      }
-    }
-    union {
-      K value;
-    };
-    bool held = false;
-  };
-
   bool fresh() const { return version_ == collection_->version_; }
 
-  void standAtOrBehind(Slot* slot) {
+  // slot lies in the page of hash_, or is null when there is none.
+  void standInPage(Slot* slot) {
     version_ = collection_->version_;
-    valid_ = false;
-    if (slot == nullptr) {
-      return;
+    valid_ = slot != nullptr;
+    if (valid_) {
+      page_ = collection_->pageOf(hash_);
+      standAtOrBehind(slot);
     }
-    for (Slot* const end = collection_->slots_ + collection_->slotCount(); slot < end; ++slot) {
-      if (slot->hash != emptyHash) {
-        valid_ = true;
-        slot_ = slot;
-        hash_ = slot->hash;
-        key_.set(slot->key);
+  }
+  void standAtOrBehind(Slot* slot) {
+    for (;; slot = page_->slots()) {
+      for (Slot* const end = page_->end(); slot != end; ++slot) {
+        if (slot->hash != Page::emptyHash) {
+          slot_ = slot;
+          hash_ = slot->hash;
+          key_ = slot->key;
+          return;
+        }
+      }
+      hash_ = nextPrefix(hash_, *page_);
+      if (hash_ == 0) {
+        valid_ = false;
         return;
       }
+      page_ = collection_->pageOf(hash_);
     }
   }
 
   Collection* collection_;
+  Page* page_ = nullptr;
   Slot* slot_ = nullptr;
-  std::uint32_t hash_ = 0;
+  std::uint32_t hash_;
   std::uint32_t version_ = 0;
   bool valid_ = false;
-  KeyCopy key_;
+  std::optional<K> key_;  // keys need no empty value
 };
 
 }  // namespace Zol

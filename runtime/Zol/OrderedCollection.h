@@ -30,6 +30,14 @@ class OrderedCollection {
   struct End {};
   class Iterator;
 
+  OrderedCollection() = default;
+  OrderedCollection(const OrderedCollection& other) : chunks_(other.chunks_), size_(other.size_) {}
+  OrderedCollection(OrderedCollection&& other) noexcept { swap(other); }
+  OrderedCollection& operator=(OrderedCollection other) noexcept {
+    swap(other);
+    return *this;
+  }
+
   std::size_t size() const { return size_; }
   bool empty() const { return size_ == 0; }
 
@@ -73,6 +81,8 @@ class OrderedCollection {
       return false;
     }
     Chunk& chunk = chunks_[at.chunk];
+    // A value's destructor may come back to this collection: it runs when the collection is whole again.
+    [[maybe_unused]] const V dropped = std::move(chunk[at.index].value);
     chunk.erase(chunk.begin() + static_cast<std::ptrdiff_t>(at.index));
     if (chunk.empty()) {
       chunks_.erase(chunks_.begin() + static_cast<std::ptrdiff_t>(at.chunk));
@@ -81,11 +91,7 @@ class OrderedCollection {
     ++version_;
     return true;
   }
-  void clear() {
-    chunks_.clear();
-    size_ = 0;
-    ++version_;
-  }
+  void clear() { *this = OrderedCollection(); }
 
   // The first key in order for which is(key) holds, or null. Valid until the next change.
   template <class Predicate>
@@ -127,9 +133,16 @@ class OrderedCollection {
     return at.chunk < chunks_.size() && chunks_[at.chunk][at.index].key == key;
   }
 
+  // Both count as changed, whatever their versions were.
+  void swap(OrderedCollection& other) noexcept {
+    std::swap(chunks_, other.chunks_);
+    std::swap(size_, other.size_);
+    version_ = other.version_ = std::max(version_, other.version_) + 1;
+  }
+
   std::vector<Chunk> chunks_;
   std::uint32_t size_ = 0;
-  std::uint32_t version_ = 0;
+  std::uint32_t version_ = 0;  // counts changes of membership, so that iterators know when to look again
 };
 
 template <class K, class V>
