@@ -92,7 +92,7 @@ void Allocator::freeGap(size_t from, size_t to) {
     const size_t toLine = (lineBytes - from % lineBytes) % lineBytes;
     const size_t most = toLine != 0 ? std::min(toLine, to - from) : to - from;
     size_t sizeClass = Allocator::sizeClass(most);
-    sizeClass -= classBytes(sizeClass) > most ? 1 : 0;
+    sizeClass -= classBytes(sizeClass) > most ? 1U : 0U;
     freeList(sizeClass).push_back(static_cast<uint32_t>(from / unitBytes));
     from += classBytes(sizeClass);
   }
