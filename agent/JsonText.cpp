@@ -91,10 +91,12 @@ class Builder : public nlohmann::json_sax<Json> {
   std::string path() const {
     std::string path;
     for (const Open& open : open_) {
-      if (open.value->is_array()) {
-        path += "[" + std::to_string(open.value->size()) + "]";
-      } else {
+      if (open.value->is_object()) {
         path += (path.empty() ? "" : ".") + printable(open.key);
+      } else {
+        // An element that is itself open has been added to its array already.
+        const std::size_t added = &open == &open_.back() ? 0 : 1;
+        path += "[" + std::to_string(open.value->size() - added) + "]";
       }
     }
     return path.empty() || path.front() == '[' ? "line" : path;
