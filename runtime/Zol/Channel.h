@@ -3,8 +3,8 @@
 // An entity has one channel for each attribute that can be watched; a listener is bound to at most one channel. A
 // collection notifies with the key of the changed member, a single value with NoKey. notifyAll() tells that any member
 // may have changed. Listeners come and go at any time, also from inside a notification: one that arrives during a
-// notification hears of the next change, one that leaves hears nothing more. Without listeners a notification costs a
-// load and a branch.
+// notification hears of the next change, one that leaves hears nothing more. The channel itself may go too, with the
+// entity whose last reference a handler drops. Without listeners a notification costs a load and a branch.
 #pragma once
 
 #include <algorithm>
@@ -32,6 +32,9 @@ class Listener {
 
   // Binds to channel, or to nothing; leaves the one bound before.
   void channelIs(Channel<Key>* channel) {
+    if (channel == channel_) {
+      return;
+    }
     if (channel_ != nullptr) {
       channel_->remove(this);
     }
@@ -61,6 +64,9 @@ class Channel {
         listener->channel_ = nullptr;
       }
     }
+    for (Walk* walk = innermost_; walk != nullptr; walk = walk->outer) {
+      walk->isChannelGone = true;
+    }
   }
 
   void notify(const Key& key) {
@@ -80,19 +86,31 @@ class Channel {
  private:
   friend class Listener<Key>;
 
+  // One notification under way; they nest when a handler changes what it is told of.
+  struct Walk {
+    explicit Walk(Channel& walked) : channel(walked), outer(walked.innermost_) { channel.innermost_ = this; }
+    ~Walk() {
+      if (isChannelGone) {
+        return;
+      }
+      channel.innermost_ = outer;
+      if (outer == nullptr) {
+        std::erase(channel.listeners_, nullptr);
+      }
+    }
+    Walk(const Walk&) = delete;
+    Walk& operator=(const Walk&) = delete;
+
+    Channel& channel;
+    Walk* const outer;
+    bool isChannelGone = false;
+  };
+
   template <class F>
   void forEach(F&& tell) {
-    struct Depth {  // an exception from a listener must not leave the channel in notification for ever
-      explicit Depth(Channel& channel) : channel_(channel) { ++channel_.depth_; }
-      ~Depth() {
-        if (--channel_.depth_ == 0) {
-          std::erase(channel_.listeners_, nullptr);
-        }
-      }
-      Channel& channel_;
-    } depth(*this);
+    Walk walk(*this);
     const std::size_t present = listeners_.size();
-    for (std::size_t i = 0; i < present; ++i) {
+    for (std::size_t i = 0; !walk.isChannelGone && i < present; ++i) {
       if (listeners_[i] != nullptr) {
         tell(*listeners_[i]);
       }
@@ -101,15 +119,15 @@ class Channel {
 
   void remove(Listener<Key>* listener) {
     const auto at = std::find(listeners_.begin(), listeners_.end(), listener);
-    if (depth_ > 0) {
-      *at = nullptr;  // forEach is walking the vector; it sweeps when it is done
+    if (innermost_ != nullptr) {
+      *at = nullptr;  // forEach is walking the vector; the outermost walk sweeps when it is done
     } else {
       listeners_.erase(at);
     }
   }
 
   std::vector<Listener<Key>*> listeners_;
-  int depth_ = 0;
+  Walk* innermost_ = nullptr;
 };
 
 }  // namespace Zol

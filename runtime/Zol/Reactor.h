@@ -216,8 +216,9 @@ class ChildMap final : public ReactorPart {
  private:
   void doNotificationActive(bool active) override {
     for (auto it = children_.begin(); it; ++it) {
-      const Ptr<T> child = it.value();
-      child->hasNotificationActiveIs(active);
+      if (const Ptr<T> child = it.value()) {
+        child->hasNotificationActiveIs(active);
+      }
     }
   }
   void doZombie(bool) override {}
