@@ -6,6 +6,7 @@
 #include <compare>
 #include <cstdint>
 #include <cstring>
+#include <initializer_list>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -24,7 +25,7 @@ class PodArray {
   using Element = T;
 
   PodArray() {}
-  PodArray(std::initializer_list<T> elements) {
+  PodArray(std::initializer_list<T> elements) : PodArray() {  // so that its destructor runs if there are too many
     for (const T& element : elements) {
       append(element);
     }

@@ -286,6 +286,8 @@ std::string schemaOf() {
         },
         T::fields());
     return text + "}";
+  } else if constexpr (std::is_same_v<T, bool>) {
+    return "bool";
   } else if constexpr (std::is_integral_v<T> || std::is_enum_v<T>) {
     return "u" + std::to_string(sizeof(T) * 8);
   } else if constexpr (NamesItself<T>) {
@@ -340,7 +342,7 @@ struct Schema<PodArray<T, maxSize, inlineSize>> {
     Zol::printFields(out, value);                                                             \
     return out;                                                                               \
   }                                                                                           \
-  friend std::string valueToStrep(const Type& value) { return Zol::stringOf(value); }
+  [[maybe_unused]] friend std::string valueToStrep(const Type& value) { return Zol::stringOf(value); }
 
 // For a record; goes first in its class. ZOL_ORDERED_VALUE adds the ordering field by field.
 #define ZOL_VALUE(Type, typeText, ...) ZOL_DESCRIBE(Type, typeText, std::tuple<>(), __VA_ARGS__)
