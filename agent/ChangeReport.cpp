@@ -121,7 +121,10 @@ void ChangeReport::write(std::ostream& out, const std::string& title, bool isCol
   if (ribChanges.empty() && fibChanges.empty()) {
     return;
   }
-  out << title << ": " << ribChanges.size() << " RIB changes, " << fibChanges.size() << " FIB changes\n";
+  const auto counted = [](std::size_t count, const std::string& what) {
+    return std::to_string(count) + " " + what + (count == 1 ? " change" : " changes");
+  };
+  out << title << ": " << counted(ribChanges.size(), "RIB") << ", " << counted(fibChanges.size(), "FIB") << '\n';
   write(out, ribChanges, ribLinesMax, isColoured);
   write(out, fibChanges, fibLinesMax, isColoured);
 }

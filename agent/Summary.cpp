@@ -49,7 +49,7 @@ void addRib(Columns& columns, const std::string& name, Model::TunnelRibId id, co
     prefWords = joined(prefWords, std::to_string(pref));
   }
   columns.row({printable(name), std::to_string(id), std::to_string(rib.size()), widthWords.empty() ? "-" : widthWords,
-               prefWords.empty() ? "-" : prefWords + (prefs.size() > 1 ? "" : " ")});
+               prefWords.empty() ? "-" : prefWords});
 }
 
 void addFib(Columns& columns, const AgentHost& host) {
