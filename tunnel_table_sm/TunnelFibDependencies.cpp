@@ -34,8 +34,10 @@ bool TunnelFibDependencies::nextLevelsIs(const TunnelId& tunnel, std::span<const
   }
   if (nextLevels.empty()) {
     nextLevels_.erase(tunnel);
+  } else if (present != nullptr) {
+    *present = NextLevels(nextLevels);
   } else {
-    nextLevels_.insertOrAssign(tunnel, NextLevels(nextLevels));
+    nextLevels_.insert(tunnel, NextLevels(nextLevels));
   }
   return true;
 }
@@ -107,8 +109,8 @@ TunnelFibDependencies::TunnelIds TunnelFibDependencies::cycleOf(const TunnelId& 
 
 // Answers for nearly all tunnels: somebody must lead to it, and some next level must lead on.
 bool TunnelFibDependencies::mayBeOnCycle(const TunnelId& tunnel) const {
-  const NextLevels* const next = nextLevels_.find(tunnel);
-  if (next == nullptr || dependants_.find(tunnel) == nullptr) {
+  const NextLevels* const next = dependants_.has(tunnel) ? nextLevels_.find(tunnel) : nullptr;
+  if (next == nullptr) {
     return false;
   }
   for (std::size_t i = 0; i < next->size(); ++i) {

@@ -118,11 +118,13 @@ class TunnelFibSm final : public Zol::Reactor {
   void removeStaleEntries();
   // Whether the tunnel's FIB entry is as an earlier run left it.
   bool tunnelFibEntryMarkedUnprocessed(const TunnelId& tunnelId) const {
-    const bool* const hasEntry = markedUnprocessed_.find(tunnelId);
+    const bool* const hasEntry = markedUnprocessed_.empty() ? nullptr : markedUnprocessed_.find(tunnelId);
     return hasEntry != nullptr && *hasEntry;
   }
   // The same for what is known of the tunnel at all: an entry, or that it was unprogrammable.
-  bool isFromEarlierRun(const TunnelId& tunnelId) const { return markedUnprocessed_.has(tunnelId); }
+  bool isFromEarlierRun(const TunnelId& tunnelId) const {
+    return !markedUnprocessed_.empty() && markedUnprocessed_.has(tunnelId);
+  }
   std::size_t tunnelFibEntryMarkedUnprocesseds() const { return markedUnprocessed_.size(); }
   void tunnelFibEntryMarkedUnprocessedIs(const TunnelId& tunnelId, bool value);
   void tunnelFibEntryMarkedUnprocessedDel(const TunnelId& tunnelId) { markedUnprocessed_.erase(tunnelId); }
@@ -158,6 +160,7 @@ class TunnelFibSm final : public Zol::Reactor {
   template <class Entry>
   void doCollectNextLevels(const Entry& entry);
   void doUpdateDependencies(const TunnelId& tunnelId);
+  bool wasUnprogrammable(const TunnelId& tunnelId) const;
   bool doesDefer(const TunnelId& tunnelId, const TunnelFibCalcResult& result) const;
   void fileDeferredDependants(const TunnelId& tunnelId);
   void drainSlice(std::size_t& reviewed);

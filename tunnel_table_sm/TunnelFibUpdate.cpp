@@ -48,10 +48,13 @@ void TunnelFibSm::updateTunnelFibEntry(const TunnelId& tunnelId) {
     deferred_.insert(tunnelId);
     return;
   }
-  deferred_.erase(tunnelId);
-  const bool wasUnprogrammable = unprogrammableTunnelIds_->has(tunnelId);
+  if (!deferred_.empty()) {  // nearly always empty, and hashing an id is a good part of a review
+    deferred_.erase(tunnelId);
+  }
+  const bool wasUnprogrammable = this->wasUnprogrammable(tunnelId);
   const bool isWritten = doUpdateTunnelFibEntry(review_.consFibEntry, result.tunnelContributing());
-  if (markedUnprocessed_.erase(tunnelId) || wasUnprogrammable == isWritten) {
+  const bool wasMarked = !markedUnprocessed_.empty() && markedUnprocessed_.erase(tunnelId);
+  if (wasMarked || wasUnprogrammable == isWritten) {
     addDependentTunnelsForReview(tunnelId);
   }
   fileDeferredDependants(tunnelId);
@@ -119,7 +122,9 @@ void TunnelFibSm::doCollectNextLevels(const Entry& entry) {
 
 void TunnelFibSm::doUpdateDependencies(const TunnelId& tunnelId) {
   if (dependencies_.hasNextLevels(tunnelId, review_.nextLevels)) {
-    review_.cycle = dependencies_.cycleOf(tunnelId);
+    if (!review_.nextLevels.empty()) {
+      review_.cycle = dependencies_.cycleOf(tunnelId);
+    }
     return;
   }
   const auto file = [&](const TunnelFibDependencies::TunnelIds& cycle) {
@@ -133,6 +138,10 @@ void TunnelFibSm::doUpdateDependencies(const TunnelId& tunnelId) {
   dependencies_.nextLevelsIs(tunnelId, review_.nextLevels);
   review_.cycle = dependencies_.cycleOf(tunnelId);
   file(review_.cycle);
+}
+
+bool TunnelFibSm::wasUnprogrammable(const TunnelId& tunnelId) const {
+  return unprogrammableTunnelIds_->entry().size() != 0 && unprogrammableTunnelIds_->has(tunnelId);
 }
 
 bool TunnelFibSm::doesDefer(const TunnelId& tunnelId, const TunnelFibCalcResult& result) const {
@@ -172,7 +181,7 @@ bool TunnelFibSm::doUpdateTunnelFibEntry(const ConsolidatedTunnelFibEntry& consF
     return false;
   }
   tunnelFibWriter_->addFibEntry(consFibEntry);
-  if (unprogrammableTunnelIds_->has(tunnelId)) {
+  if (wasUnprogrammable(tunnelId)) {
     FASTLOG_TRACE(8, " TunnelId " << tunnelId << " is now programmable");
     unprogrammableTunnelIds_->entryDel(tunnelId);
   }
