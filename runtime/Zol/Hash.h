@@ -22,9 +22,14 @@ class OneAtATime {
     } else {
       byte(static_cast<std::uint8_t>(value));
     }
-    for (int shift = 8; shift < 64; shift += 8) {
-      byte(static_cast<std::uint8_t>(value >> shift));
-    }
+    // Written out: compilers leave a loop in place at -O2.
+    byte(static_cast<std::uint8_t>(value >>= 8));
+    byte(static_cast<std::uint8_t>(value >>= 8));
+    byte(static_cast<std::uint8_t>(value >>= 8));
+    byte(static_cast<std::uint8_t>(value >>= 8));
+    byte(static_cast<std::uint8_t>(value >>= 8));
+    byte(static_cast<std::uint8_t>(value >>= 8));
+    byte(static_cast<std::uint8_t>(value >>= 8));
   }
   constexpr std::uint32_t result() const {
     std::uint32_t hash = state_ * 9;
