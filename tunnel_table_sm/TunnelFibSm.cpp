@@ -9,6 +9,7 @@
 #include "runtime/Fastlog/TraceHelper.h"
 #include "tunnel_table_sm/TunnelFibTableEntry.h"
 #include "tunnel_table_sm/TunnelFibTableVisit.h"
+#include "tunnel_table_sm/TunnelTracing.h"
 
 namespace Tunnel::TunnelTable {
 namespace {
@@ -52,6 +53,7 @@ TunnelFibSm::TunnelFibSm(Zol::Ptr<TunnelFib> tunnelFib, Zol::Ptr<TunnelIdColl> u
 
 void TunnelFibSm::handleInitialized() {
   FASTLOG_TRACE(8, "virtual void Tunnel::TunnelTable::TunnelFibSm::handleInitialized()");
+  fastlogInitialize();
   task_ = std::make_unique<Quor::OwnedTask<TunnelFibSm>>(*this, &TunnelFibSm::drainTunnelBacklog, scheduler_, 2,
                                                          "TunnelFibSm");
   tunnelFibWriter_.is(tunnelFibWriterFactory(tunnelFib_));

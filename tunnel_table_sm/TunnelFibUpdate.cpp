@@ -13,6 +13,7 @@
 // waits for a tunnel in the backlog. Its review brings the next one up, and so on to T.
 #include <algorithm>
 
+#include "runtime/Fastlog/RingMessage.h"
 #include "runtime/Fastlog/TraceHelper.h"
 #include "tunnel_table_sm/TunnelFibSm.h"
 #include "tunnel_table_sm/TunnelFibTableEntry.h"
@@ -168,10 +169,16 @@ bool TunnelFibSm::doUpdateTunnelFibEntry(const ConsolidatedTunnelFibEntry& consF
   const bool tooManyBackupVias = consFibEntry.backupViaInfos() > countMax;
   if (tooManyVias) {
     FASTLOG_TRACE(8, "TunnelFibEntry has too many tunnelVias: " << consFibEntry.viaInfos() << ", (max " << countMax);
+    static Fastlog::RingMessage message("TunnelFibSm", __LINE__,
+                                        "TunnelFibEntry has too many tunnelVias: %i, (max %i)");
+    message.write(consFibEntry.viaInfos(), countMax);
   }
   if (tooManyBackupVias) {
     FASTLOG_TRACE(
         8, "TunnelFibEntry has too many backupTunnelVias: " << consFibEntry.backupViaInfos() << ", (max " << countMax);
+    static Fastlog::RingMessage message("TunnelFibSm", __LINE__,
+                                        "TunnelFibEntry has too many backupTunnelVias: %i, (max %i)");
+    message.write(consFibEntry.backupViaInfos(), countMax);
   }
   if (noVias || tooManyVias || tooManyBackupVias) {
     tunnelFibWriter_->deleteFibEntry(tunnelId);

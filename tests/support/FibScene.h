@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <map>
 #include <memory>
 #include <string>
@@ -55,6 +56,9 @@ class FibScene {
  public:
   explicit FibScene(Zol::Ptr<TunnelFib> tunnelFib = Zol::make<TunnelFib>("fib"))
       : fib(std::move(tunnelFib)), unprogrammable(tunnelIdCollFactory("unprogrammable")) {
+    if (std::getenv("FLFILE") == nullptr) {
+      setenv("FASTLOG_DISABLE", "1", 0);  // tests leave no trace files behind
+    }
     start();
   }
   FibScene(const FibScene&) = delete;
