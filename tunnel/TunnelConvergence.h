@@ -41,7 +41,12 @@ class TunnelConvergence : public Zol::Entity {
   using Entity::Entity;
 
   const Seqnos& tunnelRibConvergenceSeqno() const { return seqno_; }
-  void tunnelRibConvergenceSeqnoIs(TunnelRibId rib, std::uint64_t seqno) { seqno_.is(rib, seqno); }
+  // Notifies also when the number is the same: the RIB may converge twice without a change between.
+  void tunnelRibConvergenceSeqnoIs(TunnelRibId rib, std::uint64_t seqno) {
+    if (!seqno_.is(rib, seqno)) {
+      seqno_.channel().notify(rib);
+    }
+  }
   void tunnelRibConvergenceSeqnoDel(TunnelRibId rib) { seqno_.del(rib); }
 
  private:

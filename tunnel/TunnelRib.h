@@ -28,7 +28,7 @@ class TunnelIdCollIndex {
 
 using TunnelIdArray = Zol::PodArray<TunnelId, TunnelIdCollIndex::maxSize(), 2>;
 
-// All tunnels of an entry are of one type and one preference.
+// All tunnels of an entry are of one type, in a RIB also of one preference.
 class TunnelRibEntry {
   ZOL_VALUE(TunnelRibEntry, "Tunnel::TunnelTable::TunnelRibEntry", (Ipkit::IpGenPrefix, tep), (TunnelMetrics, metrics),
             (TunnelEntryPref, pref), (TunnelIdArray, tunnelId))

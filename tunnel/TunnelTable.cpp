@@ -17,3 +17,20 @@ void TunnelTableBase::refuseIllegalIntf(const TunnelId& id, Ipkit::IntfId intf) 
 }
 
 }  // namespace Tunnel::TunnelTable
+
+namespace Memtab {
+
+template class MemtabMap<Tunnel::TunnelTable::BgpLuTunnelTableEntry, Tunnel::TunnelTable::TunnelTableBase>;
+template class MemtabMap<Tunnel::TunnelTable::BgpLuPushTunnelTableEntry, Tunnel::TunnelTable::TunnelTableBase>;
+template class MemtabMap<Tunnel::TunnelTable::LdpTunnelTableEntry, Tunnel::TunnelTable::TunnelTableBase>;
+template class MemtabMap<Tunnel::TunnelTable::RsvpTunnelTableEntry, Tunnel::TunnelTable::TunnelTableBase>;
+template class MemtabMap<Tunnel::TunnelTable::SrTunnelTableEntry, Tunnel::TunnelTable::TunnelTableBase>;
+template class MemtabMap<Tunnel::TunnelTable::SrTeSegmentListTunnelTableEntry, Tunnel::TunnelTable::TunnelTableBase>;
+template class MemtabMap<Tunnel::TunnelTable::StaticTunnelTableEntry, Tunnel::TunnelTable::TunnelTableBase>;
+template class MemtabMap<Tunnel::TunnelTable::NexthopGroupTunnelTableEntry, Tunnel::TunnelTable::TunnelTableBase>;
+template class MemtabMap<Tunnel::TunnelTable::TiLfaTunnelTableEntry, Tunnel::TunnelTable::TunnelTableBase>;
+template class MemtabMap<Tunnel::TunnelTable::GreIntfTunnelTableEntry, Tunnel::TunnelTable::TunnelTableBase>;
+template class MemtabMap<Tunnel::TunnelTable::IpsecVtiIntfTunnelTableEntry, Tunnel::TunnelTable::TunnelTableBase>;
+template class MemtabMap<Tunnel::TunnelTable::IpsecGreIntfTunnelTableEntry, Tunnel::TunnelTable::TunnelTableBase>;
+
+}  // namespace Memtab

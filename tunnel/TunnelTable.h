@@ -34,6 +34,9 @@ class ProtocolTunnelTable : public Memtab::MemtabMap<Entry, TunnelTableBase> {
   static constexpr TunnelType tableTunnelType = type;
 
   explicit ProtocolTunnelTable(const std::string& name) : Memtab::MemtabMap<Entry, TunnelTableBase>(name, type) {}
+  // A read-only placeholder: for a table that is known but not mounted.
+  ProtocolTunnelTable(const std::string& name, std::nullptr_t)
+      : Memtab::MemtabMap<Entry, TunnelTableBase>(name, Zol::Ptr<Memtab::SharedStore>(), 0U, type) {}
 
  protected:
   void refuseIllegal(const Entry& entry) const override {
@@ -65,6 +68,30 @@ using TiLfaTunnelTable = ProtocolTunnelTable<TiLfaTunnelTableEntry, TunnelType::
 using GreIntfTunnelTable = ProtocolTunnelTable<GreIntfTunnelTableEntry, TunnelType::l3IntfTunnel>;
 using IpsecVtiIntfTunnelTable = ProtocolTunnelTable<IpsecVtiIntfTunnelTableEntry, TunnelType::l3IntfTunnel>;
 using IpsecGreIntfTunnelTable = ProtocolTunnelTable<IpsecGreIntfTunnelTableEntry, TunnelType::l3IntfTunnel>;
+
+}  // namespace Tunnel::TunnelTable
+
+// Instantiated once, in TunnelTable.cpp: a table is too much to compile again for every reader.
+namespace Memtab {
+extern template class MemtabMap<Tunnel::TunnelTable::BgpLuTunnelTableEntry, Tunnel::TunnelTable::TunnelTableBase>;
+extern template class MemtabMap<Tunnel::TunnelTable::BgpLuPushTunnelTableEntry, Tunnel::TunnelTable::TunnelTableBase>;
+extern template class MemtabMap<Tunnel::TunnelTable::LdpTunnelTableEntry, Tunnel::TunnelTable::TunnelTableBase>;
+extern template class MemtabMap<Tunnel::TunnelTable::RsvpTunnelTableEntry, Tunnel::TunnelTable::TunnelTableBase>;
+extern template class MemtabMap<Tunnel::TunnelTable::SrTunnelTableEntry, Tunnel::TunnelTable::TunnelTableBase>;
+extern template class MemtabMap<Tunnel::TunnelTable::SrTeSegmentListTunnelTableEntry,
+                                Tunnel::TunnelTable::TunnelTableBase>;
+extern template class MemtabMap<Tunnel::TunnelTable::StaticTunnelTableEntry, Tunnel::TunnelTable::TunnelTableBase>;
+extern template class MemtabMap<Tunnel::TunnelTable::NexthopGroupTunnelTableEntry,
+                                Tunnel::TunnelTable::TunnelTableBase>;
+extern template class MemtabMap<Tunnel::TunnelTable::TiLfaTunnelTableEntry, Tunnel::TunnelTable::TunnelTableBase>;
+extern template class MemtabMap<Tunnel::TunnelTable::GreIntfTunnelTableEntry, Tunnel::TunnelTable::TunnelTableBase>;
+extern template class MemtabMap<Tunnel::TunnelTable::IpsecVtiIntfTunnelTableEntry,
+                                Tunnel::TunnelTable::TunnelTableBase>;
+extern template class MemtabMap<Tunnel::TunnelTable::IpsecGreIntfTunnelTableEntry,
+                                Tunnel::TunnelTable::TunnelTableBase>;
+}  // namespace Memtab
+
+namespace Tunnel::TunnelTable {
 
 // Reads from a table that may be absent (null) or damaged. Damage is reported to the table and reads as absent.
 template <class Table>

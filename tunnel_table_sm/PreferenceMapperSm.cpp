@@ -14,6 +14,8 @@ using ProtoEntryPtr = Zol::PtrConst<TunnelRibProtoEntry>;
 #define MAPPER NAMESPACE "PreferenceMapperSm::"
 constexpr auto tableEntrySignature = "virtual void " MAPPER "handleTunnelTableEntry(const " NAMESPACE
                                      "TunnelId&, " NAMESPACE "TunnelTableIdentifier, bool)";
+constexpr auto initializedSignature = "virtual void " MAPPER "handleInitialized()";
+constexpr auto configEntrySignature = "void " MAPPER "handleRibConfigEntry(" NAMESPACE "TunnelTableIdentifier)";
 constexpr auto prefMappingAllSignature = "void " MAPPER "handlePrefMapping()";
 constexpr auto prefMappingSignature = "void " MAPPER "handlePrefMapping(" NAMESPACE "TunnelTableIdentifier)";
 constexpr auto configSignature =
@@ -84,13 +86,19 @@ PreferenceMapperSm::PreferenceMapperSm(Zol::PtrConst<TunnelTableEntities> tunnel
 }
 
 void PreferenceMapperSm::handleInitialized() {
+  FASTLOG_TRACE(8, initializedSignature);
   handleTunnelTableEntity();
   handlePrefMapping();
 }
 
 void PreferenceMapperSm::handleRibConfigEntry(const TunnelTableIdentifier& table) {
+  FASTLOG_TRACE(8, configEntrySignature);
   if (const ProtoEntryPtr entry = tunnelRibConfig_->entry(table)) {
     entryIs(entry);
+    // An entry put in place of another may carry another preference. A table that is yet to come brings its own walk.
+    if (hasNotificationActive() && tunnelTableEntities()->tunnelTableHas(Zol::stringOf(table))) {
+      handlePrefMapping(table);
+    }
   } else {
     entryDel(table);
   }

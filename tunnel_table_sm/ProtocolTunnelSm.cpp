@@ -47,7 +47,9 @@ void TableEntrySm::handleTunnelTableEntity(const std::string& name) {
     const Zol::Ptr<ProtocolTunnelSm> sm = tableToSm(name, table, unprogrammableTunnelId(), tunnelTableEntities(), this);
     ZOL_ASSERT_TEXT(sm, "0 && \"Failed to create the per-table Sm\"");
     sm->handleTunnelEntry();
-    tunnelSmIs(name, sm);  // one that was there goes without a kick: the new walk has reported what is
+    if (tunnelTableEntities_->tunnelTable(name) == table) {  // not withdrawn by what the walk has set off
+      tunnelSmIs(name, sm);  // one that was there goes without a kick: the new walk has reported what is
+    }
     return;
   }
   FASTLOG_TRACE(8, "handleTunnelTableEntity"

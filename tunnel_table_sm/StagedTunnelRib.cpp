@@ -8,17 +8,15 @@ namespace Tunnel::TunnelTable {
 namespace {
 
 bool holdSameTunnels(const TunnelIdArray& a, const TunnelIdArray& b) {
-  if (a == b) {
-    return true;
-  }
-  if (a.size() != b.size()) {
-    return false;
+  constexpr std::size_t fewIds = 16;  // up to here comparing each with each beats sorting copies
+  if (a.size() != b.size() || a.size() <= fewIds) {
+    return a.size() == b.size() && std::is_permutation(a.begin(), a.end(), b.begin());
   }
   const auto sorted = [](TunnelIdArray ids) {
     std::sort(ids.begin(), ids.end());
     return ids;
   };
-  return sorted(a) == sorted(b);
+  return a == b || sorted(a) == sorted(b);
 }
 
 bool isSame(const TunnelRibEntry& a, const TunnelRibEntry& b) {
@@ -27,30 +25,40 @@ bool isSame(const TunnelRibEntry& a, const TunnelRibEntry& b) {
 
 }  // namespace
 
-TunnelRibEntry& StagedTunnelRib::entry(const Ipkit::IpGenPrefix& tep) {
-  for (Staged& each : touched_) {
-    if (each.tep == tep) {
-      return each.now;
-    }
-  }
-  Staged& staged = touched_.emplace_back();
-  staged.tep = tep;
-  readSafely(rib_.get(), tep, staged.standing);
-  staged.now = staged.standing;
-  return staged.now;
+StagedTunnelRib::Staged* StagedTunnelRib::find(const Ipkit::IpGenPrefix& tep) {
+  const auto at =
+      std::find_if(touched_.begin(), touched_.end(), [&tep](const Staged& each) { return each.tep == tep; });
+  return at == touched_.end() ? nullptr : &*at;
 }
 
+StagedTunnelRib::Staged& StagedTunnelRib::stage(const Ipkit::IpGenPrefix& tep) {
+  Staged& staged = touched_.emplace_back();
+  staged.tep = tep;
+  try {
+    rib_->read(tep, staged.standing);
+  } catch (const Memtab::CorruptionException& damage) {
+    rib_->corruptionDetected(damage.what());
+    staged.isDamaged = true;
+  }
+  staged.now = staged.standing;
+  return staged;
+}
+
+// Who hears of a write may come back for another review: what is staged leaves first.
 void StagedTunnelRib::write() {
-  for (const Staged& each : touched_) {
+  std::vector<Staged> touched;
+  touched.swap(touched_);
+  for (const Staged& each : touched) {
     if (each.now.tunnelIds() == 0) {
-      if (each.standing.tunnelIds() != 0) {
+      if (each.isDamaged || each.standing.tunnelIds() != 0) {
         rib_->entryDel(each.tep);
       }
-    } else if (!isSame(each.standing, each.now)) {
+    } else if (each.isDamaged || !isSame(each.standing, each.now)) {
       rib_->entryIs(each.now);
     }
   }
-  touched_.clear();
+  touched.clear();
+  touched_.swap(touched);  // keeps the memory
 }
 
 }  // namespace Tunnel::TunnelTable

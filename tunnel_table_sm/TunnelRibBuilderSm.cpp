@@ -13,6 +13,8 @@ namespace {
 constexpr auto unprogrammableSignature =
     "virtual void Tunnel::TunnelTable::TunnelRibBuilderSm::handleUnprogrammableEntry(const "
     "Tunnel::TunnelTable::TunnelId&)";
+constexpr auto preferenceSignature =
+    "void Tunnel::TunnelTable::TunnelRibBuilderSm::handlePreference(const Tunnel::TunnelTable::TunnelId&)";
 constexpr auto initializedSignature = "virtual void Tunnel::TunnelTable::TunnelRibBuilderSm::handleInitialized()";
 constexpr Quor::TaskPriority reviewPriority = 2;
 
@@ -53,7 +55,7 @@ void TunnelRibBuilderSm::handleInitialized() {
   ZOL_ASSERT(areSmTypesRegistered());
   taskIs(scheduler_, reviewPriority, "TunnelRibsm");
   internalTunnelRib_ = Zol::make<InternalTunnelRib>();
-  removeStaleEntries(tunnelRib(), false);
+  removeStaleEntries(tunnelRib());
   verifyProtoTunnelRibColl();
   handleTunnelTableEntity();
   deadline_.timeMinIs(Quor::Clock::never);
@@ -93,6 +95,7 @@ void TunnelRibBuilderSm::handleUnprogrammableEntry(const TunnelId& tunnelId) {
 
 // The flag only reaches the trace, where its sense has always been the wrong way round.
 void TunnelRibBuilderSm::handlePreference(const TunnelId& tunnelId) {
+  FASTLOG_TRACE(8, preferenceSignature);
   handleTunnelTableEntry(tunnelId, TunnelTableIdentifier::none, filter_->preferenceHas(tunnelId));
 }
 
@@ -114,11 +117,14 @@ void TunnelRibBuilderSm::scheduleTunnelReview() {
 }
 
 void TunnelRibBuilderSm::drainTunnelBacklog() {
-  FASTLOG_TRACE(6, "drainTunnelBacklog"
+  // Readers of the RIB are told of every write and may replace this very builder: it stays until the drain is over, and
+  // from then on writes nothing more.
+  const Zol::Ptr<TunnelRibBuilderSm> self(this);
+  FASTLOG_TRACE(8, "drainTunnelBacklog"
                        << ": " << tunnelForReview_.size() << " backlog entries for rib " << ribId());
   std::size_t reviewed = 0;
   auto it = tunnelForReview_.from(tunnelReviewBookmark_);
-  while (!tunnelForReview_.empty()) {
+  while (reacts() && !tunnelForReview_.empty()) {
     if (!it) {
       it = tunnelForReview_.begin();
     }
@@ -133,6 +139,9 @@ void TunnelRibBuilderSm::drainTunnelBacklog() {
       tunnelReviewBookmark_ = it ? it.key() : TunnelId();
       break;
     }
+  }
+  if (!reacts()) {
+    return;
   }
   const std::size_t remaining = tunnelForReview_.size();
   FASTLOG_TRACE(6, "drainTunnelBacklog"

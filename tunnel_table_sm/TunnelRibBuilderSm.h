@@ -75,8 +75,23 @@ class TunnelRibBuilderSm final : public TableEntrySm {
   void updateTunnelRibEntry(const TunnelId& tunnelId);
   TunnelEntryPref getPreference(const TunnelTableEntry& entry) const;
 
-  // What an earlier run left (TunnelRibStale.cpp). Walks the RIB once; the second pass the RIBs of all types.
-  void removeStaleEntries(const Zol::Ptr<TunnelRib>& rib, bool isProtocolRib);
+  // Steps of a review. add false: tep is where the tunnel is filed.
+  void doUpdateLocalCollectionsAndTunnelRib(const EncapsulatedTableEntry& entry, const Ipkit::IpGenPrefix& tep,
+                                            bool add);
+  void doUpdateTunnelRibEntry(const EncapsulatedTableEntry& entry, const Ipkit::IpGenPrefix& tep, bool add);
+  bool shouldReplaceTunnelRibEntries(TunnelEntryPref existingPref, TunnelEntryPref newPref, const TunnelId& existingId,
+                                     const TunnelId& newId) const;
+  void doAddTunnelId(const EncapsulatedTableEntry& entry, const Ipkit::IpGenPrefix& tep, TunnelEntryPref pref);
+  // False when the entry did not hold the tunnel.
+  bool doDeleteTunnelId(const TunnelId& id, const Ipkit::IpGenPrefix& tep);
+  void doSelectBestAndUpdateTunnelRib(const Ipkit::IpGenPrefix& tep);
+  // The per-protocol RIBs (TunnelRibReview.cpp). False: the endpoint had no entry there.
+  bool doUpdateProtoTunnelRibColl(const Ipkit::IpGenPrefix& tep, const TunnelId& id, TunnelType type, bool add);
+  // Raises InternalException when the type's RIB is missing.
+  StagedTunnelRib& assertProtoTunnelRib(TunnelType type);
+
+  // What an earlier run left (TunnelRibStale.cpp). type: of a per-protocol RIB.
+  void removeStaleEntries(const Zol::Ptr<TunnelRib>& rib, std::optional<TunnelType> type = std::nullopt);
   void verifyProtoTunnelRibColl();
 
   // Convergence (TunnelRibConvergence.cpp).
@@ -92,21 +107,14 @@ class TunnelRibBuilderSm final : public TableEntrySm {
   bool contributes(const EncapsulatedTableEntry& entry) const;
   bool isUnprogrammable(const TunnelId& id) const;
 
-  // Steps of a review.
-  void doUpdateLocalCollectionsAndTunnelRib(const EncapsulatedTableEntry& entry, const Ipkit::IpGenPrefix& tep,
-                                            bool add);
+  bool reacts() const { return hasNotificationActive() && !isZombie(); }
+
+  TunnelRibEntry& ribEntryOf(const Ipkit::IpGenPrefix& tep);
+  TunnelRibEntry& protoRibEntryOf(TunnelType type, const Ipkit::IpGenPrefix& tep);
   void doAddCandidate(const EncapsulatedTableEntry& entry, const Ipkit::IpGenPrefix& tep);
   void doRemoveCandidate(const EncapsulatedTableEntry& entry, const Ipkit::IpGenPrefix& tep);
-  bool doUpdateProtoTunnelRibColl(const Ipkit::IpGenPrefix& tep, const TunnelId& id, TunnelType type, bool add);
-  StagedTunnelRib& assertProtoTunnelRib(TunnelType type);
-  void doUpdateTunnelRibEntry(const EncapsulatedTableEntry& entry, const Ipkit::IpGenPrefix& tep, bool add);
   void doAddToTunnelRibEntry(const EncapsulatedTableEntry& entry, const Ipkit::IpGenPrefix& tep);
   void doRemoveFromTunnelRibEntry(const TunnelId& id, const Ipkit::IpGenPrefix& tep);
-  bool shouldReplaceTunnelRibEntries(TunnelEntryPref existingPref, TunnelEntryPref newPref, const TunnelId& existingId,
-                                     const TunnelId& newId) const;
-  void doAddTunnelId(const EncapsulatedTableEntry& entry, const Ipkit::IpGenPrefix& tep, TunnelEntryPref pref);
-  void doDeleteTunnelId(const TunnelId& id, const Ipkit::IpGenPrefix& tep);
-  void doSelectBestAndUpdateTunnelRib(const Ipkit::IpGenPrefix& tep);
   void doAddPeers(const TunnelTableEntry& winner, const TunnelTableOrderedEntry& candidates);
 
   // The end of a review: what changed is completed and written.
@@ -114,6 +122,9 @@ class TunnelRibBuilderSm final : public TableEntrySm {
   void doMoveUpWaiting(StagedTunnelRib::Staged& staged, bool isProtocolRib);
   void doRefreshMetrics(StagedTunnelRib::Staged& staged, const EncapsulatedTableEntry& reviewed);
 
+  bool isLiveAt(const EncapsulatedTableEntry& entry, const Ipkit::IpGenPrefix& tep) const;
+  TunnelRibEntry keptOf(const TunnelRibEntry& standing, std::optional<TunnelType> type);
+  void refillEmptied(const Zol::HashCollection<Ipkit::IpGenPrefix, bool>& emptied);
   void fileCandidate(const TunnelTableEntry& head, TunnelEntryPref pref);
 
   const bool supportPreferenceRemap_;

@@ -102,7 +102,7 @@ void TunnelRibConfigDirSm::createTunnelRibSm(const Zol::PtrConst<TunnelRibConfig
                                   unprogrammableTunnelIds_, tunnelRib, tunnelConvergence_, protoTunnelRibColl_,
                                   scheduler_);
   }
-  tunnelRibSm_.is(tunnelRib->id(), sm);
+  tunnelRibSmIs(tunnelRib->id(), sm);
 }
 
 void TunnelRibConfigDirSm::deleteTunnelRib(const std::string& name) {

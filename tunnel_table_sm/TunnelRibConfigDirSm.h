@@ -31,6 +31,7 @@ class TunnelRibConfigDirSm final : public Zol::Reactor {
   const Zol::HashCollection<TunnelRibId, Zol::Ptr<TunnelRibBaseSm>>& tunnelRibSm() const {
     return tunnelRibSm_.members();
   }
+  void tunnelRibSmIs(TunnelRibId id, Zol::Ptr<TunnelRibBaseSm> sm) { tunnelRibSm_.is(id, std::move(sm)); }
   void tunnelRibSmDel(TunnelRibId id) { tunnelRibSm_.del(id); }
   void tunnelRibSmDelAll() { tunnelRibSm_.delAll(); }
 
@@ -38,11 +39,15 @@ class TunnelRibConfigDirSm final : public Zol::Reactor {
   void handleRibConfig();
   void handleRibConfig(const std::string& name);
 
- private:
+  // Deletes what belongs to names that have lost their configuration.
   void removeStaleIdMapEntries();
-  Zol::Ptr<TunnelRib> mountCustomRib(TunnelRibId id) const;
+  // Puts a new reactor in the place of the RIB's present one.
   void createTunnelRibSm(const Zol::PtrConst<TunnelRibConfig>& config, const Zol::Ptr<TunnelRib>& tunnelRib);
+  // A name without an id has nothing to delete.
   void deleteTunnelRib(const std::string& name);
+
+ private:
+  Zol::Ptr<TunnelRib> mountCustomRib(TunnelRibId id) const;
 
   const Zol::Ptr<TunnelRib> systemTunnelRib_;
   const Zol::PtrConst<BgpLuConvergence> bgpLuConvergence_;

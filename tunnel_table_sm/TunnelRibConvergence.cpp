@@ -47,8 +47,8 @@ void TunnelRibBuilderSm::handleBgpLuConverged() {
     convergenceUpdateWaitTime_ = clock_->now() + convergenceWaitMax;
     deadline_.timeMinIs(convergenceUpdateWaitTime_);
     waitingToNotifyConverged_ = true;
+    FASTLOG_TRACE(8, convergedSignature << ": , start " << convergenceWaitMax << " seconds wait for bgpLuConvergence");
   }
-  FASTLOG_TRACE(8, convergedSignature << ": , start " << convergenceWaitMax << " seconds wait for bgpLuConvergence");
 }
 
 bool TunnelRibBuilderSm::maybeUpdateTunnelRibConvergenceSeqno() {
@@ -67,6 +67,10 @@ bool TunnelRibBuilderSm::maybeUpdateTunnelRibConvergenceSeqno() {
 }
 
 void TunnelRibBuilderSm::handleConvergenceUpdateWaitMax() {
+  if (!reacts()) {
+    return;
+  }
+  const Zol::Ptr<TunnelRibBuilderSm> self(this);  // whoever hears the announcement may replace this builder
   FASTLOG_TRACE(8, waitMaxSignature);
   if (!waitingToNotifyConverged_) {
     FASTLOG_TRACE(8, waitMaxSignature << ": already declared convergence before timer expired.");
@@ -80,10 +84,10 @@ void TunnelRibBuilderSm::handleConvergenceUpdateWaitMax() {
 
 void TunnelRibBuilderSm::updateTunnelRibConvergenceSeqno() {
   const std::uint64_t seqno = tunnelRib()->collectionControl().sequence();
-  tunnelConvergence_->tunnelRibConvergenceSeqnoIs(ribId(), seqno);
+  waitingToNotifyConverged_ = false;
   FASTLOG_TRACE(
       8, updateSignature << "Updated Tunnel RIB convergence sequence number for ribId " << ribId() << " to " << seqno);
-  waitingToNotifyConverged_ = false;
+  tunnelConvergence_->tunnelRibConvergenceSeqnoIs(ribId(), seqno);  // last: it is heard at once
 }
 
 }  // namespace Tunnel::TunnelTable

@@ -16,7 +16,7 @@ bool TunnelRibBuilderSm::doUpdateProtoTunnelRibColl(const Ipkit::IpGenPrefix& te
   if (!protoTunnelRibColl_) {
     return true;
   }
-  TunnelRibEntry& ribEntry = assertProtoTunnelRib(type).entry(tep);
+  TunnelRibEntry& ribEntry = protoRibEntryOf(type, tep);
   if (!add) {
     if (ribEntry.tunnelIds() == 0) {
       FASTLOG_TRACE(8, "No entry for tep " << tep);
@@ -38,6 +38,24 @@ bool TunnelRibBuilderSm::doUpdateProtoTunnelRibColl(const Ipkit::IpGenPrefix& te
     ribEntry.addTunnelId(id);
   }
   return true;
+}
+
+// A damaged entry is filled anew with the candidates of the type.
+TunnelRibEntry& TunnelRibBuilderSm::protoRibEntryOf(TunnelType type, const Ipkit::IpGenPrefix& tep) {
+  StagedTunnelRib& staged = assertProtoTunnelRib(type);
+  return staged.entry(tep, [this, &staged, type, &tep] {
+    const Zol::Ptr<TunnelTableOrderedEntry> candidates = internalTunnelRib_->entry(tep);
+    if (!candidates) {
+      return;
+    }
+    TunnelRibEntry& ribEntry = staged.entry(tep, [] {});
+    for (auto it = candidates->entry().begin(); it; ++it) {
+      if (it.key().tunnelId().tunnelType() == type && !ribEntry.isFull()) {
+        ribEntry.tepIs(tep);
+        ribEntry.addTunnelId(it.key().tunnelId());
+      }
+    }
+  });
 }
 
 StagedTunnelRib& TunnelRibBuilderSm::assertProtoTunnelRib(TunnelType type) {

@@ -48,6 +48,9 @@ void TunnelRibBuilderSm::updateTunnelRibEntry(const TunnelId& tunnelId) {
   }
   // Where to add is for the table to say; where to remove is where the tunnel was filed, wherever it claims to be now.
   const Ipkit::IpGenPrefix tep = add ? entry.entry().tep() : tunnelIdToTep(tunnelId).tep();
+  if (!tep && entry.hasEntry() && !!entry.entry().tep()) {
+    return;  // it may not enter, and was nowhere
+  }
   if (!tep) {
     FASTLOG_TRACE(8, " tunnel of type " << tunnelId.tunnelType() << " and id " << tunnelId << " has an invalid tep of "
                                         << tep << " associated with it.");
@@ -104,8 +107,10 @@ void TunnelRibBuilderSm::doAddCandidate(const EncapsulatedTableEntry& entry, con
 
 void TunnelRibBuilderSm::doRemoveCandidate(const EncapsulatedTableEntry& entry, const Ipkit::IpGenPrefix& tep) {
   const TunnelId& id = entry.tunnelId();
-  tunnelIdToTep_.erase(id);
-  if (!doUpdateProtoTunnelRibColl(tep, id, id.tunnelType(), false)) {
+  // A tunnel that the per-protocol RIB lacks was never filed, unless that RIB has lost it: then the rest still holds
+  // it.
+  const bool wasFiled = tunnelIdToTep_.erase(id);
+  if (!doUpdateProtoTunnelRibColl(tep, id, id.tunnelType(), false) && !wasFiled) {
     return;
   }
   const Zol::Ptr<TunnelTableOrderedEntry> candidates = internalTunnelRib_->entry(tep);
@@ -125,6 +130,11 @@ void TunnelRibBuilderSm::doRemoveCandidate(const EncapsulatedTableEntry& entry, 
   doUpdateTunnelRibEntry(entry, tep, false);
 }
 
+// A damaged entry is chosen anew from the candidates.
+TunnelRibEntry& TunnelRibBuilderSm::ribEntryOf(const Ipkit::IpGenPrefix& tep) {
+  return tunnelRib_.entry(tep, [this, &tep] { doSelectBestAndUpdateTunnelRib(tep); });
+}
+
 void TunnelRibBuilderSm::doUpdateTunnelRibEntry(const EncapsulatedTableEntry& entry, const Ipkit::IpGenPrefix& tep,
                                                 bool add) {
   if (add) {
@@ -137,7 +147,7 @@ void TunnelRibBuilderSm::doUpdateTunnelRibEntry(const EncapsulatedTableEntry& en
 void TunnelRibBuilderSm::doAddToTunnelRibEntry(const EncapsulatedTableEntry& entry, const Ipkit::IpGenPrefix& tep) {
   FASTLOG_TRACE(8, doUpdateEntrySignature << "tep: " << tep << ", add: " << true);
   const TunnelId& id = entry.tunnelId();
-  TunnelRibEntry& ribEntry = tunnelRib_.entry(tep);
+  TunnelRibEntry& ribEntry = ribEntryOf(tep);
   const TunnelEntryPref newPref = getPreference(entry.entry());
   if (ribEntry.tunnelIds() == 0) {
     FASTLOG_TRACE(8, "Adding Tunnel RIB entry tep: " << tep << " id: " << id);
@@ -191,7 +201,7 @@ bool TunnelRibBuilderSm::shouldReplaceTunnelRibEntries(TunnelEntryPref existingP
 }
 
 void TunnelRibBuilderSm::doRemoveFromTunnelRibEntry(const TunnelId& id, const Ipkit::IpGenPrefix& tep) {
-  TunnelRibEntry& ribEntry = tunnelRib_.entry(tep);
+  TunnelRibEntry& ribEntry = ribEntryOf(tep);
   if (ribEntry.tunnelIds() == 0) {
     FASTLOG_TRACE(8, "Tunnel Rib entry tep: " << tep << " is already gone.");
   }
@@ -212,7 +222,7 @@ void TunnelRibBuilderSm::doAddTunnelId(const EncapsulatedTableEntry& entry, cons
                                        TunnelEntryPref pref) {
   FASTLOG_TRACE(8, addTunnelIdSignature);
   const TunnelId& id = entry.tunnelId();
-  TunnelRibEntry& ribEntry = tunnelRib_.entry(tep);
+  TunnelRibEntry& ribEntry = ribEntryOf(tep);
   if (ribEntry.tunnelIds() == 0) {
     ribEntry = TunnelRibEntry(tep);
     copyMetrics(id, ribEntry, entry);
@@ -225,14 +235,16 @@ void TunnelRibBuilderSm::doAddTunnelId(const EncapsulatedTableEntry& entry, cons
   ribEntry.addTunnelId(id);
 }
 
-void TunnelRibBuilderSm::doDeleteTunnelId(const TunnelId& id, const Ipkit::IpGenPrefix& tep) {
+bool TunnelRibBuilderSm::doDeleteTunnelId(const TunnelId& id, const Ipkit::IpGenPrefix& tep) {
   FASTLOG_TRACE(8, deleteTunnelIdSignature << ", tep: " << tep);
-  TunnelRibEntry& ribEntry = tunnelRib_.entry(tep);
+  TunnelRibEntry& ribEntry = ribEntryOf(tep);
+  const bool present = ribEntry.hasTunnelId(id);
   const TunnelType tunnelType = ribEntry.tunnelId(std::size_t(0)).tunnelType();
   ribEntry.delTunnelId(id);
   for (const TunnelId& tid : ribEntry.tunnelId()) {
     ZOL_ASSERT(tid.tunnelType() == tunnelType);
   }
+  return present;
 }
 
 // The winner enters with the preference under which it is filed: its table may say another by now, but then its own
@@ -271,6 +283,9 @@ void TunnelRibBuilderSm::doAddPeers(const TunnelTableEntry& winner, const Tunnel
     const EncapsulatedTableEntry entry = freshEntry(candidate.tunnelId());
     if (entry.hasEntry() && entry.entry().tep() == tep) {
       doAddTunnelId(entry, tep, candidate.pref());
+    }
+    if (ribEntryOf(tep).isFull()) {
+      return;  // the rest waits
     }
   }
 }

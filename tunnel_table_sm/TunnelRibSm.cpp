@@ -46,19 +46,17 @@ TunnelRibBaseSm::TunnelRibBaseSm(Zol::PtrConst<TunnelRibConfig> tunnelRibConfig,
 // The order matters: whoever reads comes after what it reads is filled.
 void TunnelRibBaseSm::handleInitialized() {
   FASTLOG_TRACE(8, initializedSignature);
-  tableTypeFilter_.is(tunnelTableTypeFilterFactory());
+  tableTypeFilterIs();
   TunnelRibBaseSm::tunnelTableEntitiesIs(tunnelTableEntitiesFactory());
   handleRibConfig();
-  tunnelTablesMountSm_.is(
-      tunnelTablesMountSmFactory(tunnelTableInfoColl(), tableTypeFilter(), entityManager_, tunnelTableEntities()));
+  tunnelTablesMountSmIs(tunnelTableInfoColl(), tableTypeFilter(), entityManager_, tunnelTableEntities());
   if (supportPreferenceRemap_) {
-    tableEntryFilter_.is(tunnelTableEntryFilterFactory());
-    preferenceMapperSm_.is(preferenceMapperSmFactory(tunnelTableEntities(), unprogrammableTunnelIds_, tunnelRibConfig(),
-                                                     tableEntryFilter()));
+    tableEntryFilterIs();
+    preferenceMapperSmIs(tunnelTableEntities(), unprogrammableTunnelIds_, tunnelRibConfig(), tableEntryFilter());
   }
-  tunnelRibBuilderSm_.is(tunnelRibBuilderSmFactory(
-      tunnelTableEntities(), unprogrammableTunnelIds_, supportPreferenceRemap_, tableEntryFilter(), tunnelRib_,
-      bgpLuConvergence(), tunnelConvergence_, protoTunnelRibColl_, scheduler_, scheduler_->activityConfig().clock()));
+  tunnelRibBuilderSmIs(tunnelTableEntities(), unprogrammableTunnelIds_, supportPreferenceRemap_, tableEntryFilter(),
+                       tunnelRib_, bgpLuConvergence(), tunnelConvergence_, protoTunnelRibColl_, scheduler_,
+                       scheduler_->activityConfig().clock());
 }
 
 void TunnelRibBaseSm::tunnelTableEntitiesIs(Zol::Ptr<TunnelTableEntities> entities) {

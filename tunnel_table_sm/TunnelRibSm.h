@@ -21,7 +21,7 @@ namespace Tunnel::TunnelTable {
 
 class TunnelRibBaseSm : public Zol::Reactor {
  public:
-  // tunnelRibConfig must be there; a null among the others has no watcher. protoTunnelRibColl may be null.
+  // Everything but protoTunnelRibColl must be there for the RIB to be built.
   TunnelRibBaseSm(Zol::PtrConst<TunnelRibConfig> tunnelRibConfig,
                   Zol::PtrConst<TunnelTableInfoCollection> tunnelTableInfoColl,
                   Zol::PtrConst<BgpLuConvergence> bgpLuConvergence, Zol::Ptr<Statehub::EntityManager> entityManager,
@@ -43,9 +43,37 @@ class TunnelRibBaseSm : public Zol::Reactor {
   const Zol::Ptr<TunnelTableEntryFilter>& tableEntryFilter() const { return tableEntryFilter_.ptr(); }
   const Zol::Ptr<PreferenceMapperSm>& preferenceMapperSm() const { return preferenceMapperSm_.ptr(); }
 
+  const Zol::Ptr<Statehub::EntityManager>& entityManager() const { return entityManager_; }
+  const Zol::PtrConst<TunnelIdColl>& unprogrammableTunnelIds() const { return unprogrammableTunnelIds_; }
+  const Zol::Ptr<TunnelConvergence>& tunnelConvergence() const { return tunnelConvergence_; }
+  const Zol::Ptr<Quor::TaskScheduler>& scheduler() const { return scheduler_; }
+
   // Watched inputs can be replaced; that alone calls no handler.
   void tunnelRibConfigIs(Zol::PtrConst<TunnelRibConfig> config) { tunnelRibConfig_.notifierIs(std::move(config)); }
+  void tunnelTableInfoCollIs(Zol::PtrConst<TunnelTableInfoCollection> infos) { infos_.notifierIs(std::move(infos)); }
+  void bgpLuConvergenceIs(Zol::PtrConst<BgpLuConvergence> record) { bgpLuConvergence_.notifierIs(std::move(record)); }
   virtual void tunnelTableEntitiesIs(Zol::Ptr<TunnelTableEntities> entities);
+
+  // Each makes the child anew, from its construction arguments, in place of the one that is there.
+  void tableTypeFilterIs() { tableTypeFilter_.is(tunnelTableTypeFilterFactory()); }
+  void tableEntryFilterIs() { tableEntryFilter_.is(tunnelTableEntryFilterFactory()); }
+  template <class... Args>
+  void tunnelTablesMountSmIs(const Args&... args) {
+    tunnelTablesMountSm_.is(tunnelTablesMountSmFactory(args...));
+  }
+  template <class... Args>
+  void preferenceMapperSmIs(const Args&... args) {
+    preferenceMapperSm_.is(preferenceMapperSmFactory(args...));
+  }
+  template <class... Args>
+  void tunnelRibBuilderSmIs(const Args&... args) {
+    tunnelRibBuilderSm_.is(tunnelRibBuilderSmFactory(args...));
+  }
+  void tableTypeFilterDel() { tableTypeFilter_.del(); }
+  void tableEntryFilterDel() { tableEntryFilter_.del(); }
+  void tunnelTablesMountSmDel() { tunnelTablesMountSm_.del(); }
+  void preferenceMapperSmDel() { preferenceMapperSm_.del(); }
+  void tunnelRibBuilderSmDel() { tunnelRibBuilderSm_.del(); }
 
   void handleInitialized();
   // Names every configured table in the filter. One that has left the configuration comes by its own notification.

@@ -13,47 +13,89 @@ constexpr auto verifySignature = "void Tunnel::TunnelTable::TunnelRibBuilderSm::
 
 }  // namespace
 
+bool TunnelRibBuilderSm::isLiveAt(const EncapsulatedTableEntry& entry, const Ipkit::IpGenPrefix& tep) const {
+  return entry.hasEntry() && !!tep && entry.entry().tep() == tep && contributes(entry) &&
+         !isUnprogrammable(entry.tunnelId());
+}
+
 // A tunnel is stale in an entry when its table lacks it or has it at another endpoint, when it does not contribute or
-// cannot be programmed, or when the entry's first live tunnel is of another type or preference. The preferences of one
-// type's tunnels may differ in a per-protocol RIB, which shows them all.
-void TunnelRibBuilderSm::removeStaleEntries(const Zol::Ptr<TunnelRib>& rib, bool isProtocolRib) {
+// cannot be programmed, or when the entry's first live tunnel is of another type or preference. A per-protocol RIB
+// shows all tunnels of its type, whatever their preferences.
+TunnelRibEntry TunnelRibBuilderSm::keptOf(const TunnelRibEntry& standing, std::optional<TunnelType> type) {
+  TunnelRibEntry kept(standing.tep());
+  kept.metricsIs(standing.metrics());
+  kept.prefIs(standing.pref());
+  for (const TunnelId& id : standing.tunnelId()) {
+    const EncapsulatedTableEntry entry = freshEntry(id);
+    const bool isLive = contributeToTunnelRib(id.tunnelType()) && isLiveAt(entry, standing.tep());
+    const TunnelEntryPref pref = isLive ? getPreference(entry.entry()) : defaultPrefOfNone;
+    const bool isFirst = kept.tunnelIds() == 0;
+    const bool isEqual =
+        type ? id.tunnelType() == *type
+             : isFirst || (kept.tunnelId(std::size_t(0)).tunnelType() == id.tunnelType() && kept.pref() == pref);
+    if (!isLive || !isEqual) {
+      FASTLOG_TRACE(8, id << " is stale.");
+      continue;
+    }
+    FASTLOG_TRACE(8, id << " is not stale.");
+    if (isFirst && !type) {
+      kept.prefIs(pref);
+    }
+    kept.addTunnelId(id);
+    fileCandidate(entry.entry(), pref);
+    if (!type && id == kept.smallestTunnelId()) {
+      kept.metricsIs(TunnelMetrics());
+      copyMetrics(id, kept, entry);
+    }
+  }
+  return kept;
+}
+
+// An entry that cannot be read is refilled like one that holds nothing live.
+void TunnelRibBuilderSm::removeStaleEntries(const Zol::Ptr<TunnelRib>& rib, std::optional<TunnelType> type) {
+  Zol::HashCollection<Ipkit::IpGenPrefix, bool> emptied;
   walkSafely(*rib, true, [&](const TunnelRib::Hint& hint) {
     TunnelRibEntry standing;
-    if (!readSafely(rib.get(), hint.key(), standing)) {
-      return;
-    }
-    TunnelRibEntry kept(standing.tep());
-    kept.metricsIs(standing.metrics());
-    kept.prefIs(standing.pref());
-    for (const TunnelId& id : standing.tunnelId()) {
-      const EncapsulatedTableEntry entry = freshEntry(id);
-      bool isLive = entry.hasEntry() && entry.entry().tep() == standing.tep() &&
-                    contributeToTunnelRib(id.tunnelType()) && contributes(entry) && !isUnprogrammable(id);
-      const TunnelEntryPref pref = isLive ? getPreference(entry.entry()) : defaultPrefOfNone;
-      if (isLive && kept.tunnelIds() == 0) {
-        kept.prefIs(isProtocolRib ? standing.pref() : pref);
-      } else if (isLive) {
-        isLive =
-            kept.tunnelId(std::size_t(0)).tunnelType() == id.tunnelType() && (isProtocolRib || kept.pref() == pref);
-      }
-      if (!isLive) {
-        FASTLOG_TRACE(8, id << " is stale.");
-        continue;
-      }
-      FASTLOG_TRACE(8, id << " is not stale.");
-      kept.addTunnelId(id);
-      fileCandidate(entry.entry(), pref);
-      if (!isProtocolRib && id == kept.smallestTunnelId()) {
-        kept.metricsIs(TunnelMetrics());
-        copyMetrics(id, kept, entry);
-      }
-    }
-    if (kept.tunnelIds() == 0) {
-      rib->entryDel(standing.tep());
-    } else {
+    readSafely(rib.get(), hint.key(), standing);
+    const TunnelRibEntry kept = keptOf(standing, type);
+    if (kept.tunnelIds() != 0) {
       rib->entryIs(kept);
+    } else if (type) {
+      rib->entryDel(hint.key());
+    } else {
+      emptied.insert(hint.key());
     }
   });
+  if (!emptied.empty()) {
+    refillEmptied(emptied);
+  }
+}
+
+// Endpoints whose standing tunnels are all stale may have others: the best of them take over at once, so that readers
+// never see an endpoint go only because the RIB is built anew. One walk over the tables finds the candidates of all.
+void TunnelRibBuilderSm::refillEmptied(const Zol::HashCollection<Ipkit::IpGenPrefix, bool>& emptied) {
+  const auto fileAll = [this, &emptied](const auto& table) {
+    if (!table) {
+      return;
+    }
+    walkSafely(*table, true, [this, &emptied](const auto& hint) {
+      const EncapsulatedTableEntry entry = freshEntry(hint.key());
+      const Ipkit::IpGenPrefix& tep = entry.entry().tep();
+      if (emptied.has(tep) && isLiveAt(entry, tep)) {
+        fileCandidate(entry.entry(), getPreference(entry.entry()));
+      }
+    });
+  };
+  fileAll(tunnelTableEntities()->bgpLuTable());
+  fileAll(tunnelTableEntities()->ldpTable());
+  fileAll(tunnelTableEntities()->srTable());
+  fileAll(tunnelTableEntities()->staticTable());
+  fileAll(tunnelTableEntities()->nexthopGroupTable());
+  for (auto it = emptied.begin(); it; ++it) {
+    ribEntryOf(it.key()) = TunnelRibEntry();
+    doSelectBestAndUpdateTunnelRib(it.key());
+    tunnelRib_.write();
+  }
 }
 
 void TunnelRibBuilderSm::verifyProtoTunnelRibColl() {
@@ -62,13 +104,13 @@ void TunnelRibBuilderSm::verifyProtoTunnelRibColl() {
     return;
   }
   for (auto it = protoTunnelRibColl_->protocolTunnelRib().begin(); it; ++it) {
-    removeStaleEntries(assertProtoTunnelRib(it.key()).rib(), true);
+    removeStaleEntries(assertProtoTunnelRib(it.key()).rib(), it.key());
   }
 }
 
 void TunnelRibBuilderSm::fileCandidate(const TunnelTableEntry& head, TunnelEntryPref pref) {
   if (!tunnelIdToTep_.insert(head.tunnelId(), TunnelIdToTepEntry(head.tunnelId(), head.tep())).second) {
-    return;  // the RIB has filed it already
+    return;  // another RIB's pass has filed it already
   }
   TunnelTableEntry key = head;
   key.prefIs(pref);

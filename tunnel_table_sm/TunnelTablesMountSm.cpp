@@ -9,6 +9,8 @@ namespace {
 
 constexpr auto handleTableSignature =
     "void Tunnel::TunnelTable::TunnelTablesMountSm::handleTunnelTable(const Zol::String&)";
+constexpr auto handleAllTablesSignature = "void Tunnel::TunnelTable::TunnelTablesMountSm::handleTunnelTable()";
+constexpr auto handleAllFilterSignature = "void Tunnel::TunnelTable::TunnelTablesMountSm::handleTableTypeFilterTable()";
 constexpr auto handleFilterSignature =
     "void Tunnel::TunnelTable::TunnelTablesMountSm::handleTableTypeFilterTable(const Zol::String&)";
 
@@ -32,6 +34,7 @@ TunnelTablesMountSm::TunnelTablesMountSm(Zol::PtrConst<TunnelTableInfoCollection
 }
 
 void TunnelTablesMountSm::handleTunnelTable() {
+  FASTLOG_TRACE(8, handleAllTablesSignature);
   tunnelTableEntities_->tunnelTableDelAll();
   if (!infos_) {
     return;
@@ -59,6 +62,7 @@ void TunnelTablesMountSm::handleTunnelTable(const std::string& name) {
 }
 
 void TunnelTablesMountSm::handleTableTypeFilterTable() {
+  FASTLOG_TRACE(8, handleAllFilterSignature);
   for (auto it = filter_->table().begin(); it; ++it) {
     handleTableTypeFilterTable(it.key());
   }
@@ -76,10 +80,12 @@ void TunnelTablesMountSm::handleTableTypeFilterTable(const std::string& name) {
 void setTableEntity(const Zol::Ptr<TunnelTableEntities>& tunnelTableEntities, const std::string& name,
                     const Zol::PtrConst<TunnelTableBase>& table) {
   if (table) {
-    FASTLOG_TRACE(8, "setTableEntity" << " Adding tunnel entity");
+    FASTLOG_TRACE(8, "setTableEntity"
+                         << " Adding tunnel entity");
     tunnelTableEntities->tunnelTableIs(name, table);
   } else {
-    FASTLOG_TRACE(8, "setTableEntity" << " Deleting tunnel entity");
+    FASTLOG_TRACE(8, "setTableEntity"
+                         << " Deleting tunnel entity");
     tunnelTableEntities->tunnelTableDel(name);
   }
 }

@@ -50,14 +50,18 @@ class WatcherSm final : public ProtocolTunnelSm {
   void handleEntry(const TunnelId& tunnelId) {
     FASTLOG_TRACE(8, "handle" << stem.view() << "TunnelEntry"
                               << " " << word.view() << " tunnel ID " << tunnelId);
+    const Zol::PtrConst<Table> kept = table();
+    if (!kept) {
+      return;
+    }
     if constexpr (seen == SeenIds::kept) {
-      if (hasSafely(*table(), tunnelId)) {
+      if (hasSafely(*kept, tunnelId)) {
         seenTunnelIdIs(tunnelId, id);
       } else {
         seenTunnelIdDel(tunnelId);
       }
     }
-    const bool isPresent = hasSafely(*table(), tunnelId);
+    const bool isPresent = hasSafely(*kept, tunnelId);
     owner().handleTunnelTableEntry(tunnelId, id, !isPresent);
   }
 
@@ -65,7 +69,9 @@ class WatcherSm final : public ProtocolTunnelSm {
     FASTLOG_TRACE(8, "virtual void Tunnel::TunnelTable::" << stem.view() << "TunnelSm::handleTunnelEntry()"
                                                           << " " << word.view());
     if (table()) {
-      const Zol::PtrConst<Table> kept = table();  // a handler may withdraw it while it is walked
+      // A handler may withdraw the table, and with it this watcher, while it is walked.
+      const Zol::Ptr<WatcherSm> self(this);
+      const Zol::PtrConst<Table> kept = table();
       walkSafely(*kept, false, [this](const auto& hint) { handleEntry(hint.key()); });
     }
   }

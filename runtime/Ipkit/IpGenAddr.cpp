@@ -138,7 +138,9 @@ void decodeValue(Zol::ByteReader& in, IpGenAddr& address) {
   }
   address.family_ = static_cast<IpGenAddr::Family>(family);
   const std::span<const std::byte> bytes = in.bytes(address.byteCount());
-  std::memcpy(address.bytes_.data(), bytes.data(), bytes.size());
+  if (!bytes.empty()) {
+    std::memcpy(address.bytes_.data(), bytes.data(), bytes.size());
+  }
 }
 
 }  // namespace Ipkit

@@ -1,10 +1,11 @@
 #include "runtime/Memtab/MapBase.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
+#include <system_error>
 #include <utility>
 
 #include "runtime/Fastlog/TraceHelper.h"
@@ -17,7 +18,11 @@ namespace {
 FASTLOG_DEFAULT_HANDLE("Memtab");
 
 std::string& directory() {
-  static std::string path = std::filesystem::temp_directory_path().string();
+  static std::string path = [] {
+    std::error_code noSuchDirectory;
+    const std::string temporary = std::filesystem::temp_directory_path(noSuchDirectory).string();
+    return noSuchDirectory ? "/tmp" : temporary;
+  }();
   return path;
 }
 
@@ -29,9 +34,14 @@ void writeCorruptionFile(const std::string& table, const std::string& message, s
   }
   std::string stem = table;
   std::replace(stem.begin(), stem.end(), '/', '-');
-  std::ofstream file(directory() + "/memtab-corruption-" + stem + "-" + std::to_string(getpid()) + "-" +
-                     std::to_string(filesWritten++) + ".txt");
-  file << "table: " << table << "\nsequence: " << sequence << "\nfound: " << message << "\n";
+  const std::string path = directory() + "/memtab-corruption-" + stem + "-" + std::to_string(getpid()) + "-" +
+                           std::to_string(filesWritten++) + ".txt";
+  const std::string text = "table: " + table + "\nsequence: " + std::to_string(sequence) + "\nfound: " + message + "\n";
+  const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0640);
+  if (file >= 0) {
+    [[maybe_unused]] const ssize_t written = write(file, text.data(), text.size());
+    close(file);
+  }
 }
 
 }  // namespace

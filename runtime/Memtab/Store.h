@@ -134,6 +134,7 @@ std::span<const uint64_t> BasicStore<Stores>::blockOf(unsigned collection, Bytes
   return block_;
 }
 
+extern template class BasicStore<DirectStores>;  // in Store.cpp
 using Store = BasicStore<>;
 
 }  // namespace Memtab

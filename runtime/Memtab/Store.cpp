@@ -1,0 +1,7 @@
+#include "runtime/Memtab/Store.h"
+
+namespace Memtab {
+
+template class BasicStore<DirectStores>;
+
+}  // namespace Memtab
