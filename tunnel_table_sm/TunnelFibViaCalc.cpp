@@ -24,8 +24,9 @@ FASTLOG_DEFAULT_HANDLE("TunnelFibSm");
 
 using Result = TunnelFibViaCalcResult;
 
-bool isCyclic(const TunnelFibReview& review, const TunnelId& tunnel, const TunnelId& next) {
-  return next == tunnel || std::binary_search(review.cycle.begin(), review.cycle.end(), next);
+// A cycle includes the reviewed tunnel itself.
+bool isCyclic(const TunnelFibReview& review, const TunnelId& next) {
+  return std::binary_search(review.cycle.begin(), review.cycle.end(), next);
 }
 
 // Several vias through one next level read it once.
@@ -123,7 +124,7 @@ TunnelFibViaCalcResult calculateTunnelFibEntryMplsVia(TunnelFibSm& sm, Consolida
   }
   const TunnelId next = DynamicTunnelIntfId::tunnelId(via.intf());
   TunnelFibReview& review = sm.review();
-  const bool leadsBack = isCyclic(review, consFibEntry.tunnelId(), next);
+  const bool leadsBack = isCyclic(review, next);
   review.metMarked |= !leadsBack && sm.isFromEarlierRun(next);
   if (sm.tunnelFibEntryMarkedUnprocessed(next)) {
     FASTLOG_TRACE(7, "      Skipping vias for tunnel " << next << " (marked unprocessed)");

@@ -223,6 +223,22 @@ TEST(TunnelFibSm, slicesYieldAndGoOn) {
   EXPECT_DOUBLE_EQ(*scene.scheduler->nextTaskDeadline(), begin + 0.01);
 }
 
+// Fails if a tunnel that is filed while it is reviewed is taken out of the backlog with the review's end.
+TEST(TunnelFibSm, filedDuringItsOwnReview) {
+  struct Publisher : Zol::Listener<TunnelId> {
+    explicit Publisher(FibScene& scene) : scene_(scene) { channelIs(&scene.fib->entryChannel()); }
+    void onKey(const TunnelId&) override { scene_.put(scene_.ldp(1, {via("if2")})); }
+    FibScene& scene_;
+  };
+  FibScene scene;
+  {
+    Publisher publisher(scene);
+    scene.put(scene.ldp(1, {via("if1")}));
+    scene.settle();
+  }
+  expectNaive(scene);
+}
+
 // Fails if a review reads what it must not: tables that nobody publishes.
 TEST(TunnelFibSm, tablesMayBeAbsent) {
   FibScene scene;

@@ -1,4 +1,5 @@
 // Encapsulations and their references: the writer alone, and what damage may do to it.
+#include <algorithm>
 #include <functional>
 
 #include "tests/support/FibScene.h"
@@ -284,6 +285,31 @@ TEST(TunnelFibDamage, uncountedReferencesAreReleasedQuietly) {
   writer->deleteFibEntry(tunnel("ldpTunnel/1"));
   writer->deleteFibEntry(tunnel("ldpTunnel/2"));
   EXPECT_EQ(writer->encapIdRefCounts(), 0U);
+}
+
+// Fails if the start stops counting at the first entry whose bytes are damaged.
+TEST(TunnelFibDamage, countingGoesOnBehindDamagedBytes) {
+  Memtab::corruptionDirectoryIs(testing::TempDir());
+  const auto store = TunnelFib::ownStore();
+  const auto fib = Zol::make<TunnelFib>("fib", store);
+  auto writer = tunnelFibWriterFactory(fib);
+  for (unsigned i = 1; i <= 3; ++i) {
+    ConsolidatedTunnelFibEntry entry(TunnelId(TunnelType::ldpTunnel, i));
+    entry.insertLabelStackVia(via("if1", {}, "192.0.2.20" + std::to_string(i)), stack({i}));
+    writer->addFibEntry(entry);
+  }
+  TunnelFib::Collection<TunnelFibEntry>::Hint hint;
+  ASSERT_TRUE(fib->entry().first(hint));
+  const auto nextHop = fib->entry().value(hint.key()).tunnelVia(0).nextHop().bytes();
+  const Memtab::View view = store->store().view();
+  auto* const begin = const_cast<std::byte*>(view.base);
+  auto* const at = std::search(begin, begin + view.size(), nextHop.begin(), nextHop.begin() + 4,
+                               [](std::byte a, std::uint8_t b) { return a == std::byte(b); });
+  ASSERT_NE(at, begin + view.size());
+  *at ^= std::byte(1);
+  writer = tunnelFibWriterFactory(fib);
+  EXPECT_EQ(writer->encapIdRefCounts(), 2U);
+  EXPECT_EQ(fib->entry().corruptions(), 1U);
 }
 
 // Fails if an interface that stands for no legal tunnel gets an exception through the drain. A table refuses such a
