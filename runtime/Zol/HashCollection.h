@@ -153,10 +153,10 @@ class HashCollection {
 
  private:
   // Pages of about eight kilobytes are split rather than enlarged: large enough for a small directory and a fast walk,
-  // small enough to be split in microseconds.
-  static constexpr unsigned splitHomeBits =
-      std::bit_width(std::max(std::size_t(8192) / sizeof(Slot), std::size_t(16))) - 1;
-  static constexpr std::uint32_t mergeSizeMax = (std::uint32_t(3) << splitHomeBits) / 8;
+  // small enough to be split in microseconds. Two that would be half full together become one.
+  static constexpr std::uint32_t splitSize =
+      Page::maxSize(std::bit_width(std::max(std::size_t(8192) / sizeof(Slot), std::size_t(16))) - 1);
+  static constexpr std::uint32_t mergeSizeMax = splitSize / 2;
 
   // Where a page is, with what it takes to find a member's home there without reading the page itself first.
   struct Entry {
@@ -210,17 +210,23 @@ class HashCollection {
     std::fill_n(first, std::size_t(1) << freeBits, entry);
   }
 
-  // Changes the page of hash so that another member finds room there, or gets nearer to it.
+  // Changes the page of hash so that another member finds room there. Members that crowd at one end of the hash range
+  // need several splits until they lie in different pages.
   void makeRoom(std::uint32_t hash) {
-    Page* const page = pageOf(hash);
+    Page* page = pageOf(hash);
     if (page == nullptr) {
       root_.onlyPage = Page::of(0, {});
-    } else if (page->isFull() && page->homeBits() >= splitHomeBits && maySplit(*page)) {
-      split(hash, page);
-    } else {
+      return;
+    }
+    if (page->size() < splitSize || !maySplit(*page)) {
       pageIs(hash, Page::of(page->depth(), page->all()));
       Page::free(page);
+      return;
     }
+    do {
+      split(hash, page);
+      page = pageOf(hash);
+    } while (page->size() >= splitSize && maySplit(*page));
   }
   // A directory larger than the number of members would only serve keys that are meant to collide.
   bool maySplit(const Page& page) const { return page.depth() < directoryBits_ || directorySize() * 2 <= size_; }

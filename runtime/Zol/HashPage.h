@@ -61,6 +61,11 @@ class alignas(std::max(alignof(HashSlot<K, V>), alignof(std::uint32_t))) HashPag
 
   static constexpr std::uint32_t emptyHash = 0xFFFFFFFF;  // larger than every hash, so it ends every run by itself
 
+  // How many members a page with so many homes may hold.
+  static constexpr std::uint32_t maxSize(unsigned homeBits) {
+    return homeBits < 2 ? homeBits + 1 : (std::uint32_t(3) << homeBits) / 4;
+  }
+
   // The page of all members of first and then second, which are in order; they are moved, their old slots are left
   // without them. It has room for one more member at least, wherever that belongs.
   static HashPage* of(unsigned depth, Range first, Range second = {}) {
@@ -179,9 +184,6 @@ class alignas(std::max(alignof(HashSlot<K, V>), alignof(std::uint32_t))) HashPag
     }
   }
 
-  static std::uint32_t maxSize(unsigned homeBits) {
-    return homeBits < 2 ? homeBits + 1 : (std::uint32_t(3) << homeBits) / 4;
-  }
   static std::uint32_t count(Range range) {
     return static_cast<std::uint32_t>(
         std::count_if(range.begin, range.end, [](const Slot& slot) { return slot.hash != emptyHash; }));

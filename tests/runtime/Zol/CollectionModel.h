@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -39,8 +40,9 @@ class CollectionModel {
   Key someKey() { return Key(below(keyCount_)); }
 
   void step(int number) {
-    if (number % 500 == 0) {  // times of growth and of decline
-      erasePercent_ = below(4) == 0 ? 90 : below(100);
+    if (number % 1000 == 0) {  // times of growth, of exchange and of decline
+      constexpr std::uint32_t percents[] = {3, 50, 97};
+      erasePercent_ = percents[below(3)];
     }
     const std::uint32_t dice = below(1000);
     if (dice < 700) {
@@ -134,6 +136,19 @@ struct MakeOwned {
 };
 struct MakeNumber {
   std::uint32_t operator()(std::uint32_t number) const { return number; }
+};
+
+// A value of half a kilobyte: few members fill a page.
+struct Wide {
+  std::array<std::uint32_t, 128> numbers;
+  friend bool operator==(const Wide&, const Wide&) = default;
+};
+struct MakeWide {
+  Wide operator()(std::uint32_t number) const {
+    Wide wide;
+    wide.numbers.fill(number);
+    return wide;
+  }
 };
 
 }  // namespace Zol
