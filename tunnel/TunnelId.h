@@ -4,7 +4,9 @@
 
 #include <compare>
 #include <cstdint>
+#include <cstring>
 #include <ostream>
+#include <span>
 #include <string_view>
 
 #include "runtime/Ipkit/IntfId.h"
@@ -38,6 +40,17 @@ class TunnelId {
   constexpr std::uint32_t hash() const {
     Zol::OneAtATime hash;
     hash.word(value());
+    return hash.result();
+  }
+
+  // The hash of the id with these encoded bytes, whether or not they are one.
+  static std::uint32_t hashOfEncoded(std::span<const std::byte> bytes) {
+    std::uint64_t value = 0;
+    if (bytes.size() == sizeof value) {
+      std::memcpy(&value, bytes.data(), sizeof value);
+    }
+    Zol::OneAtATime hash;
+    hash.word(value);
     return hash.result();
   }
 

@@ -92,8 +92,11 @@ void TunnelRibBuilderSm::doWriteReview(const EncapsulatedTableEntry& reviewed) {
 // per-protocol RIB every tunnel of the type waits, in a RIB those of the entry's type and preference.
 void TunnelRibBuilderSm::doMoveUpWaiting(StagedTunnelRib::Staged& staged, bool isProtocolRib) {
   TunnelRibEntry& ribEntry = staged.now;
+  if (!staged.standing.isFull() || ribEntry.isFull() || ribEntry.tunnelIds() == 0) {
+    return;
+  }
   const Zol::Ptr<TunnelTableOrderedEntry> candidates = internalTunnelRib_->entry(staged.tep);
-  if (!staged.standing.isFull() || ribEntry.isFull() || ribEntry.tunnelIds() == 0 || !candidates) {
+  if (!candidates) {
     return;
   }
   const TunnelType type = ribEntry.tunnelId(std::size_t(0)).tunnelType();

@@ -2,6 +2,7 @@
 // the preferences that it gives to single tunnels.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <string>
 
@@ -48,35 +49,48 @@ class TunnelTableEntities : public Zol::Entity {
 
   Zol::Channel<std::string>& tunnelTableChannel() const { return tunnelTable_.channel(); }
 
-  // The table of the fixed name; null when it is absent or of another class.
-  Zol::PtrConst<BgpLuTunnelTable> bgpLuTable() const { return tableAs<BgpLuTunnelTable>("bgpLu"); }
-  Zol::PtrConst<BgpLuPushTunnelTable> bgpLuPushTable() const { return tableAs<BgpLuPushTunnelTable>("bgpLuPush"); }
-  Zol::PtrConst<LdpTunnelTable> ldpTable() const { return tableAs<LdpTunnelTable>("ldp"); }
-  Zol::PtrConst<RsvpTunnelTable> rsvpTable() const { return tableAs<RsvpTunnelTable>("rsvp"); }
-  Zol::PtrConst<SrTunnelTable> srTable() const { return tableAs<SrTunnelTable>("sr"); }
+  // The table of the fixed name; null when it is absent or of another class. Reviews ask for each tunnel.
+  Zol::PtrConst<BgpLuTunnelTable> bgpLuTable() const { return tableAs<BgpLuTunnelTable>(0, "bgpLu"); }
+  Zol::PtrConst<BgpLuPushTunnelTable> bgpLuPushTable() const { return tableAs<BgpLuPushTunnelTable>(1, "bgpLuPush"); }
+  Zol::PtrConst<LdpTunnelTable> ldpTable() const { return tableAs<LdpTunnelTable>(2, "ldp"); }
+  Zol::PtrConst<RsvpTunnelTable> rsvpTable() const { return tableAs<RsvpTunnelTable>(3, "rsvp"); }
+  Zol::PtrConst<SrTunnelTable> srTable() const { return tableAs<SrTunnelTable>(4, "sr"); }
   Zol::PtrConst<SrTeSegmentListTunnelTable> srTeSegmentListTable() const {
-    return tableAs<SrTeSegmentListTunnelTable>("srTeSegmentList");
+    return tableAs<SrTeSegmentListTunnelTable>(5, "srTeSegmentList");
   }
-  Zol::PtrConst<StaticTunnelTable> staticTable() const { return tableAs<StaticTunnelTable>("static"); }
+  Zol::PtrConst<StaticTunnelTable> staticTable() const { return tableAs<StaticTunnelTable>(6, "static"); }
   Zol::PtrConst<NexthopGroupTunnelTable> nexthopGroupTable() const {
-    return tableAs<NexthopGroupTunnelTable>("nexthopGroup");
+    return tableAs<NexthopGroupTunnelTable>(7, "nexthopGroup");
   }
-  Zol::PtrConst<TiLfaTunnelTable> tiLfaTable() const { return tableAs<TiLfaTunnelTable>("tiLfa"); }
-  Zol::PtrConst<GreIntfTunnelTable> greIntfTable() const { return tableAs<GreIntfTunnelTable>("greTunnelInterface"); }
+  Zol::PtrConst<TiLfaTunnelTable> tiLfaTable() const { return tableAs<TiLfaTunnelTable>(8, "tiLfa"); }
+  Zol::PtrConst<GreIntfTunnelTable> greIntfTable() const {
+    return tableAs<GreIntfTunnelTable>(9, "greTunnelInterface");
+  }
   Zol::PtrConst<IpsecVtiIntfTunnelTable> ipsecVtiIntfTable() const {
-    return tableAs<IpsecVtiIntfTunnelTable>("ipsecVtiTunnelInterface");
+    return tableAs<IpsecVtiIntfTunnelTable>(10, "ipsecVtiTunnelInterface");
   }
   Zol::PtrConst<IpsecGreIntfTunnelTable> ipsecGreIntfTable() const {
-    return tableAs<IpsecGreIntfTunnelTable>("ipsecGreTunnelInterface");
+    return tableAs<IpsecGreIntfTunnelTable>(11, "ipsecGreTunnelInterface");
   }
 
  private:
+  // What an accessor found, good for one version of the collection.
+  struct Answer {
+    std::uint64_t version = 0;
+    const TunnelTableBase* table = nullptr;  // held by the collection
+  };
+
   template <class Table>
-  Zol::PtrConst<Table> tableAs(const std::string& name) const {
-    return Zol::dynamicPtrCast<const Table>(tunnelTable_.value(name));
+  Zol::PtrConst<Table> tableAs(std::size_t accessor, const char* name) const {
+    Answer& answer = answers_[accessor];
+    if (answer.version != tunnelTable_.version()) {
+      answer = {tunnelTable_.version(), dynamic_cast<const Table*>(tunnelTable_.value(name).get())};
+    }
+    return Zol::PtrConst<Table>(static_cast<const Table*>(answer.table));
   }
 
   Tables tunnelTable_;
+  mutable std::array<Answer, 12> answers_;  // one an accessor
 };
 
 // The preference of each tunnel that a remapping RIB admits. The stored value has 32 bits; its reader takes the low 8.

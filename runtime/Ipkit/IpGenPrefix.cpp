@@ -1,5 +1,6 @@
 #include "runtime/Ipkit/IpGenPrefix.h"
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 
@@ -7,12 +8,26 @@
 #include "runtime/Zol/Value.h"
 
 namespace Ipkit {
+namespace {
+
+std::uint32_t hashOf(const void* address, std::size_t byteCount, std::uint8_t family, std::uint8_t length) {
+  std::uint64_t words[2] = {0, 0};
+  std::memcpy(words, address, byteCount);
+  Zol::HashMix mix;
+  mix.add(words[0] ^ family ^ (std::uint64_t(length) << 56));
+  if (byteCount > sizeof(std::uint32_t)) {
+    mix.add(words[1]);
+  }
+  return mix.result();
+}
+
+}  // namespace
 
 IpGenPrefix::IpGenPrefix(const IpGenAddr& address, unsigned length) : address_(address) {
   if (length > address.bitCount()) {
     throw Zol::RangeException("IpGenPrefix::length > " + std::to_string(address.bitCount()) + " not allowed");
   }
-  if (address.masked(length) != address) {
+  if (length < address.bitCount() && address.masked(length) != address) {
     throw Zol::RangeException("IpGenPrefix::address with host bits set not allowed");
   }
   length_ = static_cast<std::uint8_t>(length);
@@ -39,14 +54,16 @@ IpGenPrefix IpGenPrefix::fromText(std::string_view text) {
 }
 
 std::uint32_t IpGenPrefix::hash() const {
-  std::uint64_t words[2];
-  std::memcpy(words, address_.bytes().data(), sizeof words);
-  Zol::HashMix mix;
-  mix.add(words[0] ^ static_cast<std::uint64_t>(address_.family()) ^ (std::uint64_t(length_) << 56));
-  if (address_.isIpv6()) {
-    mix.add(words[1]);
+  return hashOf(address_.bytes().data(), address_.byteCount(), static_cast<std::uint8_t>(address_.family()), length_);
+}
+
+// Encoded: the family, the bytes of the address, the length.
+std::uint32_t IpGenPrefix::hashOfEncoded(std::span<const std::byte> bytes) {
+  if (bytes.size() < 2) {
+    return 0;
   }
-  return mix.result();
+  return hashOf(bytes.data() + 1, std::min<std::size_t>(bytes.size() - 2, 16), std::to_integer<std::uint8_t>(bytes[0]),
+                std::to_integer<std::uint8_t>(bytes.back()));
 }
 
 std::ostream& operator<<(std::ostream& out, const IpGenPrefix& prefix) {
@@ -64,7 +81,9 @@ void decodeValue(Zol::ByteReader& in, IpGenPrefix& prefix) {
   prefix = IpGenPrefix();
   decodeValue(in, prefix.address_);
   prefix.length_ = in.word<std::uint8_t>();
-  if (prefix.length_ > prefix.address_.bitCount() || prefix.address_.masked(prefix.length_) != prefix.address_) {
+  const unsigned bitCount = prefix.address_.bitCount();
+  if (prefix.length_ > bitCount ||
+      (prefix.length_ < bitCount && prefix.address_.masked(prefix.length_) != prefix.address_)) {
     in.bad();
     prefix = IpGenPrefix();
   }

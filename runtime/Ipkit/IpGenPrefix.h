@@ -5,6 +5,7 @@
 #include <compare>
 #include <cstdint>
 #include <ostream>
+#include <span>
 #include <string_view>
 
 #include "runtime/Ipkit/IpGenAddr.h"
@@ -31,6 +32,8 @@ class IpGenPrefix {
 
   bool operator!() const { return *this == IpGenPrefix(); }
   std::uint32_t hash() const;
+  // The hash of the prefix with these encoded bytes, whether or not they are one.
+  static std::uint32_t hashOfEncoded(std::span<const std::byte> bytes);
 
   friend bool operator==(const IpGenPrefix&, const IpGenPrefix&) = default;
   friend std::strong_ordering operator<=>(const IpGenPrefix&, const IpGenPrefix&) = default;

@@ -152,7 +152,6 @@ PutResult Index<Stores>::put(uint64_t hash, Bytes key, std::span<const uint64_t>
     }
     return PutResult::replaced;
   }
-  ZOL_ASSERT(hash_(key) == hash);  // or the first split would lose the record
   while (!hasRoom(segmentOf(hash), found)) {
     grow(hash);
     found = probe(hash, key);

@@ -27,20 +27,39 @@ namespace Memtab {
 template <Zol::Described Record>
 using KeyOf = typename std::tuple_element_t<0, decltype(Record::fields())>::Type;
 
+// A key that can tell its hash from its encoded bytes, without being decoded. It must take any bytes.
+template <class Key>
+concept HashesEncoded = requires(Bytes bytes) {
+  { Key::hashOfEncoded(bytes) } -> std::same_as<std::uint32_t>;
+};
+
+template <class Key>
+std::uint32_t ownHashOfKeyBytes(Bytes bytes) {
+  if constexpr (HashesEncoded<Key>) {
+    return Key::hashOfEncoded(bytes);
+  } else {
+    Zol::ByteReader in(bytes);
+    Key key{};
+    decodeValue(in, key);
+    return Zol::hashOf(key);
+  }
+}
+
 // The 64-bit hash of a key, from its encoded bytes; upper half: the key's own hash, which rules the order of visits.
 template <class Key>
 std::uint64_t hashOfKeyBytes(Bytes bytes) {
-  Zol::ByteReader in(bytes);
-  Key key{};
-  decodeValue(in, key);
   std::uint64_t tail = 0;
   for (std::size_t at = 0; at < bytes.size(); at += sizeof tail) {
     std::uint64_t word = 0;
-    std::memcpy(&word, bytes.data() + at, std::min(sizeof word, bytes.size() - at));
+    if (bytes.size() - at >= sizeof word) {
+      std::memcpy(&word, bytes.data() + at, sizeof word);
+    } else {
+      std::memcpy(&word, bytes.data() + at, bytes.size() - at);
+    }
     tail = (tail ^ word) * 0x9E3779B97F4A7C15ULL;
     tail ^= tail >> 29;
   }
-  return (std::uint64_t(Zol::hashOf(key)) << 32) | (tail >> 32);
+  return (std::uint64_t(ownHashOfKeyBytes<Key>(bytes)) << 32) | (tail >> 32);
 }
 
 template <Zol::Described Record>

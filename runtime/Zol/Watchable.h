@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <utility>
 
 #include "runtime/Zol/Channel.h"
@@ -44,6 +45,7 @@ class Watchable {
       }
     }
     members_.insertOrAssign(key, std::move(value));
+    ++version_;
     channel_.notify(key);
     return true;
   }
@@ -52,6 +54,7 @@ class Watchable {
     if (!members_.erase(kept)) {
       return false;
     }
+    ++version_;
     channel_.notify(kept);
     return true;
   }
@@ -62,11 +65,15 @@ class Watchable {
     }
   }
 
+  // Counts the changes from 1 on, for whoever remembers what it has read.
+  std::uint64_t version() const { return version_; }
+
   // Watching does not change what is watched, so this is open to those who may only read.
   Channel<Key>& channel() const { return channel_; }
 
  private:
   Storage members_;
+  std::uint64_t version_ = 1;
   mutable Channel<Key> channel_;
 };
 
