@@ -31,6 +31,9 @@ class MapBase : public Zol::Entity {
   bool isPlaceholder() const { return !store_; }
   std::size_t size() const { return isPlaceholder() ? 0 : store_->store().entries(collection_); }
 
+  // Bytes in use in the region, which other maps may share.
+  std::size_t bytesUsed() const { return isPlaceholder() ? 0 : store_->store().bytesUsed(); }
+
   // Whether the contents are complete, by their writer's word.
   bool collectionReady() const { return !isPlaceholder() && store_->store().ready(); }
   void collectionReadyIs(bool ready);

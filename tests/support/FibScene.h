@@ -52,6 +52,18 @@ inline std::string shown(const ConsolidatedTunnelFibEntry& entry) {
   return shown(entry.viaInfo()) + (entry.backupViaInfo().empty() ? "" : " backup " + shown(entry.backupViaInfo()));
 }
 
+inline FibDocument fibDocument(const TunnelFib& fib, const TunnelIdColl& unprogrammable) {
+  FibDocument lines;
+  walkSafely(fib.entry(), true, [&](const auto& hint) {
+    const TunnelFibEntry entry = fib.entry().value(hint.key());
+    lines[Zol::stringOf(hint.key())] = shown(ConsolidatedTunnelFibEntry::fromTunnelFibEntry(entry, fib));
+  });
+  for (const auto& [id, value] : unprogrammable.entry().members()) {
+    lines["unprogrammable " + Zol::stringOf(id)];
+  }
+  return lines;
+}
+
 class FibScene {
  public:
   explicit FibScene(Zol::Ptr<TunnelFib> tunnelFib = Zol::make<TunnelFib>("fib"))
@@ -175,17 +187,7 @@ class FibScene {
     return TunnelTable::shown(ConsolidatedTunnelFibEntry::fromTunnelFibEntry(entry(id), *fib));
   }
   bool isUnprogrammable(const std::string& id) const { return unprogrammable->has(tunnel(id)); }
-  FibDocument document() const {
-    FibDocument lines;
-    walkSafely(fib->entry(), true, [&](const auto& hint) {
-      const std::string id = Zol::stringOf(hint.key());
-      lines[id] = shown(id);
-    });
-    for (const auto& [id, value] : unprogrammable->entry().members()) {
-      lines["unprogrammable " + Zol::stringOf(id)];
-    }
-    return lines;
-  }
+  FibDocument document() const { return fibDocument(*fib, *unprogrammable); }
   // What would have to be zero for "nothing was written".
   std::uint64_t writes() const { return fib->entry().collectionControl().sequence(); }
 

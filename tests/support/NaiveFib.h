@@ -16,6 +16,14 @@ class NaiveFib {
     std::apply([this](auto&... holder) { (read(*holder.table), ...); }, scene.tables);
   }
 
+  // From the twelve tables, the interface tables in the order in which they are asked.
+  template <class First, class Second, class... Tables>
+  NaiveFib(const First& first, const Second& second, const Tables&... tables) {
+    read(first);
+    read(second);
+    (read(tables), ...);
+  }
+
   FibDocument document() {
     FibDocument lines;
     for (const auto& [id, tunnel] : tunnels_) {
