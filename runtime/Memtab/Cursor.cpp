@@ -177,6 +177,21 @@ bool Cursor::snapshot() {
   return true;
 }
 
+// Copies the key that the entry's slot names now. A slot that changes is read again: its key stays in it as long as it
+// stands, so a busy slot costs tries of its own and not of the whole segment. False: it changed at every try.
+bool Cursor::copyKeyOf(Entry& entry, Reader::KeyCopy& key, bool& isSane) {
+  for (int tries = 0; tries < triesMax; ++tries) {
+    isSane = isLive(entry.word) && reader_->copyKey(collection_, unitsOf(entry.word), key) == nullptr;
+    const uint64_t now = chain_.slots[entry.slot].load(std::memory_order_acquire);
+    if (now == entry.word) {
+      return true;
+    }
+    entry.word = now;
+    ++reader_->retries_;
+  }
+  return false;
+}
+
 bool Cursor::addEntries() {
   const unsigned depth = chain_.segment().depth;
   const uint64_t last = lastHash(resumeHash_, depth);
@@ -194,10 +209,13 @@ bool Cursor::addEntries() {
       __builtin_prefetch(reader_->blockAt(entries_[i + prefetchAhead].word));
     }
     Entry entry = entries_[i];
-    const bool isSane = reader_->copyKey(collection_, unitsOf(entry.word), key) == nullptr;
-    if (chain_.slots[entry.slot].load(std::memory_order_acquire) != entry.word) {
+    bool isSane = false;
+    if (!copyKeyOf(entry, key, isSane)) {
       entries_.clear();
       return false;
+    }
+    if (!isLive(entry.word)) {
+      continue;  // deleted meanwhile
     }
     if (isSane) {
       const size_t offset = size_t{unitsOf(entry.word)} * unitBytes;

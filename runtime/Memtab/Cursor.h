@@ -70,6 +70,7 @@ class Cursor {
   void skipDamage();
   bool snapshot();
   bool addEntries();
+  bool copyKeyOf(Entry& entry, Reader::KeyCopy& key, bool& isSane);
   void sortByHash();
   bool sortTies();
   void goTo(uint64_t hash, unsigned depth);

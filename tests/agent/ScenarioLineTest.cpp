@@ -233,7 +233,7 @@ TEST(ScenarioLine, survivesMutatedLines) {
                    below(2) == 0 ? pieces[below(pieces.size())] : std::string(1, static_cast<char>(random())));
     }
     const std::string result = verdict(text);
-    refused += result != "accepted" ? 1 : 0;
+    refused += result != "accepted" ? 1U : 0U;
     ASSERT_TRUE(result == "accepted" || result.starts_with("file:")) << result;
     for (const char c : result) {
       ASSERT_GE(static_cast<unsigned char>(c), 0x20) << text;
