@@ -7,10 +7,9 @@ namespace Tunnel::TunnelTable {
 namespace {
 
 const bool registered = [] {
-  for (const char* const name :
-       {TunnelIdColl::typeName(), TunnelIdCollByTunnelId::typeName(), TunnelIdToTepEntry::typeName(),
-        ProtocolTunnelRibWrapper::typeName(), ProtocolTunnelRibCollection::typeName(),
-        TunnelTypeToTunnelRib::typeName()}) {
+  for (const char* const name : {TunnelIdColl::typeName(), TunnelIdCollByTunnelId::typeName(),
+                                 TunnelIdToTepEntry::typeName(), ProtocolTunnelRibWrapper::typeName(),
+                                 ProtocolTunnelRibCollection::typeName(), TunnelTypeToTunnelRib::typeName()}) {
     Zol::TypeRegistry::instance().typeIs(name);
   }
   return true;

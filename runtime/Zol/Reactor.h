@@ -81,8 +81,8 @@ class Notifiee final : public ReactorPart, private Listener<Key> {
   static constexpr bool isSingleValue = std::is_same_v<Key, NoKey>;
   using OnKey = std::conditional_t<isSingleValue, void (Owner::*)(), void (Owner::*)(const Key&)>;
   struct Handlers {
-    OnKey onKey = nullptr;                 // a member, or the single value, changed
-    void (Owner::*onAll)() = nullptr;      // any member may have changed
+    OnKey onKey = nullptr;                  // a member, or the single value, changed
+    void (Owner::*onAll)() = nullptr;       // any member may have changed
     void (Owner::*onNotifier)() = nullptr;  // pointed at a new notifier while active
   };
 
