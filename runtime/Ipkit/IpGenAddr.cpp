@@ -50,7 +50,7 @@ void printHex(std::ostream& out, std::uint16_t group) {
 void printIpv6(std::ostream& out, const std::array<std::uint8_t, 16>& bytes) {
   Groups groups;
   for (std::size_t i = 0; i < groups.size(); ++i) {
-    groups[i] = static_cast<std::uint16_t>((bytes[2 * i] << 8) | bytes[2 * i + 1]);
+    groups[i] = static_cast<std::uint16_t>(bytes[2 * i] * 256U + bytes[2 * i + 1]);
   }
   const ZeroRun zeros = longestZeroRun(groups);
   if (zeros.begin == 0 && zeros.size == 5 && groups[5] == 0xFFFF) {  // IPv4-mapped
