@@ -39,7 +39,7 @@ void printHex(std::ostream& out, std::uint16_t group) {
   static constexpr char digits[] = "0123456789abcdef";
   bool started = false;
   for (int shift = 12; shift >= 0; shift -= 4) {
-    const unsigned digit = (group >> shift) & 0xFU;
+    const unsigned digit = (static_cast<unsigned>(group) >> shift) & 0xFU;
     started = started || digit != 0 || shift == 0;
     if (started) {
       out << digits[digit];
