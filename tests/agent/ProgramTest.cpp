@@ -123,10 +123,12 @@ TEST_F(Program, filesFollowEachOther) {
 TEST_F(Program, forwardsAsTheCapturedRouterDoes) {
   ASSERT_EQ(run("run " EXAMPLES_DIR "/captured-isp.jsonl --checkpoint-each-settle --checkpoints " + file("c")).status,
             0);
-  for (const Json& step : Json::parse(read(EXAMPLES_DIR "/captured-isp.oracle.json"))["steps"]) {
+  const Json oracle = Json::parse(read(EXAMPLES_DIR "/captured-isp.oracle.json"));
+  for (const Json& step : oracle["steps"]) {
     Json fib = Json::object();
     Json expected = Json::object();
-    for (const Json& entry : Json::parse(read(file("c/" + step["line"].dump() + ".json")))["fib"]) {
+    const Json document = Json::parse(read(file("c/" + step["line"].dump() + ".json")));
+    for (const Json& entry : document["fib"]) {
       fib[entry["tunnel"].get<std::string>()] = entry;
     }
     for (const Json& entry : step["fib"]) {
