@@ -3,22 +3,26 @@
 //
 //   0      header page   line 0: magic, version, record fingerprint, epoch, ready, allocated size
 //                        line 1: one descriptor (a Place) per collection: its directory
-//                        line 2: number of entries per collection          line 3: sequence
-//                        from 256 on: room for the change ring and the doorbell
+//                        line 2: number of entries per collection          line 3: sequence, intent
+//                        line 4: the ring (a Place), owner                 behind: room for the doorbell
 //   4096   everything else, in pieces of 16-byte units:
 //
 //   directory   2^depth Places, one per prefix of the hash; each names a segment
 //   segment     2^n index words in buckets of 8 (one cache line)
 //   block       one record, immutable from its publication until no word names it
+//   ring        the last 2^k changes; change s stands in slot s mod 2^k
 //
 //   Place        check 8 | log2 of the size in words 5 | depth 5 | generation 14 | offset in units 32
 //   index word   fingerprint 16 | generation 16 | offset in units 32      0: empty; tombstone: deleted
 //   block        checksum 32 | length in bytes 20, collection 3, key length 9 | key bytes | record bytes | zeros
+//   ring slot    sequence 64 (0: being written) | collection 8, key length 16 | first 48 bytes of the key
 //
 // A Place says all there is to know about what it names, so segments and directories have no header that could
 // disagree with it, and a look-up touches the segment in its bucket only. Its check bits find every single flipped bit:
 // a descriptor wiped to zero is damage, not an empty collection. The generation differs with every publication, so
-// a word that reads the same twice was the same in between.
+// a word that reads the same twice was the same in between. That of an index word is the low 16 bits of the sequence
+// number of the change that put the record there: it tells the versions of a record apart within 65536 changes, also
+// after the block has moved (to a lower offset, always).
 #pragma once
 
 #include <atomic>
@@ -61,6 +65,10 @@ enum HeaderOffset : size_t {
   descriptorsAt = 64,
   entriesAt = 128,
   sequenceAt = 192,
+  intentAt = 200,  // what sequence will be once the change under way is complete; else what it is
+  ringAt = 256,
+  ownerAt = 264,       // process id of the writer; 0: closed in good order. For people; the lock decides who owns
+  ownerStartAt = 272,  // and its start time in clock ticks since boot (/proc/PID/stat, field 22)
 };
 
 // The word that names a directory or a segment.
@@ -105,6 +113,8 @@ constexpr uint64_t indexWord(uint64_t fingerprint, uint16_t generation, uint32_t
 constexpr uint64_t fingerprintOf(uint64_t word) { return word >> 48; }
 constexpr uint32_t unitsOf(uint64_t word) { return static_cast<uint32_t>(word); }
 constexpr bool isLive(uint64_t word) { return fingerprintOf(word) != 0; }
+// Equal for two words of one key, less than 65536 changes apart: they name the same version of its record.
+constexpr uint64_t versionOf(uint64_t word) { return word >> 32; }
 
 // Which words of a bucket carry a fingerprint, one bit each; and whether one is empty. Without branches on the words:
 // the CPU would guess them wrong once a look-up, and with a right guess it already begins the next look-up while this
@@ -169,5 +179,18 @@ struct BlockHead {
             static_cast<uint16_t>(upper >> 23)};
   }
 };
+
+// One change in the ring. The writer stores 0 in the first word, then the others, then the sequence number.
+struct RingSlot {
+  static constexpr size_t words = lineBytes / sizeof(uint64_t);
+  static constexpr unsigned wordsLog2 = 3;
+  static constexpr size_t keyBytes = (words - 2) * sizeof(uint64_t);
+  static constexpr uint64_t headWord(unsigned collection, size_t keyLength) {
+    return collection | uint64_t{keyLength} << 8;
+  }
+  static constexpr unsigned collectionOf(uint64_t head) { return head & 0xFF; }
+  static constexpr size_t keyLengthOf(uint64_t head) { return head >> 8 & 0xFFFF; }
+};
+static_assert(size_t{1} << RingSlot::wordsLog2 == RingSlot::words);
 
 }  // namespace Memtab

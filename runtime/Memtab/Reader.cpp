@@ -36,6 +36,31 @@ bool Reader::isUsable(Place place) const {
   return place.offset() >= headerBytes && place.offset() + place.bytes() <= view_.size();
 }
 
+size_t Reader::ringSlots() const {
+  const uint64_t word = header(ringAt);
+  const Place ring = Place::of(word);
+  const bool isSound = Place::isIntact(word) && ring.sizeLog2 >= RingSlot::wordsLog2 && isUsable(ring);
+  return isSound ? ring.words() / RingSlot::words : 0;
+}
+
+bool Reader::change(uint64_t sequence, Change& result) const {
+  const size_t slots = ringSlots();
+  if (slots == 0 || sequence == 0) {
+    return false;
+  }
+  const Word* slot = at(Place::of(header(ringAt)).offset()) + (sequence & (slots - 1)) * RingSlot::words;
+  if (slot[0].load(std::memory_order_acquire) != sequence) {
+    return false;
+  }
+  const uint64_t head = slot[1].load(std::memory_order_acquire);
+  result.collection = RingSlot::collectionOf(head);
+  result.keyLength = RingSlot::keyLengthOf(head);
+  for (size_t i = 0; i < result.words.size(); ++i) {
+    result.words[i] = slot[2 + i].load(std::memory_order_acquire);
+  }
+  return slot[0].load(std::memory_order_acquire) == sequence && result.collection < collectionCount_;
+}
+
 Reader::Chain Reader::walk(unsigned collection, uint64_t hash) const {
   ZOL_ASSERT(collection < collectionCount_);
   Chain chain;

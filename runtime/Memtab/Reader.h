@@ -23,6 +23,7 @@
 // One thread a Reader; any number of Readers.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <string>
@@ -62,6 +63,17 @@ struct Lookup {
   Damage damage;
 };
 
+// One change as the ring tells it. Of a key longer than its room only the beginning is known: then isWhole is false,
+// and who wants the key compares the table with what he knows.
+struct Change {
+  unsigned collection = 0;
+  size_t keyLength = 0;
+  std::array<uint64_t, RingSlot::keyBytes / sizeof(uint64_t)> words{};
+
+  bool isWhole() const { return keyLength <= RingSlot::keyBytes; }
+  Bytes key() const { return std::as_bytes(std::span(words)).first(std::min(keyLength, RingSlot::keyBytes)); }
+};
+
 class Reader {
  public:
   // hashes: of each collection, in order; they must be the writer's.
@@ -77,7 +89,18 @@ class Reader {
   uint64_t sequence() const { return header(sequenceAt); }
   bool ready() const { return header(readyAt) == 1; }
   uint64_t fingerprint() const { return header(fingerprintAt); }
+  // Differs after another writer has taken the table over.
   uint64_t epoch() const { return header(epochAt); }
+  // What the sequence moves to next; more than it while a change is under way, or was when the writer died.
+  uint64_t intent() const { return header(intentAt); }
+  // The writer by its own word; 0: the last one closed the table in good order.
+  uint64_t ownerPid() const { return header(ownerAt); }
+  uint64_t ownerStart() const { return header(ownerStartAt); }
+
+  // How many changes the ring holds; 0: it is damaged.
+  size_t ringSlots() const;
+  // The change of this sequence number; false: newer ones have overwritten it, or it never was or is damaged.
+  bool change(uint64_t sequence, Change& result) const;
 
   // How many look-ups had to start again because the writer was faster.
   uint64_t retries() const { return retries_; }

@@ -29,6 +29,9 @@ class AnonymousBacking final : public Backing {
     }
     return true;
   }
+  void giveBack(std::byte* base, size_t from, size_t to) override {
+    (void)madvise(base + from, to - from, MADV_DONTNEED);
+  }
 };
 
 }  // namespace
@@ -96,6 +99,15 @@ void Region::extendTo(size_t bytes) {
     }
   }
   throw NoSpace("a shared table of " + std::to_string(from) + " bytes cannot grow to " + std::to_string(bytes));
+}
+
+void Region::shrinkTo(size_t bytes) {
+  const size_t from = size();
+  const size_t to = roundUp(bytes, stepAt(bytes));
+  if (to < from) {
+    mapping_->usable.store(to, std::memory_order_release);
+    mapping_->backing->giveBack(mapping_->base, to, from);
+  }
 }
 
 }  // namespace Memtab

@@ -31,6 +31,8 @@ class Backing {
   virtual ~Backing() = default;
   // Makes [from, to) behind base usable and zero. False: it cannot, and nothing changed. Both are page multiples.
   virtual bool extend(std::byte* base, size_t from, size_t to) = 0;
+  // Nothing in [from, to) is needed any more: its memory may go, its addresses stay readable. Both are page multiples.
+  virtual void giveBack(std::byte* base, size_t from, size_t to) = 0;
 };
 
 // What a reader needs of a region: where it is and how much of it may be touched.
@@ -61,6 +63,8 @@ class Region {
 
   // Ensures size() >= bytes, growing by an eighth at least so that n bytes cost O(log n) calls. Throws NoSpace.
   void extendTo(size_t bytes);
+  // Gives back what lies behind bytes, which extendTo() can get again, rounded up to whole pieces.
+  void shrinkTo(size_t bytes);
 
  private:
   struct Mapping;
