@@ -43,6 +43,9 @@ EventLoop::~EventLoop() { close(wakeUpFd_); }
 
 void EventLoop::run() {
   while (!stopping_.exchange(false)) {
+    if (newsSource_ != nullptr) {
+      newsSource_->look();
+    }
     scheduler_->runReadyTask();
     waitForDescriptors();
     callBack();
@@ -89,12 +92,25 @@ void EventLoop::waitForDescriptors() {
       polledNumbers_.push_back(watch.number);
     }
   }
-  const std::optional<double> deadline = scheduler_->nextDeadline();
-  const timespec time = deadline ? sleepTime(*deadline - scheduler_->now()) : timespec{};
-  if (ppoll(polled_.data(), polled_.size(), deadline ? &time : nullptr, nullptr) < 0) {
+  std::optional<double> seconds = timeToSleep();
+  const bool sleeps = newsSource_ != nullptr && seconds.value_or(1) > 0 && newsSource_->mayFallAsleep();
+  if (newsSource_ != nullptr && !sleeps) {
+    seconds = 0;
+  }
+  const timespec time = sleepTime(seconds.value_or(0));
+  if (ppoll(polled_.data(), polled_.size(), seconds ? &time : nullptr, nullptr) < 0) {
     ZOL_ASSERT(errno == EINTR || errno == ENOMEM);
     std::for_each(polled_.begin(), polled_.end(), [](pollfd& each) { each.revents = 0; });
   }
+  if (sleeps) {
+    newsSource_->awake();
+  }
+}
+
+// Until something is due; nothing: as long as nothing happens.
+std::optional<double> EventLoop::timeToSleep() const {
+  const std::optional<double> deadline = scheduler_->nextDeadline();
+  return deadline ? std::optional(*deadline - scheduler_->now()) : std::nullopt;
 }
 
 void EventLoop::callBack() {

@@ -5,7 +5,8 @@
 //            │                 deadline if there is one, else until something happens  │
 //            └─────────────────────────────────────────────────────────────────────────┘
 //
-// An idle loop sleeps in one system call and makes no other. A busy one looks at its descriptors once a slice.
+// An idle loop sleeps in one system call and makes no other. A busy one looks at its descriptors once a slice, and at
+// its news source, if it has one, for what no descriptor tells of.
 // wakeUp() and stop() may be called from any thread and from signal handlers, everything else on the loop's thread
 // only.
 #pragma once
@@ -17,6 +18,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -24,6 +26,20 @@
 #include "runtime/Zol/Ptr.h"
 
 namespace Quor {
+
+// What is looked at instead of waited for, such as tables that other processes write: they signal only to sleepers.
+class NewsSource {
+ public:
+  // Schedules what there is to do. Called at every turn of the loop.
+  virtual void look() = 0;
+  // The loop wants to sleep. False: there is news, and the loop takes another turn. True: from now on news must end
+  // the sleep through a descriptor, until awake() is called.
+  virtual bool mayFallAsleep() = 0;
+  virtual void awake() = 0;
+
+ protected:
+  ~NewsSource() = default;
+};
 
 class EventLoop {
  public:
@@ -43,6 +59,9 @@ class EventLoop {
   void wakeUp();
   void wakeUpCallbackIs(Callback callback) { wakeUpCallback_ = std::move(callback); }
 
+  // The source outlives the loop, or is taken away with null.
+  void newsSourceIs(NewsSource* source) { newsSource_ = source; }
+
   // Calls back whenever fd is ready for one of the events (as poll(2) has them) or has failed, until fdDel(fd), which
   // comes before fd is closed. Callbacks may add and remove any descriptor, their own too.
   void fdIs(int fd, Callback callback, short events = POLLIN);
@@ -56,6 +75,7 @@ class EventLoop {
   };
 
   void waitForDescriptors();
+  std::optional<double> timeToSleep() const;
   void callBack();
   void handleWakeUp();
 
@@ -63,6 +83,7 @@ class EventLoop {
   int wakeUpFd_;
   std::atomic<bool> stopping_ = false;
   Callback wakeUpCallback_;
+  NewsSource* newsSource_ = nullptr;
   std::map<int, Watch> watches_;
   std::vector<pollfd> polled_;
   std::vector<std::uint64_t> polledNumbers_;  // of the watches in polled_

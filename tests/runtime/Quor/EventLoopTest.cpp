@@ -176,5 +176,60 @@ TEST_F(EventLoopTest, descriptorIsServedForItsEventsAndItsFailure) {
   EXPECT_EQ(closed, 1);
 }
 
+// A publisher that signals to sleepers only: its news reach the loop whether it sleeps, works or is about to sleep.
+class ScriptedNews : public NewsSource {
+ public:
+  ScriptedNews(int published, ScriptedTask& work, int bell) : published_(published), work_(work), bell_(bell) {}
+
+  void look() override {
+    ++looks;
+    if (published_ != seen) {
+      seen = published_;
+      work_.scheduleTask();
+    }
+  }
+  bool mayFallAsleep() override {
+    if (newsAtBedtime-- > 0) {
+      ++published_;
+      return false;
+    }
+    isAsleep = true;
+    ++published_;
+    EXPECT_EQ(write(bell_, "x", 1), 1);
+    return true;
+  }
+  void awake() override { isAsleep = false; }
+
+  int newsAtBedtime = 1;
+  int looks = 0;
+  int seen = 0;
+  bool isAsleep = false;
+
+ private:
+  int published_;
+  ScriptedTask& work_;
+  const int bell_;
+};
+
+TEST_F(EventLoopTest, newsSourceIsAskedBeforeEverySleepAndAtEveryTurn) {
+  const Pipe bell;
+  std::vector<int> worked;
+  ScriptedNews* source = nullptr;
+  ScriptedTask work(scheduler, 1, [&](ScriptedTask&) {
+    EXPECT_FALSE(source->isAsleep);
+    worked.push_back(source->seen);
+    if (source->seen == 3) {
+      loop.stop();
+    }
+  });
+  ScriptedNews news(1, work, bell.writer());
+  source = &news;
+  loop.newsSourceIs(&news);
+  loop.fdIs(bell.reader(), [&] { bell.take(); });
+  loop.run();
+  EXPECT_EQ(worked, (std::vector<int>{1, 2, 3}));
+  EXPECT_GE(news.looks, 3);
+}
+
 }  // namespace
 }  // namespace Quor
