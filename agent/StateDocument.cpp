@@ -47,8 +47,8 @@ class Members {
 
 class DocumentWriter {
  public:
-  DocumentWriter(std::ostream& out, const AgentHost& host, const DocumentFilter& filter)
-      : out_(out), host_(host), filter_(filter) {}
+  DocumentWriter(std::ostream& out, const AgentState& state, const DocumentFilter& filter)
+      : out_(out), state_(state), filter_(filter) {}
 
   void write() {
     out_ << "{\"ribs\": [";
@@ -69,12 +69,12 @@ class DocumentWriter {
  private:
   void writeRibs() {
     std::map<Model::TunnelRibId, std::string> names;
-    for (const auto& [name, id] : host_.ribIds()->tunnelRibNames()) {
+    for (const auto& [name, id] : state_.ribIds()->tunnelRibNames()) {
       names[id] = name;
     }
     Members ribs(out_, "  ");
     for (const auto& [id, name] : names) {
-      if (const Zol::Ptr<Model::TunnelRib> rib = host_.rib(id); rib && filter_.rib.value_or(name) == name) {
+      if (const Zol::Ptr<Model::TunnelRib> rib = state_.rib(id); rib && filter_.rib.value_or(name) == name) {
         ribs.next() << "{\"name\": " << textOf(name) << ", \"id\": " << id << ", \"entries\": [";
         writeEntries(*rib, "    ", ribEntryJson);
         out_ << "]}";
@@ -84,7 +84,7 @@ class DocumentWriter {
 
   void writeProtocolRibs() {
     std::map<Model::TunnelType, Zol::Ptr<Model::TunnelRib>> sorted;
-    for (const auto& [type, wrapper] : host_.protocolRibs()->protocolTunnelRib()) {
+    for (const auto& [type, wrapper] : state_.protocolRibs()->protocolTunnelRib()) {
       sorted[type] = wrapper->tunnelRib();
     }
     Members types(out_, "  ");
@@ -115,7 +115,7 @@ class DocumentWriter {
 
   void writeFib() {
     Members entries(out_, "  ");
-    const Fib::TunnelFib& fib = *host_.fib();
+    const Fib::TunnelFib& fib = *state_.fib();
     for (const Model::TunnelId& id : sortedKeys(fib.entry())) {
       Fib::TunnelFibEntry entry;
       if (!isShown(id) || !Model::readSafely(&fib.entry(), id, entry)) {
@@ -132,17 +132,17 @@ class DocumentWriter {
 
   void writeEncaps() {
     Members encaps(out_, "  ");
-    std::map<Fib::EncapId, std::uint32_t> counts = encapRefCounts(*host_.fib());
-    for (const Fib::EncapId& id : sortedEncapIds(*host_.fib())) {
+    std::map<Fib::EncapId, std::uint32_t> counts = encapRefCounts(*state_.fib());
+    for (const Fib::EncapId& id : sortedEncapIds(*state_.fib())) {
       if (!filter_.tep || encapsShown_.contains(id)) {
-        encaps.next() << textOf(encapJson(*host_.fib(), id, counts[id]));
+        encaps.next() << textOf(encapJson(*state_.fib(), id, counts[id]));
       }
     }
   }
 
   void writeUnprogrammable() {
     std::set<Model::TunnelId> sorted;
-    for (const auto& [id, isThere] : host_.unprogrammable()->entry()) {
+    for (const auto& [id, isThere] : state_.unprogrammable()->entry()) {
       if (isShown(id)) {
         sorted.insert(id);
       }
@@ -155,7 +155,7 @@ class DocumentWriter {
 
   void writeConvergence() {
     std::map<Model::TunnelRibId, std::uint64_t> sorted;
-    for (const auto& [rib, seqno] : host_.tunnelConvergence()->tunnelRibConvergenceSeqno()) {
+    for (const auto& [rib, seqno] : state_.tunnelConvergence()->tunnelRibConvergenceSeqno()) {
       sorted[rib] = seqno;
     }
     const char* separator = "";
@@ -166,7 +166,7 @@ class DocumentWriter {
   }
 
   std::ostream& out_;
-  const AgentHost& host_;
+  const AgentState& state_;
   const DocumentFilter& filter_;
   std::set<Model::TunnelId> tunnelsAtTep_;  // when narrowed to a tep: those that the entries written so far name
   std::set<Fib::EncapId> encapsShown_;
@@ -174,13 +174,13 @@ class DocumentWriter {
 
 }  // namespace
 
-void writeStateDocument(std::ostream& out, const AgentHost& host, const DocumentFilter& filter) {
-  DocumentWriter(out, host, filter).write();
+void writeStateDocument(std::ostream& out, const AgentState& state, const DocumentFilter& filter) {
+  DocumentWriter(out, state, filter).write();
 }
 
-OrderedJson stateDocument(const AgentHost& host, const DocumentFilter& filter) {
+OrderedJson stateDocument(const AgentState& state, const DocumentFilter& filter) {
   std::ostringstream text;
-  writeStateDocument(text, host, filter);
+  writeStateDocument(text, state, filter);
   return OrderedJson::parse(text.str());
 }
 

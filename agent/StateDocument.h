@@ -6,7 +6,7 @@
 #include <ostream>
 #include <string>
 
-#include "agent/AgentHost.h"
+#include "agent/AgentState.h"
 #include "agent/JsonText.h"
 
 namespace Agent {
@@ -18,10 +18,10 @@ struct DocumentFilter {
 };
 
 // Written member by member; nothing but the keys of a collection is kept in memory.
-void writeStateDocument(std::ostream& out, const AgentHost& host, const DocumentFilter& filter = {});
+void writeStateDocument(std::ostream& out, const AgentState& state, const DocumentFilter& filter = {});
 
 // The same as a value.
-OrderedJson stateDocument(const AgentHost& host, const DocumentFilter& filter = {});
+OrderedJson stateDocument(const AgentState& state, const DocumentFilter& filter = {});
 
 // The members of a shared-memory map in the order of their keys. What cannot be read is left out.
 template <class Map>

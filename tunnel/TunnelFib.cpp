@@ -24,8 +24,10 @@ TunnelFib::Collections collectionsOf(const Zol::Ptr<Memtab::SharedStore>& store)
 }
 
 [[maybe_unused]] const bool entityTypeKnown = [] {
-  Statehub::EntityTypes::typeIs(TunnelFib::entityTypeName,
-                                [](const std::string& path) { return Zol::make<TunnelFib>(path); });
+  Statehub::EntityTypes::typeIs(
+      TunnelFib::entityTypeName, [](const std::string& path, const Memtab::StoreSource& source) {
+        return Zol::make<TunnelFib>(path, source(TunnelFib::fingerprint(), TunnelFib::hashes()));
+      });
   return true;
 }();
 

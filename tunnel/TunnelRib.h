@@ -56,6 +56,8 @@ class TunnelRib : public Memtab::MemtabMap<TunnelRibEntry> {
   static constexpr const char* entityTypeName = "Tunnel::TunnelTable::TunnelRib";
 
   explicit TunnelRib(const std::string& name, TunnelRibId id = 0) : MemtabMap(name), id_(id) {}
+  TunnelRib(const std::string& name, Zol::Ptr<Memtab::SharedStore> store, TunnelRibId id = 0)
+      : MemtabMap(name, std::move(store), 0U), id_(id) {}
 
   TunnelRibId id() const { return id_; }
   void idIs(TunnelRibId id) { id_ = id; }

@@ -34,9 +34,9 @@ class ProtocolTunnelTable : public Memtab::MemtabMap<Entry, TunnelTableBase> {
   static constexpr TunnelType tableTunnelType = type;
 
   explicit ProtocolTunnelTable(const std::string& name) : Memtab::MemtabMap<Entry, TunnelTableBase>(name, type) {}
-  // A read-only placeholder: for a table that is known but not mounted.
-  ProtocolTunnelTable(const std::string& name, std::nullptr_t)
-      : Memtab::MemtabMap<Entry, TunnelTableBase>(name, Zol::Ptr<Memtab::SharedStore>(), 0U, type) {}
+  // store null: a read-only placeholder, for a table that is known but not mounted.
+  ProtocolTunnelTable(const std::string& name, Zol::Ptr<Memtab::SharedStore> store)
+      : Memtab::MemtabMap<Entry, TunnelTableBase>(name, std::move(store), 0U, type) {}
 
  protected:
   void refuseIllegal(const Entry& entry) const override {

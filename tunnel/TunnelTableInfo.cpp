@@ -10,12 +10,12 @@ using Id = TunnelTableIdentifier;
 struct TableRow {
   Id id;
   const char* typeName;
-  Zol::Ptr<Zol::Entity> (*make)(const std::string& path);
+  Zol::Ptr<Zol::Entity> (*make)(const std::string& path, const Memtab::StoreSource& source);
 };
 
 template <class Table>
-Zol::Ptr<Zol::Entity> makeTable(const std::string& path) {
-  return Zol::make<Table>(path);
+Zol::Ptr<Zol::Entity> makeTable(const std::string& path, const Memtab::StoreSource& source) {
+  return Zol::make<Table>(path, source(Table::fingerprint(), Table::hashes()));
 }
 
 constexpr TableRow tableRows[] = {
@@ -58,7 +58,7 @@ TunnelTableMounter::TunnelTableMounter(Zol::Ptr<Statehub::EntityManager> entityM
     : entityManager_(std::move(entityManager)) {}
 
 Zol::Ptr<TunnelTableBase> TunnelTableMounter::readMountTable(const TunnelTableInfo& info) const {
-  entityManager_->doMount(info.path, info.typeName);
+  entityManager_->doMount(info.path, info.typeName, sharedTable(Statehub::Access::read));
   return Zol::dynamicPtrCast<TunnelTableBase>(entityManager_->getEntity(info.path));
 }
 

@@ -22,6 +22,9 @@ struct TunnelTableInfo {
   friend bool operator==(const TunnelTableInfo&, const TunnelTableInfo&) = default;
 };
 
+// How a shared-memory table is mounted.
+inline Statehub::MountInfo sharedTable(Statehub::Access access) { return Statehub::MountInfo(0, access); }
+
 // The description of one of the twelve tables at its usual place.
 TunnelTableInfo tunnelTableInfo(TunnelTableIdentifier table);
 

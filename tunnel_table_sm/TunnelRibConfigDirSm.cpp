@@ -16,7 +16,6 @@ constexpr auto createSignature = "void " CONFIG_DIR "createTunnelRibSm(const Ptr
 constexpr auto deleteSignature = "void " CONFIG_DIR "deleteTunnelRib(Zol::Name)";
 #undef CONFIG_DIR
 
-constexpr std::uint32_t sharedMemoryTableType = 0;
 constexpr std::uint32_t customRibSize = 1024;
 
 std::string statusPath(TunnelRibId id) { return tunnelRibStatusPathPrefix + std::to_string(id); }
@@ -82,7 +81,7 @@ void TunnelRibConfigDirSm::handleRibConfig(const std::string& name) {
 }
 
 Zol::Ptr<TunnelRib> TunnelRibConfigDirSm::mountCustomRib(TunnelRibId id) const {
-  Statehub::MountInfo info(sharedMemoryTableType);
+  Statehub::MountInfo info = sharedTable(Statehub::Access::write);
   info.collectionInfoIs({"entry", customRibSize});
   entityManager_->doMount(statusPath(id), TunnelRib::entityTypeName, info);
   const auto tunnelRib = Zol::dynamicPtrCast<TunnelRib>(entityManager_->getEntity(statusPath(id)));

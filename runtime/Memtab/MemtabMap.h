@@ -90,7 +90,12 @@ class MemtabMap : public Base {
       : Base(name, std::move(store), collection, std::forward<Args>(args)...) {}
 
   static std::uint64_t hashOfKey(Bytes bytes) { return hashOfKeyBytes<Key>(bytes); }
+  // What a store of this map alone is made with.
   static std::uint64_t fingerprint() { return fingerprintOf<Record>(); }
+  static std::span<const HashFn> hashes() {
+    static constexpr HashFn all[] = {&hashOfKey};
+    return all;
+  }
 
   // Reads the record; false, and an untouched record, when there is none.
   bool read(const Key& key, Record& record) const {
@@ -168,10 +173,7 @@ class MemtabMap : public Base {
   static constexpr auto keyField() { return std::get<0>(Record::fields()).member; }
   static const Key& keyOf(const Record& record) { return record.*keyField(); }
 
-  static Zol::Ptr<SharedStore> ownStore() {
-    static constexpr HashFn hashes[] = {&hashOfKey};
-    return Zol::make<SharedStore>(fingerprint(), hashes);
-  }
+  static Zol::Ptr<SharedStore> ownStore() { return Zol::make<SharedStore>(fingerprint(), hashes()); }
 
   // Encoders keep their buffers, so that neither look-ups nor writes allocate.
   static Bytes encodedKey(const Key& key) {

@@ -1,10 +1,11 @@
 // SharedStore: one region with its collections, shared by the maps that read and write them.
 #pragma once
 
+#include <functional>
 #include <span>
 
 #include "runtime/Memtab/Store.h"
-#include "runtime/Zol/PtrInterface.h"
+#include "runtime/Zol/Ptr.h"
 
 namespace Memtab {
 
@@ -20,5 +21,9 @@ class SharedStore : public Zol::PtrInterface {
  private:
   Store store_;
 };
+
+// Where a table's store comes from: private memory, or a file that other processes see too. The arguments are those of
+// SharedStore; who asks owns the answer.
+using StoreSource = std::function<Zol::Ptr<SharedStore>(std::uint64_t fingerprint, std::span<const HashFn> hashes)>;
 
 }  // namespace Memtab

@@ -8,6 +8,7 @@
 #include <string>
 #include <utility>
 
+#include "runtime/Memtab/SharedStore.h"
 #include "runtime/Zol/Entity.h"
 
 namespace Statehub {
@@ -15,11 +16,13 @@ namespace Statehub {
 // The kinds of entity that can be mounted, by type name. Libraries add theirs at load.
 class EntityTypes {
  public:
-  using Maker = std::function<Zol::Ptr<Zol::Entity>(const std::string& path)>;
+  // Makes the entity of a path over the store that source gives.
+  using Maker = std::function<Zol::Ptr<Zol::Entity>(const std::string& path, const Memtab::StoreSource& source)>;
 
   static void typeIs(const std::string& typeName, Maker maker);
   // Raises InternalException for a type that nobody has added.
-  static Zol::Ptr<Zol::Entity> make(const std::string& typeName, const std::string& path);
+  static Zol::Ptr<Zol::Entity> make(const std::string& typeName, const std::string& path,
+                                    const Memtab::StoreSource& source);
 };
 
 // How one collection of a mounted table is laid out. size is a first guess; tables grow.
@@ -28,17 +31,23 @@ struct CollectionInfo {
   std::uint32_t size = 0;
 };
 
+// Whether this process is the one that writes the entity. Only among processes does it matter: what lies in the memory
+// of one can be written by whoever reaches it.
+enum class Access : std::uint8_t { read, write };
+
 class MountInfo {
  public:
   // tableType 0: a shared-memory table.
-  explicit MountInfo(std::uint32_t tableType) : tableType_(tableType) {}
+  explicit MountInfo(std::uint32_t tableType, Access access = Access::write) : tableType_(tableType), access_(access) {}
 
   std::uint32_t tableType() const { return tableType_; }
+  Access access() const { return access_; }
   const CollectionInfo& collectionInfo() const { return collectionInfo_; }
   void collectionInfoIs(CollectionInfo info) { collectionInfo_ = std::move(info); }
 
  private:
   std::uint32_t tableType_;
+  Access access_;
   CollectionInfo collectionInfo_;
 };
 
