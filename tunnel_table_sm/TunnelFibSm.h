@@ -25,7 +25,7 @@
 #include "tunnel/TunnelIdColl.h"
 #include "tunnel/TunnelTable.h"
 #include "tunnel_table_sm/TunnelFibDependencies.h"
-#include "tunnel_table_sm/TunnelFibViaCalc.h"
+#include "tunnel_table_sm/TunnelFibFinding.h"
 #include "tunnel_table_sm/TunnelFibWriter.h"
 
 namespace Tunnel::TunnelTable {
@@ -133,7 +133,9 @@ class TunnelFibSm final : public Zol::Reactor {
   void updateTunnelFibEntry(const TunnelId& tunnelId);
   // Writes or withdraws; whether an entry was written.
   bool doUpdateTunnelFibEntry(const ConsolidatedTunnelFibEntry& consFibEntry, bool tunnelTableEntryUsable);
-  TunnelFibReview& review() { return review_; }
+  // What a review would find now, without doing anything: no change, no note for later. Next levels are those that the
+  // last review recorded, so the finding on a tunnel that waits for review is preliminary. Costs what a review costs.
+  TunnelFibFinding finding(const TunnelId& tunnelId) const;
 
   const TunnelFibDependencies& dependencies() const { return dependencies_; }
   TunnelFibDependencies::TunnelIds resolvedByTunnels(const TunnelId& id) const {
@@ -153,10 +155,12 @@ class TunnelFibSm final : public Zol::Reactor {
   template <class F, class... Tables>
   void forEachTunnel(F&& file, const Zol::PtrConst<Tables>&... tables) const;
 
-  template <class Entry>
-  void doCalculateTunnelFibEntry(const Entry& entry, TunnelFibCalcResult& result);
-  template <class Entry>
-  void calculateTunnelFibEntryMplsVias(const Entry& entry, TunnelFibCalcResult& result);
+  template <class Entry, class OnVia>
+  void calculateTunnelFibEntry(const Entry& entry, TunnelFibReview& review, TunnelFibCalcResult& result,
+                               OnVia&& onVia) const;
+  template <class Entry, class OnVia>
+  void calculateTunnelFibEntryMplsVias(const Entry& entry, TunnelFibReview& review, TunnelFibCalcResult& result,
+                                       OnVia&& onVia) const;
   template <class Entry>
   void doCollectNextLevels(const Entry& entry);
   void doUpdateDependencies(const TunnelId& tunnelId);

@@ -16,6 +16,8 @@ concept HoldsMplsVias = requires(const Entry& entry) {
 template <class Entry>
 concept SharesLabelOp = std::derived_from<Entry, BgpLuPushTunnelTableEntry>;
 template <class Entry>
+concept IsMplsTunnel = HoldsMplsVias<Entry> || SharesLabelOp<Entry>;
+template <class Entry>
 concept HoldsBackupVias = requires(const Entry& entry) {
   entry.backupVia();
 };

@@ -34,12 +34,17 @@ void TunnelFibSm::updateTunnelFibEntry(const TunnelId& tunnelId) {
   const bool exists = visitTableEntry(tunnelId, [&](const auto& entry) {
     result.tunnelContributingIs(contributesToTunnelFib(entry));
     if (result.tunnelContributing()) {
-      doCalculateTunnelFibEntry(entry, result);
+      doCollectNextLevels(entry);
+      doUpdateDependencies(tunnelId);
+      calculateTunnelFibEntry(entry, review_, result, [](const MplsVia&, const TunnelFibViaCalcResult&) {});
     }
   });
   result.tunnelTableEntryDeletedIs(!exists);
   if (!result.tunnelContributing()) {
     doUpdateDependencies(tunnelId);
+  } else if (!review_.nextLevels.empty()) {
+    std::sort(review_.joined.begin(), review_.joined.end());
+    dependencies_.joinedIs(tunnelId, review_.joined);
   }
   if (doesDefer(tunnelId, result)) {
     FASTLOG_TRACE(8,
@@ -61,63 +66,101 @@ void TunnelFibSm::updateTunnelFibEntry(const TunnelId& tunnelId) {
   fileDeferredDependants(tunnelId);
 }
 
-template <class Entry>
-void TunnelFibSm::doCalculateTunnelFibEntry(const Entry& entry, TunnelFibCalcResult& result) {
-  ConsolidatedTunnelFibEntry& consFibEntry = review_.consFibEntry;
-  if constexpr (HoldsMplsVias<Entry> || SharesLabelOp<Entry>) {
+// onVia(via, result) is called behind each via that may leave through another tunnel.
+template <class Entry, class OnVia>
+void TunnelFibSm::calculateTunnelFibEntry(const Entry& entry, TunnelFibReview& review, TunnelFibCalcResult& result,
+                                          OnVia&& onVia) const {
+  if constexpr (IsMplsTunnel<Entry>) {
     if (doesPushOnly(entry)) {
-      calculateTunnelFibEntryMplsVias(entry, result);
+      calculateTunnelFibEntryMplsVias(entry, review, result, onVia);
     } else {
       FASTLOG_TRACE(7, "Non push label operation for tableEntry: " << entry << " !!");
-      doUpdateDependencies(entry.tunnelId());
+    }
+  } else if constexpr (IsInterfaceTunnel<Entry>) {
+    using Kind = EncapKind<std::remove_cvref_t<decltype(entry.tunnelInfo())>>;
+    for (const Via& via : entry.via()) {
+      ViaAndTunnelInfo info(via, Kind::type);
+      (info.*Kind::infoRef)() = entry.tunnelInfo();
+      review.consFibEntry.viaInfoIs(info);
     }
   } else {
-    doUpdateDependencies(entry.tunnelId());
-    if constexpr (IsInterfaceTunnel<Entry>) {
-      using Kind = EncapKind<std::remove_cvref_t<decltype(entry.tunnelInfo())>>;
-      for (const Via& via : entry.via()) {
-        ViaAndTunnelInfo info(via, Kind::type);
-        (info.*Kind::infoRef)() = entry.tunnelInfo();
-        consFibEntry.viaInfoIs(info);
-      }
-    } else {
-      static_assert(std::same_as<Entry, NexthopGroupTunnelTableEntry>);
-      consFibEntry.insertInvalidVia(
-          Via(Ipkit::IpGenAddr(), Ipkit::NexthopGroupIntfId::nexthopGroupIdToIntfId(entry.nexthopGroupId())));
+    static_assert(std::same_as<Entry, NexthopGroupTunnelTableEntry>);
+    review.consFibEntry.insertInvalidVia(
+        Via(Ipkit::IpGenAddr(), Ipkit::NexthopGroupIntfId::nexthopGroupIdToIntfId(entry.nexthopGroupId())));
+  }
+}
+
+template <class Entry, class OnVia>
+void TunnelFibSm::calculateTunnelFibEntryMplsVias(const Entry& entry, TunnelFibReview& review,
+                                                  TunnelFibCalcResult& result, OnVia&& onVia) const {
+  forEachMplsVia(entry, [&](const MplsVia& via) {
+    const TunnelFibViaCalcResult viaResult = calculateTunnelFibEntryMplsVia(*this, review, via);
+    result.viaResultRef() |= viaResult;
+    onVia(via, viaResult);
+  });
+  if constexpr (HoldsBackupVias<Entry>) {
+    review.consFibEntry.backupViaInfoDelAll();
+    for (const MplsVia& via : entry.backupVia()) {
+      calculateTunnelFibEntryBackupMplsVia(review, via);
     }
   }
 }
 
-template <class Entry>
-void TunnelFibSm::calculateTunnelFibEntryMplsVias(const Entry& entry, TunnelFibCalcResult& result) {
-  doCollectNextLevels(entry);
-  doUpdateDependencies(entry.tunnelId());
-  forEachMplsVia(entry, [&](const MplsVia& via) {
-    result.viaResultRef() |= calculateTunnelFibEntryMplsVia(*this, review_.consFibEntry, via);
-  });
-  if constexpr (HoldsBackupVias<Entry>) {
-    review_.consFibEntry.backupViaInfoDelAll();
-    for (const MplsVia& via : entry.backupVia()) {
-      calculateTunnelFibEntryBackupMplsVia(*this, review_.consFibEntry, via);
+TunnelFibFinding TunnelFibSm::finding(const TunnelId& tunnelId) const {
+  TunnelFibFinding finding;
+  TunnelFibReview review;
+  review.reset(tunnelId);
+  review.cycle = dependencies_.cycleOf(tunnelId);
+  const auto onVia = [&](const MplsVia& via, const TunnelFibViaCalcResult& result) {
+    TunnelFibFinding::FoundVia found;
+    found.via = via;
+    found.result = result;
+    if (DynamicTunnelIntfId::isDynamicTunnelIntfId(via.intf()) && isLegalNextLevel(via.intf())) {
+      found.nextLevel = DynamicTunnelIntfId::tunnelId(via.intf());
+      found.isSkipped = !review.isNextLevelAsked && result == TunnelFibViaCalcResult();
     }
-  }
-  if (!review_.nextLevels.empty()) {
-    std::sort(review_.joined.begin(), review_.joined.end());
-    dependencies_.joinedIs(entry.tunnelId(), review_.joined);
-  }
+    if (review.isNextLevelAsked) {
+      found.nextLevelVias = review.nextLevelVias.size();
+      for (const TunnelFibReview::JoinableVia& nextVia : review.nextLevelVias) {
+        if (const JoinObstacle obstacle = joinObstacle(via.labelOp(), nextVia); obstacle != JoinObstacle::none) {
+          found.refused.push_back({nextVia, obstacle});
+        }
+      }
+    }
+    finding.vias.push_back(std::move(found));
+  };
+  const bool exists = visitTableEntry(tunnelId, [&](const auto& entry) {
+    finding.head = entry;
+    finding.pushesOnly = doesPushOnly(entry);
+    finding.result.tunnelContributingIs(contributesToTunnelFib(entry));
+    if (finding.result.tunnelContributing()) {
+      calculateTunnelFibEntry(entry, review, finding.result, onVia);
+    }
+  });
+  finding.result.tunnelTableEntryDeletedIs(!exists);
+  finding.cycle = std::move(review.cycle);
+  finding.entry = std::move(review.consFibEntry);
+  finding.obstacles = fibEntryObstacles(finding.entry);
+  finding.isWaiting = isWaiting(tunnelId);
+  return finding;
 }
 
 template <class Entry>
 void TunnelFibSm::doCollectNextLevels(const Entry& entry) {
-  std::vector<TunnelId>& next = review_.nextLevels;
-  for (const auto& via : entry.via()) {
-    if (DynamicTunnelIntfId::isDynamicTunnelIntfId(via.intf()) && isLegalNextLevel(via.intf())) {
-      next.push_back(DynamicTunnelIntfId::tunnelId(via.intf()));
+  if constexpr (IsMplsTunnel<Entry>) {
+    if (!doesPushOnly(entry)) {
+      return;
     }
-  }
-  if (next.size() > 1) {
-    std::sort(next.begin(), next.end());
-    next.erase(std::unique(next.begin(), next.end()), next.end());
+    std::vector<TunnelId>& next = review_.nextLevels;
+    for (const auto& via : entry.via()) {
+      if (DynamicTunnelIntfId::isDynamicTunnelIntfId(via.intf()) && isLegalNextLevel(via.intf())) {
+        next.push_back(DynamicTunnelIntfId::tunnelId(via.intf()));
+      }
+    }
+    if (next.size() > 1) {
+      std::sort(next.begin(), next.end());
+      next.erase(std::unique(next.begin(), next.end()), next.end());
+    }
   }
 }
 
@@ -152,6 +195,11 @@ bool TunnelFibSm::doesDefer(const TunnelId& tunnelId, const TunnelFibCalcResult&
   return result.tunnelContributing() && result.viaResult().recTunNotReady() && review_.consFibEntry.viaInfo().empty();
 }
 
+FibEntryObstacles fibEntryObstacles(const ConsolidatedTunnelFibEntry& consFibEntry) {
+  constexpr std::size_t countMax = TunnelViaIndex::maxSize();
+  return {consFibEntry.viaInfo().empty(), consFibEntry.viaInfos() > countMax, consFibEntry.backupViaInfos() > countMax};
+}
+
 bool TunnelFibSm::doUpdateTunnelFibEntry(const ConsolidatedTunnelFibEntry& consFibEntry, bool tunnelTableEntryUsable) {
   const TunnelId& tunnelId = consFibEntry.tunnelId();
   FASTLOG_TRACE(8, "    "
@@ -164,26 +212,24 @@ bool TunnelFibSm::doUpdateTunnelFibEntry(const ConsolidatedTunnelFibEntry& consF
     return false;
   }
   constexpr std::size_t countMax = TunnelViaIndex::maxSize();
-  const bool noVias = consFibEntry.viaInfo().empty();
-  const bool tooManyVias = consFibEntry.viaInfos() > countMax;
-  const bool tooManyBackupVias = consFibEntry.backupViaInfos() > countMax;
-  if (tooManyVias) {
+  const FibEntryObstacles obstacles = fibEntryObstacles(consFibEntry);
+  if (obstacles.tooManyVias) {
     FASTLOG_TRACE(8, "TunnelFibEntry has too many tunnelVias: " << consFibEntry.viaInfos() << ", (max " << countMax);
     static Fastlog::RingMessage message("TunnelFibSm", __LINE__,
                                         "TunnelFibEntry has too many tunnelVias: %i, (max %i)");
     message.write(consFibEntry.viaInfos(), countMax);
   }
-  if (tooManyBackupVias) {
+  if (obstacles.tooManyBackupVias) {
     FASTLOG_TRACE(
         8, "TunnelFibEntry has too many backupTunnelVias: " << consFibEntry.backupViaInfos() << ", (max " << countMax);
     static Fastlog::RingMessage message("TunnelFibSm", __LINE__,
                                         "TunnelFibEntry has too many backupTunnelVias: %i, (max %i)");
     message.write(consFibEntry.backupViaInfos(), countMax);
   }
-  if (noVias || tooManyVias || tooManyBackupVias) {
+  if (obstacles.any()) {
     tunnelFibWriter_->deleteFibEntry(tunnelId);
     FASTLOG_TRACE(8, " TunnelId " << tunnelId << " is unprogrammable because "
-                                  << (noVias ? "no tunnelVias" : "too many tunnelVias"));
+                                  << (obstacles.noVias ? "no tunnelVias" : "too many tunnelVias"));
     unprogrammableTunnelIds_->entryIs(tunnelId, true);
     return false;
   }

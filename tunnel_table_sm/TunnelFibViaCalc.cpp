@@ -30,8 +30,9 @@ bool isCyclic(const TunnelFibReview& review, const TunnelId& next) {
 }
 
 // Several vias through one next level read it once.
-const std::vector<TunnelFibReview::JoinableVia>& viasOf(TunnelFibSm& sm, const TunnelId& next) {
-  TunnelFibReview& review = sm.review();
+const std::vector<TunnelFibReview::JoinableVia>& viasOf(const TunnelFibSm& sm, TunnelFibReview& review,
+                                                        const TunnelId& next) {
+  review.isNextLevelAsked = true;
   if (review.isNextLevelRead && review.nextLevel == next) {
     return review.nextLevelVias;
   }
@@ -47,7 +48,7 @@ const std::vector<TunnelFibReview::JoinableVia>& viasOf(TunnelFibSm& sm, const T
       if (type == EncapType::labelStack) {
         readSafely(&sm.tunnelFib()->labelStackEncap(), via.encapId(), encap);
       }
-      review.nextLevelVias.push_back({via, encap.info(), type == EncapType::labelStack || type == EncapType::invalid});
+      review.nextLevelVias.push_back({via, encap.info(), type});
     }
   }
   return review.nextLevelVias;
@@ -73,20 +74,20 @@ Result whyEmpty(const TunnelFibSm& sm, const TunnelId& next) {
 }
 
 Result flatten(const std::vector<TunnelFibReview::JoinableVia>& nextVias, const TunnelId& next, const MplsVia& via,
-               ConsolidatedTunnelFibEntry& consFibEntry, TunnelFibReview& review) {
+               TunnelFibReview& review) {
   Result result;
   bool isAnyJoined = false;
   for (const TunnelFibReview::JoinableVia& nextVia : nextVias) {
-    const bool isTooLarge =
-        nextVia.labelOp.stackSize() + via.labelOp().stackSize() > Ipkit::MplsLabelOperation::stackSizeMax;
-    if (isTooLarge || !nextVia.isLabelStack) {
+    const JoinObstacle obstacle = joinObstacle(via.labelOp(), nextVia);
+    if (obstacle != JoinObstacle::none) {
       FASTLOG_TRACE(7, "      Ignored flattened TunnelVia for tunnel "
-                           << consFibEntry.tunnelId() << " via " << nextVia.via
-                           << (isTooLarge ? " (label stack too large)" : " (encapsulation is no label stack)"));
+                           << review.consFibEntry.tunnelId() << " via " << nextVia.via
+                           << (obstacle == JoinObstacle::labelStackTooLarge ? " (label stack too large)"
+                                                                            : " (encapsulation is no label stack)"));
       result.recTunFlattenErrorIs(true);
       continue;
     }
-    consFibEntry.insertLabelStackVia(nextVia.via, via.labelOp().joined(nextVia.labelOp));
+    review.consFibEntry.insertLabelStackVia(nextVia.via, via.labelOp().joined(nextVia.labelOp));
     isAnyJoined = true;
   }
   if (isAnyJoined && (review.joined.empty() || review.joined.back() != next)) {
@@ -110,9 +111,19 @@ bool isLegalNextLevel(Ipkit::IntfId intf) {
   return isLegalTunnelIdValue(Ipkit::DynamicTunnelIntfId::tunnelIdValue(intf));
 }
 
-TunnelFibViaCalcResult calculateTunnelFibEntryMplsVia(TunnelFibSm& sm, ConsolidatedTunnelFibEntry& consFibEntry,
+JoinObstacle joinObstacle(const Ipkit::MplsLabelOperation& own, const TunnelFibReview::JoinableVia& nextVia) {
+  if (nextVia.labelOp.stackSize() + own.stackSize() > Ipkit::MplsLabelOperation::stackSizeMax) {
+    return JoinObstacle::labelStackTooLarge;
+  }
+  const bool takesLabels = nextVia.encapType == EncapType::labelStack || nextVia.encapType == EncapType::invalid;
+  return takesLabels ? JoinObstacle::none : JoinObstacle::noLabelStack;
+}
+
+TunnelFibViaCalcResult calculateTunnelFibEntryMplsVia(const TunnelFibSm& sm, TunnelFibReview& review,
                                                       const MplsVia& via) {
+  ConsolidatedTunnelFibEntry& consFibEntry = review.consFibEntry;
   Result result;
+  review.isNextLevelAsked = false;
   if (!DynamicTunnelIntfId::isDynamicTunnelIntfId(via.intf())) {
     consFibEntry.insertLabelStackVia(via, via.labelOp());
     return result;
@@ -123,7 +134,6 @@ TunnelFibViaCalcResult calculateTunnelFibEntryMplsVia(TunnelFibSm& sm, Consolida
     return result;
   }
   const TunnelId next = DynamicTunnelIntfId::tunnelId(via.intf());
-  TunnelFibReview& review = sm.review();
   const bool leadsBack = isCyclic(review, next);
   review.metMarked |= !leadsBack && sm.isFromEarlierRun(next);
   if (sm.tunnelFibEntryMarkedUnprocessed(next)) {
@@ -139,12 +149,12 @@ TunnelFibViaCalcResult calculateTunnelFibEntryMplsVia(TunnelFibSm& sm, Consolida
   if (consFibEntry.viaInfo().holdsMoreThan(TunnelViaIndex::maxSize())) {
     return result;  // too many already, whatever else is joined
   }
-  const auto& nextVias = viasOf(sm, next);
-  return nextVias.empty() ? whyEmpty(sm, next) : flatten(nextVias, next, via, consFibEntry, review);
+  const auto& nextVias = viasOf(sm, review, next);
+  return nextVias.empty() ? whyEmpty(sm, next) : flatten(nextVias, next, via, review);
 }
 
-void calculateTunnelFibEntryBackupMplsVia(TunnelFibSm&, ConsolidatedTunnelFibEntry& consFibEntry, const MplsVia& via) {
-  consFibEntry.insertBackupLabelStackVia(via, via.labelOp());
+void calculateTunnelFibEntryBackupMplsVia(TunnelFibReview& review, const MplsVia& via) {
+  review.consFibEntry.insertBackupLabelStackVia(via, via.labelOp());
 }
 
 }  // namespace Tunnel::TunnelTable

@@ -17,7 +17,7 @@ struct TunnelFibReview {
   struct JoinableVia {
     Via via;
     Ipkit::MplsLabelOperation labelOp;
-    bool isLabelStack = true;
+    EncapType encapType = EncapType::invalid;
   };
 
   ConsolidatedTunnelFibEntry consFibEntry;
@@ -27,18 +27,22 @@ struct TunnelFibReview {
   bool metMarked = false;            // a next level is as an earlier run left it
   TunnelId nextLevel;                // whose vias are below
   bool isNextLevelRead = false;
+  bool isNextLevelAsked = false;  // the last via's was, for its vias
   std::vector<JoinableVia> nextLevelVias;
 
   void reset(const TunnelId& tunnelId);
 };
 
-// Adds what one MPLS via of the reviewed tunnel yields to consFibEntry; says what went wrong. The tunnel's direct next
-// levels have been recorded before, so that a change of theirs brings it back whatever happens here.
-TunnelFibViaCalcResult calculateTunnelFibEntryMplsVia(TunnelFibSm& sm, ConsolidatedTunnelFibEntry& consFibEntry,
+// What stands against putting labels below those of a next level's via.
+enum class JoinObstacle { none, labelStackTooLarge, noLabelStack };
+JoinObstacle joinObstacle(const Ipkit::MplsLabelOperation& own, const TunnelFibReview::JoinableVia& nextVia);
+
+// Adds what one MPLS via of the reviewed tunnel yields to the review's entry; says what went wrong. The tunnel's direct
+// next levels have been recorded before, so that a change of theirs brings it back whatever happens here.
+TunnelFibViaCalcResult calculateTunnelFibEntryMplsVia(const TunnelFibSm& sm, TunnelFibReview& review,
                                                       const MplsVia& via);
 // Backup vias are taken as they are, never through other tunnels.
-void calculateTunnelFibEntryBackupMplsVia(TunnelFibSm& sm, ConsolidatedTunnelFibEntry& consFibEntry,
-                                          const MplsVia& via);
+void calculateTunnelFibEntryBackupMplsVia(TunnelFibReview& review, const MplsVia& via);
 
 // Whether the interface stands for a tunnel whose id exists. Damaged memory may hold others.
 bool isLegalNextLevel(Ipkit::IntfId intf);

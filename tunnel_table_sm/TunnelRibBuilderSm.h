@@ -28,9 +28,13 @@
 #include "tunnel_table_sm/CandidateStore.h"
 #include "tunnel_table_sm/EncapsulatedTableEntry.h"
 #include "tunnel_table_sm/ProtocolTunnelSm.h"
+#include "tunnel_table_sm/SourceComparison.h"
 #include "tunnel_table_sm/StagedTunnelRib.h"
 
 namespace Tunnel::TunnelTable {
+
+// Whether a tunnel is a candidate of a RIB, and if not the first reason found.
+enum class RibAdmission { admitted, otherType, noTableEntry, noTep, notContributing, unprogrammable };
 
 class TunnelRibBuilderSm final : public TableEntrySm {
  public:
@@ -73,6 +77,7 @@ class TunnelRibBuilderSm final : public TableEntrySm {
 
   // One tunnel's review, and the choice of the best (TunnelRibSelection.cpp).
   void updateTunnelRibEntry(const TunnelId& tunnelId);
+  RibAdmission admission(const EncapsulatedTableEntry& entry) const;
   TunnelEntryPref getPreference(const TunnelTableEntry& entry) const;
 
   // Steps of a review. add false: tep is where the tunnel is filed.

@@ -41,11 +41,7 @@ void TunnelRibBuilderSm::updateTunnelRibEntry(const TunnelId& tunnelId) {
     return;
   }
   const EncapsulatedTableEntry entry = freshEntry(tunnelId);
-  bool add = entry.hasEntry() && !!entry.entry().tep() && contributes(entry);
-  if (isUnprogrammable(tunnelId)) {
-    FASTLOG_TRACE(8, tunnelId << " is unprogrammable");
-    add = false;
-  }
+  const bool add = admission(entry) == RibAdmission::admitted;
   // Where to add is for the table to say; where to remove is where the tunnel was filed, wherever it claims to be now.
   const Ipkit::IpGenPrefix tep = add ? entry.entry().tep() : tunnelIdToTep(tunnelId).tep();
   if (!tep && entry.hasEntry() && !!entry.entry().tep()) {
@@ -58,6 +54,27 @@ void TunnelRibBuilderSm::updateTunnelRibEntry(const TunnelId& tunnelId) {
   }
   doUpdateLocalCollectionsAndTunnelRib(entry, tep, add);
   doWriteReview(entry);
+}
+
+RibAdmission TunnelRibBuilderSm::admission(const EncapsulatedTableEntry& entry) const {
+  const TunnelId& id = entry.tunnelId();
+  const bool isBarred = isUnprogrammable(id);
+  if (isBarred) {
+    FASTLOG_TRACE(8, id << " is unprogrammable");
+  }
+  if (!contributeToTunnelRib(id.tunnelType())) {
+    return RibAdmission::otherType;
+  }
+  if (!entry.hasEntry()) {
+    return RibAdmission::noTableEntry;
+  }
+  if (!entry.entry().tep()) {
+    return RibAdmission::noTep;
+  }
+  if (!contributes(entry)) {
+    return RibAdmission::notContributing;
+  }
+  return isBarred ? RibAdmission::unprogrammable : RibAdmission::admitted;
 }
 
 TunnelEntryPref TunnelRibBuilderSm::getPreference(const TunnelTableEntry& entry) const {
@@ -159,7 +176,8 @@ void TunnelRibBuilderSm::doAddToTunnelRibEntry(const EncapsulatedTableEntry& ent
   const TunnelId existing = ribEntry.tunnelId(std::size_t(0));
   const TunnelEntryPref existingPref = ribEntry.pref();
   FASTLOG_TRACE(8, "Existing tunnel " << existing << " " << existing.tunnelType() << "(" << existingPref << ")");
-  if (existing.tunnelType() == id.tunnelType() && existingPref == newPref) {
+  if (compareSources(existing.tunnelType(), existingPref, id.tunnelType(), newPref).by ==
+      SourceComparison::By::sideBySide) {
     FASTLOG_TRACE(8, "Adding new ID for existing Tunnel RIB entry: " << id);
     doAddTunnelId(entry, tep, newPref);
   } else if (shouldReplaceTunnelRibEntries(existingPref, newPref, existing, id)) {
@@ -172,22 +190,19 @@ bool TunnelRibBuilderSm::shouldReplaceTunnelRibEntries(TunnelEntryPref existingP
                                                        const TunnelId& existingId, const TunnelId& newId) const {
   const TunnelType existingType = existingId.tunnelType();
   const TunnelType newType = newId.tunnelType();
-  TunnelEntryPref existingValue = existingPref;
-  TunnelEntryPref newValue = newPref;
   if (existingPref == newPref) {
     FASTLOG_TRACE(8, "Existing tunnel table entry with tid " << existingId << " and new tunnel table entry with tid "
                                                              << newId << " have the same preference value of "
                                                              << existingPref);
-    existingValue = getDefaultPrefForType(existingType);
-    newValue = getDefaultPrefForType(newType);
-    ZOL_ASSERT_TEXT(existingValue != newValue,
-                    "existingPref != newPref && \"Two tunnels have the same default static pref\"");
-    FASTLOG_TRACE(8, "Existing " << existingType << " tunnel table entry"
-                                 << " has a default static preference of " << existingValue);
-    FASTLOG_TRACE(8, "New " << newType << " tunnel table entry"
-                            << " has a default static preference of " << newValue);
   }
-  if (existingValue <= newValue) {
+  const SourceComparison comparison = compareSources(existingType, existingPref, newType, newPref);
+  if (comparison.by == SourceComparison::By::defaultPreference) {
+    FASTLOG_TRACE(8, "Existing " << existingType << " tunnel table entry"
+                                 << " has a default static preference of " << comparison.existing);
+    FASTLOG_TRACE(8, "New " << newType << " tunnel table entry"
+                            << " has a default static preference of " << comparison.candidate);
+  }
+  if (!comparison.doesCandidateWin()) {
     FASTLOG_TRACE(8, "Existing tunnel entry contributed by table: " << existingType << " (" << existingPref << ")"
                                                                     << " is preferred more than " << newType << " ("
                                                                     << newPref << ") ");

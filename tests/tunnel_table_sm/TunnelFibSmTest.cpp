@@ -91,7 +91,7 @@ TEST(TunnelFibSm, joiningStopsWhenThereAreTooMany) {
   scene.put(scene.sr(1, through));
   scene.settle();
   EXPECT_TRUE(scene.isUnprogrammable("srTunnel/1"));
-  EXPECT_LE(scene.sm->review().consFibEntry.viaInfos(), 1024U);
+  EXPECT_LE(scene.sm->finding(tunnel("srTunnel/1")).entry.viaInfos(), 1024U);
   EXPECT_EQ(scene.sm->tunnelsDirectlyDependingOn(tunnel("srTunnel/1")).size(), 512U);
 }
 
