@@ -34,6 +34,7 @@ void Cursor::seek(uint64_t hash, Bytes key) {
   last_ = {hash, buffers_[buffer_].bytes(0, key.size()), true};
   resumeHash_ = hash;
   isDone_ = false;
+  isLossTold_ = false;
   entries_.clear();
   next_ = 0;
 }
@@ -130,7 +131,7 @@ Cursor::Step Cursor::nextSegment() {
   entries_.clear();
   next_ = 0;
   if (isDone_) {
-    return Step::end;
+    return end();
   }
   for (int tries = 0; tries < triesMax; ++tries) {
     chain_ = reader_->walk(collection_, resumeHash_);
@@ -145,13 +146,23 @@ Cursor::Step Cursor::nextSegment() {
     }
     if (chain_.slots == nullptr) {
       isDone_ = true;
-      return Step::end;
+      return end();
     }
     goTo(resumeHash_, chain_.segment().depth);
     return Step::entry;
   }
   goTo(resumeHash_, chain_.segment().depth);
   return Step::recovering;
+}
+
+// A walk over lost bytes does not end as if it had met everything.
+Cursor::Step Cursor::end() {
+  if (!reader_->view_.isDamaged() || isLossTold_) {
+    return Step::end;
+  }
+  isLossTold_ = true;
+  damage_ = {bytesLost, collection_, 0, 0, 0};
+  return Step::damaged;
 }
 
 // An unreadable directory word hides the hashes of its prefix; without the directory nothing can be found.

@@ -67,6 +67,7 @@ class Cursor {
   bool isPassed(uint64_t hash, Bytes key) const;
   Step giveUp(uint64_t hash);
   Step nextSegment();
+  Step end();
   void skipDamage();
   bool snapshot();
   bool addEntries();
@@ -82,6 +83,7 @@ class Cursor {
   Damage damage_;
   uint64_t resumeHash_ = 0;  // the next snapshot is of the segment that this hash belongs to
   bool isDone_ = false;      // there is no next segment
+  bool isLossTold_ = false;
   int tries_ = 0;
   Reader::Chain chain_;  // of the snapshot
   std::vector<Entry> entries_;

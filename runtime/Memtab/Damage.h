@@ -7,6 +7,9 @@
 
 namespace Memtab {
 
+// Of all that is absent in a region of which bytes were lost: zeros prove nothing.
+inline constexpr const char* bytesLost = "bytes of the region are lost";
+
 struct Damage {
   const char* what = nullptr;  // nullptr: no damage
   unsigned collection = 0;

@@ -33,7 +33,7 @@ Reader::Reader(View view, std::span<const HashFn> hashes)
 }
 
 bool Reader::isUsable(Place place) const {
-  return place.offset() >= headerBytes && place.offset() + place.bytes() <= view_.size();
+  return place.offset() >= headerBytes && view_.covers(place.offset() + place.bytes());
 }
 
 size_t Reader::ringSlots() const {
@@ -99,8 +99,12 @@ Lookup Reader::get(unsigned collection, uint64_t hash, Bytes key, Buffer& buffer
         result.state = Found::found;
         return result;
       case Try::absent:
-        result.state = Found::absent;
-        return result;
+        if (!view_.isDamaged()) {
+          result.state = Found::absent;
+          return result;
+        }
+        result.damage = {bytesLost, collection, 0, 0, 0};
+        [[fallthrough]];
       case Try::damaged:
         result.state = Found::damaged;
         return result;
@@ -175,13 +179,12 @@ inline Reader::Try Reader::judge(const Chain& chain, size_t slot, uint64_t finge
 // The first word of the block at units. Returns what is wrong with it; nullptr: nothing, all its words may be read.
 const char* Reader::readHead(unsigned collection, uint32_t units, uint64_t& first) const {
   const size_t offset = size_t{units} * unitBytes;
-  const size_t size = view_.size();
-  if (offset < headerBytes || offset + unitBytes > size) {
+  if (offset < headerBytes || !view_.covers(offset + unitBytes)) {
     return "block outside the region";
   }
   first = load(offset);
   const BlockHead head = BlockHead::of(first);
-  if (!head.isSane() || offset + 8 * head.words() > size) {
+  if (!head.isSane() || !view_.covers(offset + 8 * head.words())) {
     return "block length wrong";
   }
   return head.collection == collection ? nullptr : "block of another collection";

@@ -36,16 +36,22 @@ class AnonymousBacking final : public Backing {
 
 }  // namespace
 
-struct Region::Mapping {
+struct Region::Mapping : Extent {
   std::unique_ptr<Backing> backing;
   std::byte* start = nullptr;  // what was mapped; base is the first huge page boundary in it
   size_t mapped = 0;
   std::byte* base = nullptr;
   size_t reserved = 0;
-  std::atomic<size_t> usable{0};
+
+  void usableIs(size_t bytes) { usable_.store(bytes, std::memory_order_release); }
+
+  void attach() {
+    usableIs(backing->attach(base, reserved));
+    damagedIs(backing->damaged());
+  }
 
   ~Mapping() {
-    if (start != nullptr) {
+    if (start != nullptr && backing->isAttached()) {
       munmap(start, mapped);
     }
   }
@@ -73,6 +79,7 @@ Region Region::anonymous(size_t bytesMax) { return Region(std::make_unique<Anony
 Region::Region(std::unique_ptr<Backing> backing, size_t bytesMax) : mapping_(std::make_unique<Mapping>()) {
   mapping_->backing = std::move(backing);
   mapping_->reserve(std::min(bytesMax, reserveDefault));
+  mapping_->attach();
   extendTo(pieceMin);
 }
 
@@ -81,9 +88,10 @@ Region& Region::operator=(Region&&) noexcept = default;
 Region::~Region() = default;
 
 std::byte* Region::base() const { return mapping_->base; }
-size_t Region::size() const { return mapping_->usable.load(std::memory_order_relaxed); }
+size_t Region::size() const { return mapping_->size(); }
 size_t Region::reserved() const { return mapping_->reserved; }
-View Region::view() const { return {mapping_->base, &mapping_->usable}; }
+View Region::view() const { return {mapping_->base, mapping_.get()}; }
+bool Region::isDamaged() const { return mapping_->isDamaged(); }
 
 void Region::extendTo(size_t bytes) {
   const size_t from = size();
@@ -94,7 +102,7 @@ void Region::extendTo(size_t bytes) {
   const size_t wished = std::max(bytes, from + std::max(pieceMin, from / 8));
   for (const size_t to : {std::min(roundUp(wished, stepAt(wished)), mapping_->reserved), least}) {
     if (to >= least && to <= mapping_->reserved && mapping_->backing->extend(mapping_->base, from, to)) {
-      mapping_->usable.store(to, std::memory_order_release);
+      mapping_->usableIs(to);
       return;
     }
   }
@@ -105,7 +113,7 @@ void Region::shrinkTo(size_t bytes) {
   const size_t from = size();
   const size_t to = roundUp(bytes, stepAt(bytes));
   if (to < from) {
-    mapping_->usable.store(to, std::memory_order_release);
+    mapping_->usableIs(to);
     mapping_->backing->giveBack(mapping_->base, to, from);
   }
 }

@@ -1,0 +1,105 @@
+#include "runtime/Memtab/BusGuard.h"
+
+#include <signal.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+
+#include "runtime/Zol/Exception.h"
+
+namespace Memtab {
+namespace {
+
+// The handler reads these at any moment, so begin and end are such that every mixture of old and new is empty.
+struct Range {
+  std::atomic<bool> isTaken{false};
+  std::atomic<uintptr_t> begin{0};
+  std::atomic<uintptr_t> end{0};
+  std::atomic<int> protection{0};
+  std::atomic<bool> damaged{false};
+};
+
+std::array<Range, BusGuard::guardsMax> ranges;
+struct sigaction previous;
+uintptr_t pageBytes;
+
+static_assert(std::atomic<uintptr_t>::is_always_lock_free && std::atomic<bool>::is_always_lock_free);
+
+bool isMended(uintptr_t at) {
+  for (Range& range : ranges) {
+    if (at >= range.begin.load(std::memory_order_acquire) && at < range.end.load(std::memory_order_acquire)) {
+      range.damaged.store(true, std::memory_order_release);
+      void* const page = reinterpret_cast<void*>(at & ~(pageBytes - 1));
+      return mmap(page, pageBytes, range.protection.load(std::memory_order_relaxed),
+                  MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0) != MAP_FAILED;
+    }
+  }
+  return false;
+}
+
+void passOn(int signal, siginfo_t* info, void* context) {
+  if ((previous.sa_flags & SA_SIGINFO) != 0) {
+    previous.sa_sigaction(signal, info, context);
+  } else if (previous.sa_handler != SIG_DFL && previous.sa_handler != SIG_IGN) {
+    previous.sa_handler(signal);
+  } else {
+    // The fault happens again, or the signal comes again, and this time there is no handler.
+    ::signal(SIGBUS, SIG_DFL);
+    if (info->si_code <= 0) {
+      (void)raise(SIGBUS);
+    }
+  }
+}
+
+// Makes async-signal-safe calls only; mmap() is one in all but the standard's list: a plain system call.
+void handleBus(int signal, siginfo_t* info, void* context) {
+  const int interruptedErrno = errno;
+  const bool isFault = info->si_code > 0;
+  if (!isFault || !isMended(reinterpret_cast<uintptr_t>(info->si_addr))) {
+    passOn(signal, info, context);
+  }
+  errno = interruptedErrno;
+}
+
+bool install() {
+  pageBytes = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+  struct sigaction action = {};
+  action.sa_sigaction = handleBus;
+  action.sa_flags = SA_SIGINFO | SA_ONSTACK;
+  sigemptyset(&action.sa_mask);
+  return sigaction(SIGBUS, &action, &previous) == 0;
+}
+
+}  // namespace
+
+BusGuard::BusGuard(const std::byte* base, size_t bytes, int protection) : slot_(0), damaged_(nullptr) {
+  static const bool isInstalled = install();
+  if (!isInstalled) {
+    throw Zol::InternalException("no handler for SIGBUS");
+  }
+  for (Range& range : ranges) {
+    if (!range.isTaken.exchange(true)) {
+      slot_ = static_cast<unsigned>(&range - ranges.data());
+      damaged_ = &range.damaged;
+      range.damaged = false;
+      range.protection = protection;
+      range.begin = reinterpret_cast<uintptr_t>(base);
+      range.end = reinterpret_cast<uintptr_t>(base) + bytes;
+      return;
+    }
+  }
+  throw Zol::InternalException("more than " + std::to_string(guardsMax) + " files are mapped");
+}
+
+BusGuard::~BusGuard() {
+  Range& range = ranges[slot_];
+  range.end = 0;
+  range.begin = 0;
+  range.isTaken = false;
+}
+
+}  // namespace Memtab

@@ -1,0 +1,110 @@
+#include "runtime/Memtab/FileRegion.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "runtime/Memtab/Layout.h"
+
+namespace Memtab {
+namespace {
+
+constexpr size_t pageBytesMax = size_t{64} << 10;
+
+size_t sizeOf(int fd) {
+  struct stat facts {};
+  return fstat(fd, &facts) == 0 && facts.st_size > 0 ? static_cast<size_t>(facts.st_size) : 0;
+}
+
+// Gives [from, to) of the file memory of its own. 0, or the error.
+int allocate(int fd, size_t from, size_t to) {
+  int error = EINTR;
+  while (error == EINTR) {
+    error = posix_fallocate(fd, static_cast<off_t>(from), static_cast<off_t>(to - from));
+  }
+  return error;
+}
+
+}  // namespace
+
+FileBacking::FileBacking(std::shared_ptr<const Descriptor> file, size_t bytes)
+    : file_(std::move(file)), bytes_(bytes), process_(getpid()) {}
+
+size_t FileBacking::attach(std::byte* base, size_t bytes) {
+  if (bytes_ > bytes) {
+    throw NoSpace("no addresses for a shared table of " + std::to_string(bytes_) + " bytes");
+  }
+  // Pieces that were given back are holes: they need memory again before anything is stored there.
+  if (const int error = bytes_ == 0 ? 0 : allocate(file_->get(), 0, bytes_); error != 0) {
+    throw NoSpace("no memory for a shared table of " + std::to_string(bytes_) + " bytes: " + std::strerror(error));
+  }
+  constexpr int writing = PROT_READ | PROT_WRITE;
+  if (mmap(base, bytes, writing, MAP_SHARED | MAP_FIXED | MAP_NORESERVE, file_->get(), 0) == MAP_FAILED ||
+      madvise(base, bytes, MADV_DONTFORK) != 0) {
+    throw NoSpace(std::string("a shared table cannot be mapped: ") + std::strerror(errno));
+  }
+  guard_.emplace(base, bytes, writing);
+  return bytes_;
+}
+
+bool FileBacking::isAttached() const { return getpid() == process_; }
+
+bool FileBacking::extend(std::byte*, size_t from, size_t to) {
+  if (!isAttached()) {
+    throw Zol::InternalException("a shared table belongs to the process that opened it, not to its children");
+  }
+  return allocate(file_->get(), from, to) == 0;
+}
+
+// The size stays, so readers may go on touching it.
+void FileBacking::giveBack(std::byte*, size_t from, size_t to) {
+  (void)fallocate(file_->get(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, static_cast<off_t>(from),
+                  static_cast<off_t>(to - from));
+}
+
+FileView::FileView(std::shared_ptr<const Descriptor> file, size_t bytesMax) : Extent(look), file_(std::move(file)) {
+  const size_t least = (sizeOf(file_->get()) + pageBytesMax - 1) / pageBytesMax * pageBytesMax;
+  for (mapped_ = std::max(bytesMax, least);; mapped_ = std::max(mapped_ / 4 / pageBytesMax * pageBytesMax, least)) {
+    void* const at = mmap(nullptr, mapped_, PROT_READ, MAP_SHARED | MAP_NORESERVE, file_->get(), 0);
+    if (at != MAP_FAILED) {
+      base_ = static_cast<const std::byte*>(at);
+      break;
+    }
+    if (mapped_ == least) {
+      throw NoSpace(std::string("a shared table cannot be mapped: ") + std::strerror(errno));
+    }
+  }
+  guard_.emplace(base_, mapped_, PROT_READ);
+  damagedIs(guard_->damaged());
+  refresh();
+}
+
+FileView::~FileView() {
+  guard_.reset();
+  munmap(const_cast<std::byte*>(base_), mapped_);
+}
+
+bool FileView::look(const Extent& extent, size_t end) {
+  const auto& view = static_cast<const FileView&>(extent);
+  const auto* header = reinterpret_cast<const Word*>(view.base_);
+  if (end <= view.mapped_ && end <= header[allocatedAt / sizeof(Word)].load(std::memory_order_acquire)) {
+    view.refresh();
+  }
+  return end <= view.size();
+}
+
+// Both the writer's word and the file's size, whichever is less. What was once seen stays: the file never shrinks but
+// by violence, which the guard is for.
+void FileView::refresh() const {
+  const auto* header = reinterpret_cast<const Word*>(base_);
+  const size_t allocated = header[allocatedAt / sizeof(Word)].load(std::memory_order_acquire);
+  const size_t usable = std::min({allocated, sizeOf(file_->get()), mapped_});
+  usable_.store(std::max({usable, size(), headerBytes}), std::memory_order_release);
+}
+
+}  // namespace Memtab
