@@ -63,6 +63,8 @@ void TunnelRibBuilderSm::handleInitialized() {
   initialized_ = true;
   if (!tunnelForReview_.empty()) {
     scheduleTunnelReview();
+  } else {
+    tablesChanged_ = false;
   }
 }
 
@@ -72,6 +74,7 @@ void TunnelRibBuilderSm::taskIs(const Zol::Ptr<Quor::TaskScheduler>& scheduler, 
 }
 
 void TunnelRibBuilderSm::handleTunnelTableEntity(const std::string& name) {
+  tablesChanged_ = true;
   TableEntrySm::handleTunnelTableEntity(name);
   // BGP may have converged before its table was mounted.
   if (initialized_ && name == "bgpLu" && tunnelTableEntities()->bgpLuTable()) {
@@ -123,8 +126,9 @@ void TunnelRibBuilderSm::drainTunnelBacklog() {
   FASTLOG_TRACE(8, "drainTunnelBacklog"
                        << ": " << tunnelForReview_.size() << " backlog entries for rib " << ribId());
   std::size_t reviewed = 0;
+  bool yields = false;
   auto it = tunnelForReview_.from(tunnelReviewBookmark_);
-  while (reacts() && !tunnelForReview_.empty()) {
+  while (reacts() && !yields && !tunnelForReview_.empty()) {
     if (!it) {
       it = tunnelForReview_.begin();
     }
@@ -133,26 +137,30 @@ void TunnelRibBuilderSm::drainTunnelBacklog() {
     updateTunnelRibEntry(id);
     ++reviewed;
     ++it;
-    if (task_->taskShouldYield()) {
-      FASTLOG_TRACE(6, "drainTunnelBacklog"
-                           << ": Yielding");
-      tunnelReviewBookmark_ = it ? it.key() : TunnelId();
-      break;
-    }
+    yields = task_->taskShouldYield();
+  }
+  if (!yields) {
+    sweepHeld();
   }
   if (!reacts()) {
     return;
+  }
+  if (yields) {
+    FASTLOG_TRACE(6, "drainTunnelBacklog"
+                         << ": Yielding");
+    tunnelReviewBookmark_ = it ? it.key() : TunnelId();
   }
   const std::size_t remaining = tunnelForReview_.size();
   FASTLOG_TRACE(6, "drainTunnelBacklog"
                        << ": Reviewed " << reviewed << " tunnels. " << remaining << " remain in the backlog for rib "
                        << ribId());
   task_->taskWorkCountInc(reviewed);
-  task_->taskWorkPendingIs(remaining);
-  if (remaining != 0) {
+  task_->taskWorkPendingIs(remaining + held_.size());
+  if (task_->taskWorkPending() != 0) {
     scheduleTunnelReview();
     return;
   }
+  tablesChanged_ = false;
   tunnelReviewBookmark_ = TunnelId();
   task_->unscheduleTask();
   if (waitingToNotifyConverged_) {

@@ -14,6 +14,9 @@
 // The RIBs outlive the builder. A new one first removes what no longer holds, takes the rest into its candidate store,
 // and then reviews every tunnel; entries that are still right are never touched.
 //
+// While tables come and go, an entry that has lost its last tunnel stays as it is until the tunnels that wait for
+// review have had their turn: one of them may take it over, and readers shall not miss the endpoint in between.
+//
 // An endpoint has at most 512 tunnels in a RIB entry. A tunnel that finds its entry full waits as a candidate; when one
 // leaves, the waiting tunnel with the smallest id moves up.
 #pragma once
@@ -100,6 +103,9 @@ class TunnelRibBuilderSm final : public TableEntrySm {
   void verifyProtoTunnelRibColl();
 
   // Convergence (TunnelRibConvergence.cpp).
+  double convergenceUpdateWaitTime() const { return convergenceUpdateWaitTime_; }
+  // Moves the deadline of the wait; in the scheduler's time.
+  void convergenceUpdateWaitTimeIs(double time);
   void handleBgpLuConverged();
   bool maybeUpdateTunnelRibConvergenceSeqno();
   void handleConvergenceUpdateWaitMax();
@@ -126,6 +132,9 @@ class TunnelRibBuilderSm final : public TableEntrySm {
   void doWriteReview(const EncapsulatedTableEntry& reviewed);
   void doMoveUpWaiting(StagedTunnelRib::Staged& staged, bool isProtocolRib);
   void doRefreshMetrics(StagedTunnelRib::Staged& staged, const EncapsulatedTableEntry& reviewed);
+  void doHoldEmptied(StagedTunnelRib::Staged& staged);
+  // Deletes the entries that nobody has taken over, as many as fit in the slice.
+  void sweepHeld();
 
   bool isLiveAt(const EncapsulatedTableEntry& entry, const Ipkit::IpGenPrefix& tep) const;
   TunnelRibEntry keptOf(const TunnelRibEntry& standing, std::optional<TunnelType> type);
@@ -148,6 +157,8 @@ class TunnelRibBuilderSm final : public TableEntrySm {
   TunnelForReview tunnelForReview_;
   TunnelId tunnelReviewBookmark_;  // where the next drain goes on; zero: at the start
   double tunnelReviewDelay_ = 0.01;
+  bool tablesChanged_ = false;  // a table came or went, and not everything has been reviewed since
+  Zol::HashCollection<Ipkit::IpGenPrefix, bool> held_;  // endpoints whose entries stand though they are empty by now
   // A builder that is replaced takes its pending run and its deadline with it.
   std::optional<Quor::OwnedTask<TunnelRibBuilderSm>> task_;
   bool initialized_ = false;

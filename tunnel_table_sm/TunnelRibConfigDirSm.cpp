@@ -18,6 +18,19 @@ constexpr auto deleteSignature = "void " CONFIG_DIR "deleteTunnelRib(Zol::Name)"
 
 constexpr std::uint32_t customRibSize = 1024;
 
+// BGP has declared convergence once: whoever goes on waiting for the RIB to catch up waits no longer than was said
+// then.
+void keepDeadline(const Zol::Ptr<TunnelRibBaseSm>& replaced, const Zol::Ptr<TunnelRibBaseSm>& sm) {
+  if (!replaced || !replaced->tunnelRibBuilderSm()) {
+    return;
+  }
+  const TunnelRibBuilderSm& before = *replaced->tunnelRibBuilderSm();
+  TunnelRibBuilderSm& now = *sm->tunnelRibBuilderSm();
+  if (before.waitingToNotifyConverged() && now.waitingToNotifyConverged()) {
+    now.convergenceUpdateWaitTimeIs(before.convergenceUpdateWaitTime());
+  }
+}
+
 std::string statusPath(TunnelRibId id) { return tunnelRibStatusPathPrefix + std::to_string(id); }
 
 }  // namespace
@@ -101,6 +114,7 @@ void TunnelRibConfigDirSm::createTunnelRibSm(const Zol::PtrConst<TunnelRibConfig
                                   unprogrammableTunnelIds_, tunnelRib, tunnelConvergence_, protoTunnelRibColl_,
                                   scheduler_);
   }
+  keepDeadline(tunnelRibSm_.child(tunnelRib->id()), sm);
   tunnelRibSmIs(tunnelRib->id(), sm);
 }
 

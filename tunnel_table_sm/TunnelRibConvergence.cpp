@@ -6,7 +6,9 @@
 //     ▲                                         │ BGP restarted
 //     └─────────────────────────────────────────┘
 //
-// Caught up: no tunnel waits for review, and BGP's table has reached the sequence number that BGP declared.
+// Caught up: no tunnel waits for review, and BGP's table has reached the sequence number that BGP declared. A builder
+// that takes the place of a waiting one waits until the same moment: configuring a RIB again and again does not put off
+// its announcement.
 
 #include "runtime/Fastlog/TraceHelper.h"
 #include "tunnel_table_sm/TunnelRibBuilderSm.h"
@@ -44,15 +46,19 @@ void TunnelRibBuilderSm::handleBgpLuConverged() {
     return;
   }
   if (!waitingToNotifyConverged_) {  // a record that BGP writes again does not move the deadline
-    convergenceUpdateWaitTime_ = clock_->now() + convergenceWaitMax;
-    deadline_.timeMinIs(convergenceUpdateWaitTime_);
+    convergenceUpdateWaitTimeIs(clock_->now() + convergenceWaitMax);
     waitingToNotifyConverged_ = true;
     FASTLOG_TRACE(8, convergedSignature << ": , start " << convergenceWaitMax << " seconds wait for bgpLuConvergence");
   }
 }
 
+void TunnelRibBuilderSm::convergenceUpdateWaitTimeIs(double time) {
+  convergenceUpdateWaitTime_ = time;
+  deadline_.timeMinIs(time);
+}
+
 bool TunnelRibBuilderSm::maybeUpdateTunnelRibConvergenceSeqno() {
-  if (!tunnelForReview_.empty()) {
+  if (!tunnelForReview_.empty() || !held_.empty()) {
     FASTLOG_TRACE(8, maybeSignature << ": backlog not empty");
     return false;
   }

@@ -84,8 +84,27 @@ void TunnelRibBuilderSm::doWriteReview(const EncapsulatedTableEntry& reviewed) {
   for (StagedTunnelRib::Staged& staged : tunnelRib_.touched()) {
     doMoveUpWaiting(staged, false);
     doRefreshMetrics(staged, reviewed);
+    doHoldEmptied(staged);
   }
   tunnelRib_.write();
+}
+
+void TunnelRibBuilderSm::doHoldEmptied(StagedTunnelRib::Staged& staged) {
+  if (tablesChanged_ && staged.now.tunnelIds() == 0 && staged.standing.tunnelIds() != 0) {
+    held_.insert(staged.tep);
+    staged.now = staged.standing;
+  }
+}
+
+void TunnelRibBuilderSm::sweepHeld() {
+  for (auto it = held_.begin(); it && reacts(); ++it) {
+    const Ipkit::IpGenPrefix tep = it.key();
+    ribEntryOf(tep);  // no longer held, and empty
+    tunnelRib_.write();
+    if (task_->taskShouldYield()) {
+      return;
+    }
+  }
 }
 
 // A place has become free in an entry that was full: of the tunnels that wait for one, the smallest takes it. In a

@@ -147,9 +147,13 @@ void TunnelRibBuilderSm::doRemoveCandidate(const EncapsulatedTableEntry& entry, 
   doUpdateTunnelRibEntry(entry, tep, false);
 }
 
-// A damaged entry is chosen anew from the candidates.
+// A damaged entry is chosen anew from the candidates; one that is held only stands for readers.
 TunnelRibEntry& TunnelRibBuilderSm::ribEntryOf(const Ipkit::IpGenPrefix& tep) {
-  return tunnelRib_.entry(tep, [this, &tep] { doSelectBestAndUpdateTunnelRib(tep); });
+  TunnelRibEntry& ribEntry = tunnelRib_.entry(tep, [this, &tep] { doSelectBestAndUpdateTunnelRib(tep); });
+  if (held_.erase(tep)) {
+    ribEntry = TunnelRibEntry();
+  }
+  return ribEntry;
 }
 
 void TunnelRibBuilderSm::doUpdateTunnelRibEntry(const EncapsulatedTableEntry& entry, const Ipkit::IpGenPrefix& tep,

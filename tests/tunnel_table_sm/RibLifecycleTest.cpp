@@ -1,4 +1,4 @@
-// RIBs as configuration makes and unmakes them, custom preferences, and the announcement of convergence.
+// RIBs as configuration makes and unmakes them, and custom preferences.
 
 #include <gtest/gtest.h>
 
@@ -54,21 +54,71 @@ TEST(RibLifecycle, idsTablesAndRecordsGoWithTheRib) {
   EXPECT_FALSE(scene.ribIds->tunnelRibId("one"));
 }
 
-// Readers of a RIB's table see the old entries until each is replaced, never an empty table.
-TEST(RibLifecycle, reconfigurationNeverEmptiesTheTable) {
-  RibScene scene(1);
-  for (unsigned i = 0; i < 50; ++i) {
-    scene.ldp(i, tep(i));
-    scene.sr(i, tep(i));
+// A number is given to one RIB at a time, from 1 on, and is free again when its RIB goes.
+TEST(RibLifecycle, idsAreUniqueAndReleased) {
+  RibScene scene;
+  const auto ids = [&scene] {
+    std::string text;
+    for (const auto& [name, id] : scene.ribIds->tunnelRibNames()) {
+      text += name + std::to_string(id) + " ";
+    }
+    return text;
+  };
+  for (const char* const name : {"a", "b", "c", "d"}) {
+    scene.configure(name, {{Id::ldp, {}}});
   }
-  scene.configure("te", {{Id::ldp, 10}, {Id::sr, 20}});
+  EXPECT_EQ(ids(), "a1 b2 c3 d4 system0 ");
+  scene.configure("b", {{Id::sr, {}}});
+  EXPECT_EQ(ids(), "a1 b2 c3 d4 system0 ") << "a RIB keeps its number while it is configured";
+  scene.configDir->configDel("c");
+  scene.configDir->configDel("a");
+  scene.configure("renamed", {{Id::ldp, {}}});
+  EXPECT_EQ(ids(), "b2 d4 renamed1 system0 ");
+  scene.configDir->configDel("system");
+  scene.configure("e", {});
+  EXPECT_EQ(ids(), "b2 d4 e3 renamed1 ") << "0 is the system RIB's, configured or not";
+}
+
+// A change of one tunnel concerns the RIBs that take its table and no other, however many there are.
+TEST(RibLifecycle, aHundredRibsOverTenThousandTunnels) {
+  constexpr unsigned ribs = 100;
+  RibScene scene;
+  for (unsigned i = 0; i < 2000; ++i) {
+    scene.ldp(i, tep(i % 700), 100 + i % 3, i);
+    scene.sr(i, tep(i % 600), 100 + i % 3, i);
+    scene.staticTunnel(i, tep(i % 500));
+    scene.nexthopGroup(i, tep(i % 400));
+    scene.bgpLu(i, tep(i % 300), i % 7 == 0 ? Contribution::notContributing : Contribution::contributing);
+  }
+  const auto nameOf = [](unsigned i) { return "rib" + std::to_string(i); };
+  for (unsigned i = 0; i < ribs; ++i) {
+    RibScene::TablePrefs tables = {{ribTables[i % 5], static_cast<TunnelEntryPref>(i)}};
+    if (i % 10 == 0) {
+      tables[ribTables[(i / 10 + 1) % 5]] = std::nullopt;
+    }
+    scene.configure(nameOf(i), tables);
+  }
   scene.settle();
-  scene.configure("te", {{Id::ldp, 30}, {Id::sr, 20}});
-  do {
-    EXPECT_EQ(scene.rib("te")->size(), 50U);
-    scene.advance(0.01);
-  } while (scene.scheduler->hasTasks());
-  scene.expectRibs();
+  const NaiveTunnels tunnels = scene.tunnels();
+  for (unsigned i = 0; i < ribs; i += i < 20 ? 1 : 9) {
+    const NaiveConfig config = naiveConfig(*scene.configDir->config(nameOf(i)));
+    EXPECT_EQ(contentsOf(*scene.rib(nameOf(i))), tunnels.rib(config, {})) << nameOf(i);
+  }
+
+  const auto takesLdp = [&](unsigned i) { return scene.configDir->config(nameOf(i))->entry().has(Id::ldp); };
+  scene.ldp(7, tep(9999), 1);
+  unsigned concerned = 0;
+  for (unsigned i = 0; i < ribs; ++i) {
+    const Zol::Ptr<TunnelRibBuilderSm> builder = scene.builder(nameOf(i));
+    EXPECT_EQ(builder->tunnelForReview().size(), takesLdp(i) ? 1U : 0U) << nameOf(i);
+    EXPECT_EQ(builder->task()->taskScheduled(), takesLdp(i)) << nameOf(i);
+    concerned += takesLdp(i) ? 1U : 0U;
+  }
+  scene.settle();
+  for (unsigned i = 0; i < ribs; ++i) {
+    EXPECT_EQ(scene.rib(nameOf(i))->has(tep(9999)), takesLdp(i));
+  }
+  EXPECT_EQ(concerned, 22U);
 }
 
 // Reactors are made in a fixed order and go in the order of declaration, quiet before they are let go.
@@ -120,80 +170,6 @@ TEST(RibLifecycle, effectivePreference) {
   filter->preferenceIs(entry.tunnelId(), 300);
   EXPECT_EQ(builder->getPreference(entry), 44);
   EXPECT_EQ(builder->getPreference(TunnelTableEntry(TunnelId(TunnelType::l3IntfTunnel, 1), 10)), 255);
-}
-
-// ---- convergence ---------------------------------------------------------------------------------------------------
-
-class Convergence : public testing::Test, private Zol::Listener<TunnelRibId> {
- protected:
-  Convergence() { channelIs(&scene.convergence->tunnelRibConvergenceSeqno().channel()); }
-  void onKey(const TunnelRibId&) override { ++announced; }
-  std::uint64_t bgpSeqno() const { return scene.bgpLuTable->collectionControl().sequence(); }
-
-  RibScene scene;
-  unsigned announced = 0;
-};
-
-TEST_F(Convergence, waitsForTheBacklogThenForTheTable) {
-  for (unsigned i = 0; i < 10; ++i) {
-    scene.bgpLu(i, tep(i));
-  }
-  scene.bgpLuConvergence->bgpLuConvergedIs(true, bgpSeqno());
-  EXPECT_EQ(announced, 0U) << "ten tunnels wait for review";
-  scene.settle();
-  EXPECT_EQ(announced, 1U);
-  EXPECT_EQ(scene.convergence->tunnelRibConvergenceSeqno().value(0), scene.rib()->collectionControl().sequence());
-  scene.advance(200);
-  EXPECT_EQ(announced, 1U);
-
-  scene.bgpLuConvergence->bgpLuConvergedIs(true, bgpSeqno() + 1);
-  scene.settle();
-  EXPECT_EQ(announced, 1U) << "the table has not caught up";
-  scene.bgpLu(20, tep(20));
-  scene.settle();
-  EXPECT_EQ(announced, 2U);
-}
-
-TEST_F(Convergence, theDeadlineComesOnceAndDoesNotMove) {
-  scene.bgpLuConvergence->bgpLuConvergedIs(true, 1000);
-  scene.advance(60);
-  scene.bgpLuConvergence->bgpLuConvergedIs(true, 1000);
-  scene.advance(59.99);
-  EXPECT_EQ(announced, 0U);
-  scene.advance(0.01);
-  EXPECT_EQ(announced, 1U);
-  scene.advance(500);
-  EXPECT_EQ(announced, 1U);
-}
-
-TEST_F(Convergence, aRestartOfBgpAbandonsTheWait) {
-  scene.bgpLuConvergence->bgpLuConvergedIs(true, 1000);
-  scene.advance(50);
-  scene.bgpLuConvergence->bgpLuConvergedIs(false, 0);
-  scene.bgpLuConvergence->bgpLuConvergedIs(true, 1000);  // before the expired deadline was even looked at
-  scene.advance(119.9);
-  EXPECT_EQ(announced, 0U);
-  scene.advance(0.2);
-  EXPECT_EQ(announced, 1U);
-}
-
-TEST_F(Convergence, aTableThatIsNotMounted) {
-  scene.unmount(Id::bgpLu);
-  scene.settle();
-  scene.bgpLuConvergence->bgpLuConvergedIs(true, 0);
-  scene.advance(130);
-  EXPECT_EQ(announced, 0U);
-  scene.mount(Id::bgpLu);  // BGP had converged before
-  scene.settle();
-  EXPECT_EQ(announced, 1U);
-
-  scene.bgpLuConvergence->bgpLuConvergedIs(true, 1000);
-  scene.unmount(Id::bgpLu);  // while waiting: no sequence number to ask
-  scene.ldp(1, a);
-  scene.settle();
-  EXPECT_EQ(announced, 1U);
-  scene.advance(121);
-  EXPECT_EQ(announced, 2U) << "the deadline announces all the same";
 }
 
 }  // namespace

@@ -22,6 +22,7 @@ class RandomRun {
       }
       scene_.settle();
       scene_.expectRibs("round " + std::to_string(round));
+      expectIds();
       if (testing::Test::HasFailure()) {
         return;
       }
@@ -68,7 +69,7 @@ class RandomRun {
       case 12:
         return toggleUnprogrammable(TunnelId(ribTypes[below(5)], index));
       case 13:
-        return oneIn(4) ? configureAny() : runABit();
+        return oneIn(2) ? runABit() : oneIn(2) ? configureAny() : reconfigureInPlace();
       case 14:
         return oneIn(6) ? restart() : runABit();
       default:
@@ -95,24 +96,79 @@ class RandomRun {
     }
     scene_.restart();
   }
+  std::optional<TunnelEntryPref> anyPref() {
+    return oneIn(2) ? std::nullopt : std::optional(static_cast<TunnelEntryPref>(below(4)));
+  }
+  std::string anyName() { return oneIn(3) ? "system" : "custom" + std::to_string(below(4)); }
   // A custom RIB must not name a table that is not mounted: the agent sees to that.
   void configureAny() {
-    const std::string name = oneIn(3) ? "system" : "custom" + std::to_string(below(3));
+    const std::string name = anyName();
     if (name != "system" && oneIn(4)) {
       scene_.configDir->configDel(name);
+      return;
+    }
+    if (name != "system" && oneIn(4)) {
+      rename(name);
       return;
     }
     RibScene::TablePrefs tables;
     for (const Id id : ribTables) {
       if (scene_.isMounted(id) && !oneIn(3)) {
-        tables[id] =
-            name == "system" || oneIn(2) ? std::nullopt : std::optional(static_cast<TunnelEntryPref>(below(4)));
+        tables[id] = name == "system" ? std::nullopt : anyPref();
       }
     }
     scene_.configure(name, tables);
-    if (name != "system" && !tables.empty() && oneIn(2)) {  // a preference changes in place
-      const auto config = scene_.configDir->config().value(name);
-      config->entry().value(tables.begin()->first)->prefMappingIs(static_cast<TunnelEntryPref>(below(4)));
+  }
+  // The same RIB under another name: it may get another number, and certainly another table.
+  void rename(const std::string& name) {
+    const auto config = scene_.configDir->config().value(name);
+    if (!config) {
+      return;
+    }
+    RibScene::TablePrefs tables;
+    for (auto it = config->entry().begin(); it; ++it) {
+      if (scene_.isMounted(it.key())) {
+        tables[it.key()] = it.value()->prefMapping();
+      }
+    }
+    scene_.configDir->configDel(name);
+    runSometimes();
+    scene_.configure("custom" + std::to_string(below(4)), tables);
+  }
+  // Tables join and leave, preferences change and are withdrawn, under the reactor that is there.
+  void reconfigureInPlace() {
+    const auto config = scene_.configDir->config().value(anyName());
+    const Id id = ribTables[below(5)];
+    if (!config || !scene_.isMounted(id)) {
+      return;
+    }
+    const auto entry = config->entry().value(id);
+    if (!entry) {
+      config->entryIs(Zol::make<TunnelRibProtoEntry>(id, anyPref()));
+    } else if (oneIn(2)) {
+      config->entryDel(id);
+    } else {
+      entry->prefMappingIs(anyPref());
+    }
+  }
+  void runSometimes() {
+    if (oneIn(2)) {
+      runABit();
+    }
+  }
+  // Every configured RIB has a number of its own and its table, and nothing is left of those that went.
+  void expectIds() const {
+    std::set<TunnelRibId> ids;
+    for (const auto& [name, id] : scene_.ribIds->tunnelRibNames()) {
+      EXPECT_TRUE(scene_.configDir->config().has(name)) << name;
+      EXPECT_EQ(id == 0, name == "system");
+      ids.insert(id);
+    }
+    EXPECT_EQ(ids.size(), scene_.configDir->config().size());
+    EXPECT_EQ(scene_.configDirSm->tunnelRibSm().size(), ids.size());
+    for (TunnelRibId id = 1; id < 10; ++id) {
+      const std::string path = tunnelRibStatusPathPrefix + std::to_string(id);
+      EXPECT_EQ(scene_.entityManager->getEntity(path) != nullptr, ids.contains(id)) << path;
     }
   }
   void toggleMount() {
