@@ -1,19 +1,31 @@
-// Size classes as arithmetic on the bits of the size, and what becomes of the ends of pieces: every gap is cut into
-// pieces of whole classes, none of which breaks the alignment that its class promises.
+// Size classes as arithmetic on the bits of the size, and searches in the bits of the units, a word at a time.
 #include "runtime/Memtab/Allocator.h"
 
 #include <algorithm>
 #include <bit>
-#include <utility>
 
 #include "runtime/Memtab/Layout.h"
+#include "runtime/Zol/Assert.h"
 
 namespace Memtab {
 namespace {
 
 constexpr size_t fineMax = 256;  // classes up to here are steps of a unit
 constexpr size_t fineClasses = fineMax / unitBytes;
-constexpr size_t wholeLinesFrom = 512;
+constexpr size_t lineUnits = lineBytes / unitBytes;
+constexpr size_t wholeLinesFrom = 512 / unitBytes;
+constexpr size_t headerUnits = headerBytes / unitBytes;
+constexpr size_t bitsPerWord = 64;
+
+// The first unit from at on where a piece of so many units may start.
+constexpr size_t aligned(size_t at, size_t units) {
+  const bool straddles = at % lineUnits + units > lineUnits;
+  const bool isAligned = units >= wholeLinesFrom || (units <= lineUnits && straddles);
+  return isAligned ? (at + lineUnits - 1) / lineUnits * lineUnits : at;
+}
+
+// The bits of a word from one position to another, of which the second may be 64.
+constexpr uint64_t maskOf(size_t from, size_t to) { return ~uint64_t{0} >> (bitsPerWord - (to - from)) << from; }
 
 }  // namespace
 
@@ -36,72 +48,176 @@ size_t Allocator::classBytes(size_t sizeClass) {
   return (size_t{1} << octave) + (eighth + 1) * (size_t{1} << (octave - 3));
 }
 
-Allocator::Allocator(Region& region) : region_(&region), end_(headerBytes), used_(headerBytes) {}
+Allocator::Allocator(Region& region)
+    : region_(&region), bits_(region.size() / unitBytes / bitsPerWord), used_(headerBytes) {
+  mark(0, headerUnits, true);
+  rewind();
+}
 
-std::vector<uint32_t>& Allocator::freeList(size_t sizeClass) {
-  if (sizeClass >= free_.size()) {
-    free_.resize(sizeClass + 1);
+// The first unit in [from, to) that is used; to: none is.
+size_t Allocator::firstUsed(size_t from, size_t to) const {
+  while (from < to) {
+    const size_t bit = from % bitsPerWord;
+    const size_t length = std::min(bitsPerWord - bit, to - from);
+    if (const uint64_t used = bits_[from / bitsPerWord] & maskOf(bit, bit + length)) {
+      return from - bit + static_cast<size_t>(std::countr_zero(used));
+    }
+    from += length;
   }
-  return free_[sizeClass];
+  return to;
+}
+
+size_t Allocator::firstFree(size_t from, size_t to) const {
+  while (from < to) {
+    const size_t bit = from % bitsPerWord;
+    const size_t length = std::min(bitsPerWord - bit, to - from);
+    if (const uint64_t free = ~bits_[from / bitsPerWord] & maskOf(bit, bit + length)) {
+      return from - bit + static_cast<size_t>(std::countr_zero(free));
+    }
+    from += length;
+  }
+  return to;
+}
+
+void Allocator::mark(size_t from, size_t to, bool isUsed) {
+  while (from < to) {
+    const size_t bit = from % bitsPerWord;
+    const size_t length = std::min(bitsPerWord - bit, to - from);
+    const uint64_t mask = maskOf(bit, bit + length);
+    uint64_t& word = bits_[from / bitsPerWord];
+    word = isUsed ? word | mask : word & ~mask;
+    from += length;
+  }
+}
+
+std::vector<uint32_t>& Allocator::hints(size_t sizeClass) {
+  if (sizeClass >= hints_.size()) {
+    hints_.resize(sizeClass + 1);
+  }
+  return hints_[sizeClass];
+}
+
+size_t Allocator::reuse(size_t sizeClass, size_t units) {
+  std::vector<uint32_t>& list = hints(sizeClass);
+  while (!list.empty()) {
+    const size_t at = list.back();
+    list.pop_back();
+    if (isRun(at, units)) {
+      return at;
+    }
+  }
+  return nowhere;
+}
+
+size_t Allocator::find(size_t from, size_t units) const {
+  const size_t end = limit();
+  for (size_t at = aligned(from, units); at + units <= end;) {
+    const size_t used = firstUsed(at, at + units);
+    if (used == at + units) {
+      return at;
+    }
+    at = aligned(firstFree(used, end), units);
+  }
+  return nowhere;
+}
+
+void Allocator::rewind() {
+  cursors_ = {headerUnits, headerUnits};
+  freed_ = 0;
+}
+
+size_t Allocator::search(size_t units) {
+  size_t& cursor = cursors_[units >= wholeLinesFrom ? 1 : 0];
+  size_t at = find(cursor, units);
+  if (at == nowhere && freed_ * 8 >= size() * unitBytes) {
+    rewind();
+    at = find(cursor, units);
+  }
+  cursor = at == nowhere ? limit() : at + units;
+  return at;
+}
+
+// Behind the last piece. When the region cannot grow, whatever is free anywhere.
+size_t Allocator::extend(size_t units) {
+  if (hasLimit()) {
+    limitDel();
+    rewind();
+    if (const size_t at = search(units); at != nowhere) {
+      return at;
+    }
+  }
+  const size_t at = aligned(end() / unitBytes, units);
+  try {
+    region_->extendTo((at + units) * unitBytes);
+  } catch (const NoSpace&) {
+    rewind();
+    if (const size_t hole = search(units); hole != nowhere) {
+      return hole;
+    }
+    throw;
+  }
+  bits_.resize(region_->size() / unitBytes / bitsPerWord);
+  cursors_[units >= wholeLinesFrom ? 1 : 0] = at + units;
+  return at;
 }
 
 uint32_t Allocator::allocate(size_t bytes) {
   const size_t sizeClass = Allocator::sizeClass(bytes);
-  const size_t room = classBytes(sizeClass);
-  std::vector<uint32_t>& list = freeList(sizeClass);
-  size_t at = 0;
-  if (!list.empty()) {
-    at = size_t{list.back()} * unitBytes;
-    list.pop_back();
-  } else {
-    const bool straddles = end_ % lineBytes + room > lineBytes;
-    const bool isAligned = room >= wholeLinesFrom || (room <= lineBytes && straddles);
-    const size_t start = isAligned ? (end_ + lineBytes - 1) / lineBytes * lineBytes : end_;
-    try {
-      region_->extendTo(start + room);
-      at = start;
-      freeGap(std::exchange(end_, at + room), at);
-    } catch (const NoSpace&) {
-      at = carve(sizeClass);
-      if (at == 0) {
-        throw;
-      }
-    }
+  const size_t units = classBytes(sizeClass) / unitBytes;
+  size_t at = reuse(sizeClass, units);
+  if (at == nowhere) {
+    at = search(units);
   }
-  used_ += room;
-  return static_cast<uint32_t>(at / unitBytes);
-}
-
-// The last resort: the beginning of a larger free piece. 0: there is none.
-size_t Allocator::carve(size_t sizeClass) {
-  const size_t room = classBytes(sizeClass);
-  for (size_t larger = std::max(sizeClass + 1, Allocator::sizeClass(wholeLinesFrom)); larger < free_.size(); ++larger) {
-    if (!free_[larger].empty()) {
-      const size_t at = size_t{free_[larger].back()} * unitBytes;
-      free_[larger].pop_back();
-      freeGap(at + room, at + classBytes(larger));
-      return at;
-    }
+  if (at == nowhere) {
+    at = extend(units);
   }
-  return 0;
-}
-
-// Puts [from, to) into the lists, in pieces that keep to the rules of their classes.
-void Allocator::freeGap(size_t from, size_t to) {
-  while (from < to) {
-    const size_t toLine = (lineBytes - from % lineBytes) % lineBytes;
-    const size_t most = toLine != 0 ? std::min(toLine, to - from) : to - from;
-    size_t sizeClass = Allocator::sizeClass(most);
-    sizeClass -= classBytes(sizeClass) > most ? 1U : 0U;
-    freeList(sizeClass).push_back(static_cast<uint32_t>(from / unitBytes));
-    from += classBytes(sizeClass);
-  }
+  mark(at, at + units, true);
+  used_ += units * unitBytes;
+  return static_cast<uint32_t>(at);
 }
 
 void Allocator::release(uint32_t units, size_t bytes) {
   const size_t sizeClass = Allocator::sizeClass(bytes);
-  freeList(sizeClass).push_back(units);
-  used_ -= classBytes(sizeClass);
+  const size_t room = classBytes(sizeClass);
+  mark(units, units + room / unitBytes, false);
+  hints(sizeClass).push_back(units);
+  used_ -= room;
+  freed_ += room;
+}
+
+bool Allocator::take(size_t offset, size_t bytes) {
+  const size_t room = classBytes(sizeClass(bytes));
+  const size_t at = offset / unitBytes;
+  if (offset % unitBytes != 0 || at >= size() || room > (size() - at) * unitBytes || !isFree(offset, offset + room)) {
+    return false;
+  }
+  mark(at, at + room / unitBytes, true);
+  used_ += room;
+  return true;
+}
+
+bool Allocator::isFree(size_t from, size_t to) const {
+  return firstUsed(from / unitBytes, to / unitBytes) == to / unitBytes;
+}
+
+size_t Allocator::end() const {
+  size_t word = bits_.size();
+  while (bits_[word - 1] == 0) {  // the header page is used
+    --word;
+  }
+  return (word * bitsPerWord - static_cast<size_t>(std::countl_zero(bits_[word - 1]))) * unitBytes;
+}
+
+void Allocator::limitIs(size_t bytes) {
+  limit_ = bytes / unitBytes;
+  rewind();
+}
+
+void Allocator::regionShrunk() {
+  ZOL_ASSERT(end() <= region_->size());
+  bits_.resize(region_->size() / unitBytes / bitsPerWord);
+  limitDel();
+  rewind();
 }
 
 }  // namespace Memtab

@@ -11,7 +11,8 @@
 // empty word otherwise. A block whose checksum fails is never given back, since its length may be a lie: a few
 // bytes stay unused until the region is opened again.
 //
-// IndexWrite.h has put and delete, IndexGrowth.h what happens to segments and directories.
+// IndexWrite.h has put and delete, IndexGrowth.h what happens to segments and directories, IndexTakeOver.h how a
+// successor finds its way.
 #pragma once
 
 #include <array>
@@ -19,7 +20,9 @@
 #include <utility>
 #include <vector>
 
+#include "runtime/Memtab/Changes.h"
 #include "runtime/Memtab/Crc32c.h"
+#include "runtime/Memtab/Damage.h"
 #include "runtime/Memtab/Pen.h"
 #include "runtime/Zol/Assert.h"
 
@@ -27,21 +30,52 @@ namespace Memtab {
 
 enum class PutResult : uint8_t { inserted, replaced, unchanged };
 
+// Where a key stands, where a damaged block stands that may be its, and where it could be put: offsets of index words.
+struct Probe {
+  std::optional<size_t> standing, damaged, free;
+  std::optional<size_t> taken() const { return standing ? standing : damaged; }
+};
+
 template <class Stores>
 class Index {
  public:
-  Index(Pen<Stores>& pen, unsigned collection, HashFn hash);
+  Index(Pen<Stores>& pen, Changes<Stores>& changes, unsigned collection, HashFn hash)
+      : pen_(&pen), changes_(&changes), collection_(collection), hash_(hash) {}
+
+  // Publishes an empty collection.
+  void create() { pen_->store(descriptorAt(), descriptor_.word()); }
 
   // Asks for the memory that a put or delete of hash will look at first.
   void prefetch(uint64_t hash) const;
   // block: a complete block of key. unchanged: these bytes stand already, nothing was stored.
-  // Throws NoSpace; then what keys read is as it was.
+  // Throws NoSpace; then what keys read is as it was. Else the change is begun and shows; logging and ending it
+  // is the caller's part, as it is with del().
   PutResult put(uint64_t hash, Bytes key, std::span<const uint64_t> block);
   // Whether there was something to delete: the key's record, or a damaged one that may be it.
   bool del(uint64_t hash, Bytes key);
   // Gives room back after deletes near hash: at most one merge of two segments, or one smaller segment.
   void tidy(uint64_t hash);
   size_t entries() const { return live_; }
+
+  // Put and delete in steps, for several changes at once: all space is had, by makeRoom() for each key that is new and
+  // write() for each block, before the first word is stored.
+  Probe find(uint64_t hash, Bytes key) const { return directory_.empty() ? Probe() : probe(hash, key); }
+  bool stands(const Probe& found, std::span<const uint64_t> block) const;
+  // A Probe is good as long as this number stays.
+  uint64_t layout() const { return layout_; }
+  // Of hashes, which are ascending, as many as share a segment have room in it. Returns how many; 0: the segment was
+  // too small and has grown, ask again. Throws NoSpace.
+  size_t makeRoom(std::span<const uint64_t> hashes);
+  // Writes a block aside. Returns its first unit, which gives its index word. Throws NoSpace.
+  uint32_t write(std::span<const uint64_t> block);
+  // Stores the index word. found: of this key, now.
+  PutResult publish(uint64_t hash, const Probe& found, uint64_t word);
+  void erase(uint64_t hash, const Probe& found);
+
+  // Taking over what a predecessor left; see IndexTakeOver.h.
+  void examineStructure(std::vector<Damage>& damages);
+  void examineBlocks(std::vector<Damage>& damages);
+  void repair();
 
  private:
   struct Segment {
@@ -50,16 +84,17 @@ class Index {
     uint32_t live = 0;
     uint32_t dead = 0;  // tombstones
   };
-  // Where a key stands, where a damaged block stands that may be its, and where it could be put.
-  struct Probe {
-    std::optional<size_t> standing, damaged, free;  // offsets of index words
-  };
   // A segment's content on its way to another segment.
   struct Item {
     uint64_t hash;
     uint64_t word;
-    uint32_t bucket;
+    uint32_t slot;
     bool isLost;  // what it names is damaged beyond telling the hash: it stays in its bucket
+  };
+  // An index word that must go.
+  struct Unfit {
+    size_t first;  // directory word
+    size_t at;     // its offset
   };
   struct Image {
     std::vector<uint64_t> words;
@@ -69,6 +104,7 @@ class Index {
   };
   enum class Match : uint8_t { mine, other, damaged };
 
+  size_t descriptorAt() const { return descriptorsAt + sizeof(uint64_t) * collection_; }
   size_t firstOf(uint64_t hash) const;
   Segment& segmentOf(uint64_t hash) { return directory_[firstOf(hash)]; }
   // The least hash of a directory word.
@@ -77,14 +113,13 @@ class Index {
   std::optional<BlockHead> headAt(uint32_t units) const;
   bool isIntact(uint32_t units, const BlockHead& head) const;
   Bytes keyAt(uint32_t units, const BlockHead& head) const;
-  bool equals(uint32_t units, std::span<const uint64_t> block) const;
   Match match(uint64_t word, Bytes key) const;
   Probe probe(uint64_t hash, Bytes key) const;
   bool hasRoom(const Segment& segment, const Probe& probe) const;
-  uint64_t write(uint64_t hash, std::span<const uint64_t> block);
   void releaseBlock(uint64_t word);
+  uint64_t vacancyAt(size_t slot) const;
 
-  void create();
+  void createSegment();
   void grow(uint64_t hash);
   bool mayDouble() const;
   void rebuild(uint64_t hash, unsigned sizeLog2Least);
@@ -102,7 +137,14 @@ class Index {
   void name(size_t first, const Segment& segment);
   void drop(Place segment);
 
+  std::vector<Place> placesInRegion() const;
+  void cover(size_t first, size_t behind, const Segment& segment);
+  void examineSegment(size_t first, std::vector<Damage>& damages);
+  const char* whyUnfit(uint64_t word, size_t slot, size_t first) const;
+  bool isReachable(uint64_t hash, size_t slot, const Place& segment) const;
+
   Pen<Stores>* pen_;
+  Changes<Stores>* changes_;
   unsigned collection_;
   HashFn hash_;
   unsigned depth_ = 0;
@@ -110,10 +152,13 @@ class Index {
   std::vector<Segment> directory_;       // empty: no segment yet
   std::array<size_t, 32> segmentsAt_{};  // number of segments by their depth
   size_t live_ = 0;
-  std::vector<Item> items_;  // of the segments at hand; kept for its memory
+  uint64_t layout_ = 0;
+  std::vector<Item> items_;   // of the segments at hand; kept for its memory
+  std::vector<Unfit> unfit_;  // of a take-over, until repaired
 };
 
 }  // namespace Memtab
 
-#include "runtime/Memtab/IndexGrowth.h"  // IWYU pragma: export
-#include "runtime/Memtab/IndexWrite.h"   // IWYU pragma: export
+#include "runtime/Memtab/IndexGrowth.h"    // IWYU pragma: export
+#include "runtime/Memtab/IndexTakeOver.h"  // IWYU pragma: export
+#include "runtime/Memtab/IndexWrite.h"     // IWYU pragma: export

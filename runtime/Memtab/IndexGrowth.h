@@ -41,7 +41,7 @@ unsigned Index<Stores>::sizeFor(size_t live) {
 
 // The first segment, and a directory of one word.
 template <class Stores>
-void Index<Stores>::create() {
+void Index<Stores>::createSegment() {
   items_.clear();
   const Image empty = imageOf(0, 0, 0);
   Claim<Stores> segment(*pen_, empty.bytes());
@@ -77,7 +77,7 @@ void Index<Stores>::gather(uint64_t hash) {
   for (size_t slot = 0; slot < segment.words(); ++slot) {
     const uint64_t word = pen_->load(segment.offset() + slot * sizeof(uint64_t));
     if (isLive(word)) {
-      items_.push_back({0, word, static_cast<uint32_t>(slot / bucketWords), true});
+      items_.push_back({0, word, static_cast<uint32_t>(slot), true});
     }
   }
   for (size_t i = first; i < items_.size(); ++i) {
@@ -104,7 +104,8 @@ auto Index<Stores>::imageOf(uint64_t hash, unsigned depth, unsigned sizeLog2Leas
   const size_t buckets = image.words.size() / bucketWords;
   for (const Item& item : items_) {
     if (belongs(item)) {
-      size_t at = (item.isLost ? item.bucket & (buckets - 1) : Spot(item.hash).bucket(buckets)) * bucketWords;
+      const size_t bucket = item.isLost ? item.slot / bucketWords & (buckets - 1) : Spot(item.hash).bucket(buckets);
+      size_t at = bucket * bucketWords;
       while (image.words[at] != emptyWord) {
         at = (at + 1) & (image.words.size() - 1);
       }
@@ -124,6 +125,7 @@ auto Index<Stores>::write(Claim<Stores>& to, const Image& image) -> Segment {
 // Makes all directory words of a prefix, from first on, name segment.
 template <class Stores>
 void Index<Stores>::name(size_t first, const Segment& segment) {
+  ++layout_;
   for (size_t i = first; i < first + (size_t{1} << (depth_ - segment.place.depth)); ++i) {
     pen_->store(descriptor_.offset() + i * sizeof(uint64_t), segment.place.word());
     directory_[i] = segment;
@@ -248,7 +250,8 @@ void Index<Stores>::directoryIs(Claim<Stores>& claim, std::vector<Segment> direc
   const Place old = descriptor_;
   const auto narrow = static_cast<uint8_t>(depth);
   descriptor_ = {claim.keep(), pen_->nextPlaceGeneration(), narrow, narrow};
-  pen_->store(descriptorsAt + sizeof(uint64_t) * collection_, descriptor_.word());
+  pen_->store(descriptorAt(), descriptor_.word());
+  ++layout_;
   if (old.units != 0) {
     pen_->release(old.units, old.bytes());
   }

@@ -8,12 +8,6 @@
 
 namespace Memtab {
 
-template <class Stores>
-Index<Stores>::Index(Pen<Stores>& pen, unsigned collection, HashFn hash)
-    : pen_(&pen), collection_(collection), hash_(hash) {
-  pen_->store(descriptorsAt + 8 * size_t{collection}, descriptor_.word());
-}
-
 // The directory word where the segment of hash begins.
 template <class Stores>
 size_t Index<Stores>::firstOf(uint64_t hash) const {
@@ -72,7 +66,7 @@ void Index<Stores>::prefetch(uint64_t hash) const {
 }
 
 template <class Stores>
-auto Index<Stores>::probe(uint64_t hash, Bytes key) const -> Probe {
+Probe Index<Stores>::probe(uint64_t hash, Bytes key) const {
   Probe result;
   const Place segment = directory_[firstOf(hash)].place;
   const Spot spot(hash);
@@ -104,18 +98,20 @@ auto Index<Stores>::probe(uint64_t hash, Bytes key) const -> Probe {
 }
 
 template <class Stores>
-bool Index<Stores>::equals(uint32_t units, std::span<const uint64_t> block) const {
-  const size_t offset = size_t{units} * unitBytes;
+bool Index<Stores>::stands(const Probe& found, std::span<const uint64_t> block) const {
+  if (!found.standing) {
+    return false;
+  }
+  const size_t offset = size_t{unitsOf(pen_->load(*found.standing))} * unitBytes;
   return offset + block.size_bytes() <= pen_->region().size() &&
          std::memcmp(pen_->bytes(offset), block.data(), block.size_bytes()) == 0;
 }
 
-// Writes the block aside. Returns the index word that will publish it.
 template <class Stores>
-uint64_t Index<Stores>::write(uint64_t hash, std::span<const uint64_t> block) {
+uint32_t Index<Stores>::write(std::span<const uint64_t> block) {
   const uint32_t units = pen_->allocate(block.size_bytes());
   pen_->storeAll(size_t{units} * unitBytes, block);
-  return indexWord(Spot(hash).fingerprint(), pen_->nextGeneration(), units);
+  return units;
 }
 
 template <class Stores>
@@ -136,56 +132,87 @@ bool Index<Stores>::hasRoom(const Segment& segment, const Probe& probe) const {
 }
 
 template <class Stores>
-PutResult Index<Stores>::put(uint64_t hash, Bytes key, std::span<const uint64_t> block) {
+size_t Index<Stores>::makeRoom(std::span<const uint64_t> hashes) {
   if (directory_.empty()) {
-    create();
+    createSegment();
   }
-  Probe found = probe(hash, key);
-  if (const std::optional<size_t> slot = found.standing ? found.standing : found.damaged) {
-    const uint64_t old = pen_->load(*slot);
-    if (found.standing && equals(unitsOf(old), block)) {
-      return PutResult::unchanged;
-    }
-    pen_->store(*slot, write(hash, block));
+  const size_t first = firstOf(hashes.front());
+  const auto behind = std::find_if(hashes.begin(), hashes.end(), [&](uint64_t hash) { return firstOf(hash) != first; });
+  const auto count = static_cast<size_t>(behind - hashes.begin());
+  const Segment& segment = directory_[first];
+  if ((segment.live + segment.dead + count) * 32 <= segment.place.words() * 25) {
+    return count;
+  }
+  grow(hashes.front());
+  return 0;
+}
+
+// What a slot gets when its key goes.
+template <class Stores>
+uint64_t Index<Stores>::vacancyAt(size_t slot) const {
+  return hasEmptyWord(pen_->words(slot / lineBytes * lineBytes)) ? emptyWord : tombstone;
+}
+
+template <class Stores>
+PutResult Index<Stores>::publish(uint64_t hash, const Probe& found, uint64_t word) {
+  const std::optional<size_t> taken = found.taken();
+  const size_t slot = taken ? *taken : *found.free;
+  const uint64_t old = pen_->load(slot);
+  pen_->store(slot, word);
+  if (taken) {
     if (found.standing) {
       releaseBlock(old);
     }
     return PutResult::replaced;
   }
-  while (!hasRoom(segmentOf(hash), found)) {
-    grow(hash);
-    found = probe(hash, key);
-  }
-  const uint64_t word = write(hash, block);
-  const bool wasDead = pen_->load(*found.free) == tombstone;
-  pen_->store(*found.free, word);
   Segment& segment = segmentOf(hash);
-  segment.dead -= wasDead && segment.dead != 0 ? 1 : 0;
+  segment.dead -= old == tombstone && segment.dead != 0 ? 1 : 0;
   ++segment.live;
   ++live_;
   return PutResult::inserted;
 }
 
 template <class Stores>
-bool Index<Stores>::del(uint64_t hash, Bytes key) {
-  if (directory_.empty()) {
-    return false;
-  }
-  const Probe found = probe(hash, key);
-  const std::optional<size_t> slot = found.standing ? found.standing : found.damaged;
-  if (!slot) {
-    return false;
-  }
-  const uint64_t old = pen_->load(*slot);
-  const bool hasEmpty = hasEmptyWord(pen_->words(*slot / lineBytes * lineBytes));
-  pen_->store(*slot, hasEmpty ? emptyWord : tombstone);
+void Index<Stores>::erase(uint64_t hash, const Probe& found) {
+  const size_t slot = *found.taken();
+  const uint64_t old = pen_->load(slot);
+  const uint64_t vacancy = vacancyAt(slot);
+  pen_->store(slot, vacancy);
   Segment& segment = segmentOf(hash);
-  segment.dead += hasEmpty ? 0 : 1;
+  segment.dead += vacancy == tombstone ? 1 : 0;
   segment.live -= segment.live != 0 ? 1 : 0;
   live_ -= live_ != 0 ? 1 : 0;
   if (found.standing) {
     releaseBlock(old);
   }
+}
+
+template <class Stores>
+PutResult Index<Stores>::put(uint64_t hash, Bytes key, std::span<const uint64_t> block) {
+  if (directory_.empty()) {
+    createSegment();
+  }
+  Probe found = probe(hash, key);
+  if (stands(found, block)) {
+    return PutResult::unchanged;
+  }
+  while (!found.taken() && !hasRoom(segmentOf(hash), found)) {
+    grow(hash);
+    found = probe(hash, key);
+  }
+  const uint32_t units = write(block);
+  changes_->begin(1);
+  return publish(hash, found, indexWord(Spot(hash).fingerprint(), changes_->generation(0), units));
+}
+
+template <class Stores>
+bool Index<Stores>::del(uint64_t hash, Bytes key) {
+  const Probe found = find(hash, key);
+  if (!found.taken()) {
+    return false;
+  }
+  changes_->begin(1);
+  erase(hash, found);
   return true;
 }
 

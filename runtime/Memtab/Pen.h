@@ -23,7 +23,7 @@ class Pen {
         base_(region_.base()),
         allocator_(region_),
         stores_(std::move(stores)),
-        publishedSize_(region_.size()) {}
+        publishedSize_(load(allocatedAt)) {}
   Pen(const Pen&) = delete;
   Pen& operator=(const Pen&) = delete;
 
@@ -42,17 +42,24 @@ class Pen {
   // Readers learn the new size before anything beyond the old one is named. Throws NoSpace.
   uint32_t allocate(size_t bytes) {
     const uint32_t units = allocator_.allocate(bytes);
-    if (region_.size() != publishedSize_) {
-      store(allocatedAt, region_.size());
-      publishedSize_ = region_.size();
-    }
+    publishSize();
     return units;
   }
   void release(uint32_t units, size_t bytes) { allocator_.release(units, bytes); }
+  void publishSize() {
+    if (region_.size() != publishedSize_) {
+      publishedSize_ = region_.size();
+      store(allocatedAt, publishedSize_);
+    }
+  }
 
-  uint16_t nextGeneration() { return ++generation_; }
   uint16_t nextPlaceGeneration() { return ++placeGeneration_ & 0x3FFF; }
+  // So that a successor's Places do not soon read like its predecessor's.
+  void placeGenerationIs(uint64_t generation) { placeGeneration_ = static_cast<uint16_t>(generation); }
 
+  Allocator& allocator() { return allocator_; }
+  const Allocator& allocator() const { return allocator_; }
+  Region& region() { return region_; }
   const Region& region() const { return region_; }
   size_t bytesUsed() const { return allocator_.bytesUsed(); }
 
@@ -64,7 +71,6 @@ class Pen {
   Allocator allocator_;
   [[no_unique_address]] Stores stores_;
   size_t publishedSize_;
-  uint16_t generation_ = 0;
   uint16_t placeGeneration_ = 0;
 };
 

@@ -117,9 +117,9 @@ Lookup Reader::get(unsigned collection, uint64_t hash, Bytes key, Buffer& buffer
   return result;
 }
 
-Lookup Reader::get(unsigned collection, uint64_t hash, Bytes key) const {
+Buffer& Reader::threadBuffer() {
   static thread_local Buffer buffer;
-  return get(collection, hash, key, buffer);
+  return buffer;
 }
 
 // A damaged word does not end the search: another key of the same fingerprint may be the damaged one.
@@ -165,6 +165,8 @@ inline Reader::Try Reader::judge(const Chain& chain, size_t slot, uint64_t finge
     const Bytes itsKey = buffer.bytes(sizeof(uint64_t), head.keyLength);
     if (itsKey.size() == key.size() && std::equal(key.begin(), key.end(), itsKey.begin())) {
       result.record = buffer.bytes(head.recordAt(), head.length - head.recordAt());
+      result.word = word;
+      result.head = head.word();
       return Try::found;
     }
     if (Spot(hashes_[collection](itsKey)).fingerprint() == fingerprint) {

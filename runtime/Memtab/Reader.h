@@ -59,7 +59,9 @@ enum class Found : uint8_t {
 
 struct Lookup {
   Found state = Found::absent;
-  Bytes record;  // of found; 8-byte aligned when the key's length is a multiple of 8
+  Bytes record;       // of found; 8-byte aligned when the key's length is a multiple of 8
+  uint64_t word = 0;  // of found: the index word that names the record, and the first word of its block
+  uint64_t head = 0;
   Damage damage;
 };
 
@@ -82,9 +84,11 @@ class Reader {
   // The record of key. Requires: hash is the collection's hash of key.
   // The record lies in buffer, or in memory of this thread that its next look-up without a buffer overwrites.
   Lookup get(unsigned collection, uint64_t hash, Bytes key, Buffer& buffer) const;
-  Lookup get(unsigned collection, uint64_t hash, Bytes key) const;
+  Lookup get(unsigned collection, uint64_t hash, Bytes key) const { return get(collection, hash, key, threadBuffer()); }
+  static Buffer& threadBuffer();
 
   unsigned collectionCount() const { return collectionCount_; }
+  uint64_t hashOf(unsigned collection, Bytes key) const { return hashes_[collection](key); }
   size_t entries(unsigned collection) const { return header(entriesAt + 8 * size_t{collection}); }
   uint64_t sequence() const { return header(sequenceAt); }
   bool ready() const { return header(readyAt) == 1; }
@@ -107,6 +111,7 @@ class Reader {
 
  private:
   friend class Cursor;
+  friend class WordWalk;
 
   // The words on the way to a segment as they read, and the segment they name.
   struct Chain {

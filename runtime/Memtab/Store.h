@@ -5,9 +5,13 @@
 // are one word store each. Wherever a writer dies, a reader finds the old record or the new one, whole. The road of a
 // put:
 //
-//   block written aside  ->  index word stored: the record is there  ->  entry count  ->  sequence
+//   block written aside  ->  intent  ->  index word stored: the record is there  ->  entry count, ring  ->  sequence
 //
-// After the sequence has moved the change is complete. A put of what stands already stores nothing at all.
+// After the sequence has moved the change is complete. A put of what stands already stores nothing at all. Changes that
+// readers shall see as one are made as a group (Group.h).
+//
+// A writer that dies leaves a region that its successor takes over: nothing is undone or replayed, the private memory
+// is rebuilt from the index (IndexTakeOver.h).
 //
 // The engine knows bytes only: keys of up to 511 bytes, records of up to a megabyte, and hashes that the caller
 // computes. Several threads may read (each with its own Reader of view()) while one writes; Store itself belongs
@@ -19,68 +23,88 @@
 #include <string>
 #include <vector>
 
+#include "runtime/Memtab/Changes.h"
 #include "runtime/Memtab/Cursor.h"
+#include "runtime/Memtab/Group.h"
 #include "runtime/Memtab/Index.h"
+#include "runtime/Memtab/Owner.h"
 #include "runtime/Memtab/Reader.h"
+#include "runtime/Memtab/RegionCheck.h"
 #include "runtime/Memtab/StorePolicy.h"
 #include "runtime/Zol/Assert.h"
 
 namespace Memtab {
 
+struct StoreOptions {
+  unsigned ringSlotsLog2 = 12;  // 3 to 20; of a new table, an old one keeps its ring
+  uint32_t referred = 0;        // one bit for each collection that records of others refer to
+  Owner owner = {};             // shown to readers
+};
+
+// What was found in a region that a table stood in already.
+struct TakeOver {
+  bool isTakenOver = false;     // false: the table is new
+  bool wasClosed = false;       // the last writer closed it in good order
+  bool wasUnderWay = false;     // it died in the midst of a change
+  std::vector<Damage> damages;  // what was taken out; those records read as absent now
+};
+
 template <class Stores = DirectStores>
 class BasicStore {
  public:
-  // Makes an empty table of all of region.
+  // A region that carries a table is taken over: its content stays, ready is cleared, the epoch moves on. Any other
+  // becomes an empty table.
   // fingerprint: what the records are, for readers to compare. hashes: one a collection, at most eight.
-  BasicStore(Region region, uint64_t fingerprint, std::span<const HashFn> hashes, Stores stores = {})
-      : pen_(std::move(region), std::move(stores)), reader_(pen_.region().view(), hashes) {
-    pen_.store(versionAt, formatVersion);
-    pen_.store(fingerprintAt, fingerprint);
-    pen_.store(epochAt, 1);
-    pen_.store(allocatedAt, pen_.region().size());
-    for (unsigned i = 0; i < hashes.size(); ++i) {
-      indexes_.emplace_back(pen_, i, hashes[i]);
-    }
-    pen_.store(magicAt, regionMagic);
-  }
+  // Throws IncompatibleTable, with nothing stored, for a region that must be set aside; NoSpace.
+  BasicStore(Region region, uint64_t fingerprint, std::span<const HashFn> hashes, StoreOptions options = {},
+             Stores stores = {});
   BasicStore(const BasicStore&) = delete;
   BasicStore& operator=(const BasicStore&) = delete;
+
+  // What the constructor found.
+  const TakeOver& takeOver() const { return takeOver_; }
 
   // Requires: hash is the collection's hash of key.
   // Throws RangeException for a key or record too long, NoSpace when the region cannot grow; the table stands as it
   // did.
-  PutResult put(unsigned collection, uint64_t hash, Bytes key, Bytes record) {
-    index(collection).prefetch(hash);  // comes while the block is made
-    const PutResult result = index(collection).put(hash, key, blockOf(collection, key, record));
-    if (result != PutResult::unchanged) {
-      changed(collection, result == PutResult::inserted);
-    }
-    return result;
-  }
+  PutResult put(unsigned collection, uint64_t hash, Bytes key, Bytes record);
 
   // Whether there was a record, or a damaged one that may have been this key's.
-  bool del(unsigned collection, uint64_t hash, Bytes key) {
-    if (!index(collection).del(hash, key)) {
-      return false;
-    }
-    changed(collection, true);
-    index(collection).tidy(hash);
-    return true;
-  }
+  bool del(unsigned collection, uint64_t hash, Bytes key);
+
+  // Until groupEnd(), puts and deletes are noted only; get() and entries() answer as if they had been made, everything
+  // else, cursors included, as if not. Groups do not nest.
+  void groupBegin() { group_.begin(); }
+  bool isGroupOpen() const { return group_.isOpen(); }
+  // Makes the changes, which readers see as one, and then calls changed(collection, key, ChangeKind) for each key whose
+  // record differs from what stood before. changed may put and delete, but not begin a group.
+  // Throws NoSpace; then the table stands as it did before the group, which is forgotten.
+  template <class F>
+  void groupEnd(F&& changed);
 
   // See Reader::get().
-  Lookup get(unsigned collection, uint64_t hash, Bytes key) const { return reader_.get(collection, hash, key); }
-  Lookup get(unsigned collection, uint64_t hash, Bytes key, Buffer& buffer) const {
-    return reader_.get(collection, hash, key, buffer);
+  Lookup get(unsigned collection, uint64_t hash, Bytes key) const {
+    return get(collection, hash, key, Reader::threadBuffer());
   }
-  Cursor cursor(unsigned collection) const { return Cursor(reader_, collection); }
+  Lookup get(unsigned collection, uint64_t hash, Bytes key, Buffer& buffer) const {
+    const Group::Item* item = group_.isOpen() ? group_.find(collection, hash, key) : nullptr;
+    return item == nullptr || item->outcome == Group::Outcome::asItStands ? reader_.get(collection, hash, key, buffer)
+                                                                          : staged(*item, buffer);
+  }
+  Cursor cursor(unsigned collection) const {
+    ZOL_ASSERT(!group_.isOpen());
+    return Cursor(reader_, collection);
+  }
   const Reader& reader() const { return reader_; }
 
   // For readers of other threads.
   View view() const { return pen_.region().view(); }
 
-  size_t entries(unsigned collection) const { return reader_.entries(collection); }
-  uint64_t sequence() const { return sequence_; }
+  size_t entries(unsigned collection) const {
+    ZOL_ASSERT(collection < indexes_.size());
+    return indexes_[collection].entries() + static_cast<size_t>(group_.delta(collection));
+  }
+  uint64_t sequence() const { return changes_.sequence(); }
   bool ready() const { return reader_.ready(); }
   // Tells readers whether the content is complete.
   void readyIs(bool ready) {
@@ -88,10 +112,13 @@ class BasicStore {
       pen_.store(readyAt, ready ? 1 : 0);
     }
   }
+  // The writer leaves in good order: nothing may be written any more.
+  void close() { pen_.store(ownerAt, 0); }
 
   // Bytes in use, and bytes that the region has from its backing.
-  size_t bytesUsed() const { return pen_.bytesUsed(); }
+  size_t bytesUsed() const { return allocator().bytesUsed(); }
   size_t bytesMapped() const { return pen_.region().size(); }
+  const Allocator& allocator() const { return pen_.allocator(); }
 
  private:
   Index<Stores>& index(unsigned collection) {
@@ -99,21 +126,77 @@ class BasicStore {
     return indexes_[collection];
   }
 
+  void create(uint64_t fingerprint);
+  void takeOver(uint64_t fingerprint);
+  void takeSequence();
+  void ownerIs(Owner owner);
+
   std::span<const uint64_t> blockOf(unsigned collection, Bytes key, Bytes record);
+  void storeEntries(unsigned collection);
+  void changed(unsigned collection, Bytes key, bool isCountChanged);
 
-  void changed(unsigned collection, bool isCountChanged) {
-    if (isCountChanged) {
-      pen_.store(entriesAt + sizeof(uint64_t) * collection, index(collection).entries());
-    }
-    pen_.store(sequenceAt, ++sequence_);
-  }
+  Group::Item& stage(unsigned collection, uint64_t hash, Bytes key, const Probe& found);
+  PutResult stagePut(unsigned collection, uint64_t hash, Bytes key, std::span<const uint64_t> block);
+  bool stageDel(unsigned collection, uint64_t hash, Bytes key);
+  Lookup staged(const Group::Item& item, Buffer& buffer) const;
+  void claimSpace(std::span<Group::Item* const> changes);
+  void make(Group::Item& item, uint64_t number);
 
+  StoreOptions options_;
   Pen<Stores> pen_;
+  Changes<Stores> changes_;
   Reader reader_;
   std::vector<Index<Stores>> indexes_;
   std::vector<uint64_t> block_;  // the block being made
-  uint64_t sequence_ = 0;
+  Group group_;
+  TakeOver takeOver_;
 };
+
+template <class Stores>
+PutResult BasicStore<Stores>::put(unsigned collection, uint64_t hash, Bytes key, Bytes record) {
+  index(collection).prefetch(hash);  // both come while the block is made
+  changes_.prefetch();
+  const std::span<const uint64_t> block = blockOf(collection, key, record);
+  if (group_.isOpen()) {
+    return stagePut(collection, hash, key, block);
+  }
+  const PutResult result = index(collection).put(hash, key, block);
+  if (result != PutResult::unchanged) {
+    changed(collection, key, result == PutResult::inserted);
+  }
+  return result;
+}
+
+template <class Stores>
+bool BasicStore<Stores>::del(unsigned collection, uint64_t hash, Bytes key) {
+  if (group_.isOpen()) {
+    return stageDel(collection, hash, key);
+  }
+  if (!index(collection).del(hash, key)) {
+    return false;
+  }
+  changed(collection, key, true);
+  index(collection).tidy(hash);
+  return true;
+}
+
+template <class Stores>
+void BasicStore<Stores>::storeEntries(unsigned collection) {
+  const size_t at = entriesAt + sizeof(uint64_t) * collection;
+  const size_t entries = index(collection).entries();
+  if (pen_.load(at) != entries) {
+    pen_.store(at, entries);
+  }
+}
+
+template <class Stores>
+void BasicStore<Stores>::changed(unsigned collection, Bytes key, bool isCountChanged) {
+  if (isCountChanged) {
+    storeEntries(collection);
+  }
+  changes_.log(0, collection, key);
+  changes_.end(1);
+}
 
 template <class Stores>
 std::span<const uint64_t> BasicStore<Stores>::blockOf(unsigned collection, Bytes key, Bytes record) {
@@ -133,6 +216,13 @@ std::span<const uint64_t> BasicStore<Stores>::blockOf(unsigned collection, Bytes
   block_.front() = head.word();
   return block_;
 }
+
+}  // namespace Memtab
+
+#include "runtime/Memtab/StoreGroup.h"     // IWYU pragma: export
+#include "runtime/Memtab/StoreTakeOver.h"  // IWYU pragma: export
+
+namespace Memtab {
 
 extern template class BasicStore<DirectStores>;  // in Store.cpp
 using Store = BasicStore<>;

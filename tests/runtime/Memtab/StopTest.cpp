@@ -7,7 +7,7 @@ namespace {
 
 class StopScene {
  public:
-  StopScene() : store_(Region::anonymous(), 7, {&hash_, 1}, WatchedStores{&watch_}) {
+  StopScene() : store_(Region::anonymous(), 7, {&hash_, 1}, {}, WatchedStores{&watch_}) {
     watch_ = [this] { check(); };
   }
   ~StopScene() { watch_ = nullptr; }
@@ -116,7 +116,7 @@ TEST(MemtabStop, stoppedWriterStoresNothing) {
     size_t left = ~size_t{0};
     size_t refused = 0;
     {
-      BasicStore<StoppingStores> store(Region::anonymous(), 7, {&hash, 1}, {&left, &refused});
+      BasicStore<StoppingStores> store(Region::anonymous(), 7, {&hash, 1}, {}, {&left, &refused});
       left = n;
       try {
         for (int i = 0; i < 420; ++i) {
