@@ -1,0 +1,66 @@
+#include "runtime/Memtab/WordWalk.h"
+
+namespace Memtab {
+namespace {
+
+constexpr int triesMax = 100;
+
+uint64_t lastOf(uint64_t hash, unsigned depth) { return depth == 0 ? ~uint64_t{0} : hash | ~uint64_t{0} >> depth; }
+
+}  // namespace
+
+WordWalk::Step WordWalk::take(uint64_t hash) {
+  for (int tries = 0; tries < triesMax; ++tries) {
+    chain_ = reader_->walk(collection_, hash);
+    if (!load()) {
+      continue;
+    }
+    if (chain_.damage != nullptr || reader_->view_.isDamaged()) {
+      const bool isDirectoryKnown = chain_.directoryAt != nullptr && chain_.damage != nullptr;
+      damage_ = {chain_.damage != nullptr ? chain_.damage : bytesLost, collection_, 0, 0, 0};
+      lastHash_ = lastOf(hash, isDirectoryKnown ? Place::of(chain_.descriptor).depth : 0);
+      return Step::damaged;
+    }
+    lastHash_ = lastOf(hash, chain_.slots == nullptr ? 0 : chain_.segment().depth);
+    return Step::segment;
+  }
+  return Step::busy;
+}
+
+// False: it became another segment meanwhile.
+bool WordWalk::load() {
+  entries_.clear();
+  const size_t words = chain_.slots == nullptr ? 0 : chain_.segment().words();
+  for (uint32_t slot = 0; slot < words; ++slot) {
+    const uint64_t word = chain_.slots[slot].load(std::memory_order_acquire);
+    if (isLive(word)) {
+      entries_.push_back({word, slot});
+    }
+  }
+  return chain_.isCurrent();
+}
+
+WordWalk::KeyStep WordWalk::key(const Entry& entry, Bytes& key) {
+  const char* what = reader_->copyKey(collection_, unitsOf(entry.word), key_);
+  if (!isCurrent(entry)) {
+    return KeyStep::changed;
+  }
+  if (what == nullptr) {
+    key = key_.bytes();
+    const uint64_t hash = reader_->hashOf(collection_, key);
+    if (Spot(hash).fingerprint() == fingerprintOf(entry.word) && lastOf(hash, chain_.segment().depth) == lastHash_) {
+      return KeyStep::key;
+    }
+    what = "index word names another key's block";
+  }
+  damage_ = {what, collection_, chain_.segment().offset(), entry.slot, size_t{unitsOf(entry.word)} * unitBytes};
+  return KeyStep::damaged;
+}
+
+uint64_t WordWalk::head(const Entry& entry) const {
+  uint64_t first = 0;
+  const char* what = reader_->readHead(collection_, unitsOf(entry.word), first);
+  return what == nullptr && isCurrent(entry) ? first : 0;
+}
+
+}  // namespace Memtab

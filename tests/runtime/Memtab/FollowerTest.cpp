@@ -1,0 +1,206 @@
+#include <thread>
+
+#include "tests/runtime/Memtab/FollowerScene.h"
+
+namespace Memtab {
+namespace {
+
+class FollowerScene {
+ public:
+  FollowerScene() : store(Region::anonymous(), 1, numberHashes), reader(store.view(), numberHashes) {}
+  Store store;
+  Reader reader;
+};
+
+// Random writes with polls of random size in between. Fails if a change is lost or reported twice, if nothing changed
+// and something is reported, or if another collection's changes are mistaken for ours.
+TEST(MemtabFollower, mirrorEqualsTable) {
+  size_t ringFollowed = 0;
+  size_t compared = 0;
+  for (unsigned seed = 1; seed <= 20; ++seed) {
+    FollowerScene scene;
+    Random random(seed);
+    Mirror mirror(scene.reader);
+    std::set<uint64_t> touched;
+    for (unsigned phase = 0; phase < 30; ++phase) {
+      const Numbers before = mirror.numbers;
+      const unsigned changes = random() % 5 == 0 ? 6000 : random() % 300;
+      const bool isPolled = random() % 2 == 0;
+      touched.clear();
+      for (unsigned n = 0; n < changes; ++n) {
+        const uint64_t key = random() % (phase % 2 == 0 ? 3000 : 40);
+        const unsigned collection = random() % 4 == 0 ? 1 : 0;
+        const bool isChanged = random() % 3 == 0 ? del(scene.store, key, collection)
+                                                 : put(scene.store, key, std::to_string(random() % 50), collection);
+        if (isChanged && collection == 0) {
+          touched.insert(key);
+        }
+        if (isPolled && random() % 50 == 0) {
+          mirror.poll(random() % 20);
+        }
+      }
+      const uint64_t comparisons = mirror.follower.comparisons();
+      const std::set<uint64_t> reported = mirror.settle(1 + random() % 5000);
+      (comparisons == mirror.follower.comparisons() ? ringFollowed : compared) += 1;
+      ASSERT_TRUE(mirror.numbers == numbersIn(scene.reader)) << "seed " << seed << " phase " << phase;
+      ASSERT_EQ(mirror.follower.knownKeys(), mirror.numbers.size());
+      ASSERT_TRUE(std::includes(touched.begin(), touched.end(), reported.begin(), reported.end()));
+      for (const uint64_t key : touched) {
+        const auto was = before.find(key);
+        const auto is = mirror.numbers.find(key);
+        const bool isDifferent =
+            (was == before.end()) != (is == mirror.numbers.end()) || (was != before.end() && was->second != is->second);
+        ASSERT_TRUE(isPolled || !isDifferent || reported.count(key) == 1) << key;
+      }
+      EXPECT_TRUE(mirror.settle().empty());
+    }
+    EXPECT_TRUE(mirror.damages.empty());
+  }
+  EXPECT_GT(ringFollowed, 50u);
+  EXPECT_GT(compared, 50u);
+}
+
+// A reader polls a little now and then while another process makes a million changes. Fails if it does not end with
+// the exact table.
+TEST(MemtabFollower, sleepsThroughAMillionChanges) {
+  StateDirectoryScene files;
+  WriterFile file(files.path, "table", fileFingerprint);
+  auto store = std::make_unique<Store>(file.region(), fileFingerprint, numberHashes);
+  for (uint64_t key = 0; key < 100000; ++key) {
+    put(*store, key, std::to_string(key));
+  }
+  file.publish();
+  const ReaderFile readerFile(files.path, "table", fileFingerprint);
+  const Reader reader(readerFile.view(), numberHashes);
+  Mirror mirror(reader);
+  std::thread writer([&] {
+    Random random(1);
+    for (unsigned n = 0; n < 1000000; ++n) {
+      const uint64_t key = random() % 100000;
+      if (random() % 4 == 0) {
+        del(*store, key);
+      } else {
+        put(*store, key, std::to_string(random()));
+      }
+    }
+  });
+  mirror.poll(200000);
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  for (int i = 0; i < 20; ++i) {
+    mirror.poll(5000);
+  }
+  writer.join();
+  while (mirror.poll()) {
+  }
+  EXPECT_TRUE(mirror.numbers == numbersIn(reader));
+  EXPECT_TRUE(mirror.damages.empty());
+  EXPECT_TRUE(mirror.settle().empty());
+}
+
+// Fails if an index word that reads the same after its generation has come round is taken for no change.
+TEST(MemtabFollower, generationComesRound) {
+  size_t sameWords = 0;
+  for (const unsigned rounds : {1u, 2u, 3u}) {
+    for (const bool isLate : {false, true}) {  // late: the word was stored long before the follower looked last
+      FollowerScene scene;
+      Mirror mirror(scene.reader);
+      put(scene.store, 7, "old");
+      const auto wordOf = [&] {
+        return scene.reader.get(0, numberHashes[0](bytesOf(uint64_t{7})), bytesOf(uint64_t{7})).word;
+      };
+      const uint64_t word = wordOf();
+      for (unsigned n = 0; isLate && n < 60000; ++n) {
+        put(scene.store, 1000 + n % 2, std::to_string(n));
+      }
+      mirror.settle();
+      const uint64_t end = 1 + 65536 * rounds;
+      while (scene.store.sequence() + 2 < end) {
+        put(scene.store, 1000, std::to_string(scene.store.sequence()));
+      }
+      del(scene.store, 7);
+      put(scene.store, 7, "new");
+      EXPECT_EQ(scene.store.sequence(), end);
+      sameWords += wordOf() == word;
+      EXPECT_EQ(mirror.settle().count(7), 1u) << rounds << isLate;
+      EXPECT_EQ(mirror.numbers.at(7), "new");
+    }
+  }
+  EXPECT_GT(sameWords, 0u);
+}
+
+// Fails if a part of the table that cannot be read counts as deleted, or if it is news when it can be read again.
+TEST(MemtabFollower, damageIsNotAbsence) {
+  FollowerScene scene;
+  for (uint64_t key = 0; key < 5000; ++key) {
+    put(scene.store, key, std::to_string(key));
+  }
+  Mirror mirror(scene.reader);
+  mirror.settle();
+  auto* const words = reinterpret_cast<Word*>(const_cast<std::byte*>(scene.store.view().base));
+  const Place directory = Place::of(words[descriptorsAt / 8]);
+  for (const size_t at : {descriptorsAt / 8, directory.offset() / 8, directory.offset() / 8 + directory.words() - 1}) {
+    const uint64_t word = words[at];
+    words[at] = word ^ 1;
+    mirror.rebind(scene.reader);
+    EXPECT_TRUE(mirror.settle().empty());
+    EXPECT_EQ(mirror.follower.knownKeys(), 5000u);
+    EXPECT_FALSE(mirror.damages.empty());
+    words[at] = word;
+    mirror.rebind(scene.reader);
+    mirror.damages.clear();
+    EXPECT_TRUE(mirror.settle().empty());
+    EXPECT_TRUE(mirror.damages.empty());
+  }
+}
+
+// Fails if after a change of the file anything but the difference is reported.
+TEST(MemtabFollower, anotherFile) {
+  FollowerScene one;
+  FollowerScene two;
+  for (uint64_t key = 0; key < 3000; ++key) {
+    put(one.store, key, std::to_string(key));
+    if (key % 10 != 0) {
+      put(two.store, 2999 - key, std::to_string(2999 - key + (key % 10 == 5)));
+    }
+  }
+  put(two.store, 5000, "more");
+  Mirror mirror(one.reader);
+  EXPECT_EQ(mirror.settle(7).size(), 3000u);
+  mirror.rebind(two.reader);
+  EXPECT_EQ(mirror.settle(7).size(), 601u);
+  EXPECT_TRUE(mirror.numbers == numbersIn(two.reader));
+}
+
+// Of a key that does not fit into the ring only the beginning is told there.
+struct LongKey {
+  std::array<uint64_t, 7> words{};
+  auto operator<=>(const LongKey&) const = default;
+  uint32_t hash() const { return Zol::hashOf(words[6]); }
+};
+void encodeValue(Zol::ByteWriter& out, const LongKey& key) {
+  std::for_each(key.words.begin(), key.words.end(), [&out](uint64_t word) { out.word(word); });
+}
+void decodeValue(Zol::ByteReader& in, LongKey& key) {
+  std::for_each(key.words.begin(), key.words.end(), [&in](uint64_t& word) { decodeValue(in, word); });
+}
+
+TEST(MemtabFollower, longKeys) {
+  const HashFn hash = hashOfKeyBytes<LongKey>;
+  Store store(Region::anonymous(), 1, {&hash, 1});
+  Follower<LongKey> follower(store.reader(), 0);
+  std::vector<uint64_t> seen;
+  for (uint64_t n = 0; n < 100; ++n) {
+    LongKey key;
+    key.words[6] = n;
+    const Bytes bytes = std::as_bytes(std::span(key.words));
+    store.put(0, hash(bytes), bytes, bytesOf(std::string("r")));
+    while (follower.poll(
+        5, [&](const LongKey& k) { seen.push_back(k.words[6]); }, [](const Damage&) { FAIL(); })) {
+    }
+    ASSERT_EQ(seen.size(), n + 1);
+    ASSERT_EQ(seen.back(), n);
+  }
+}
+
+}  // namespace
+}  // namespace Memtab
