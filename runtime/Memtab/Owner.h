@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 namespace Memtab {
 
@@ -10,6 +11,8 @@ struct Owner {
   uint64_t start = 0;  // clock ticks since boot, which tell processes of one id apart; 0: unknown
 
   static Owner ofThisProcess();
+  // "pid 4711 (tunnel-agent), started 12.3 s ago"; "holder unknown" if no such process runs here.
+  std::string text() const;
 };
 
 }  // namespace Memtab

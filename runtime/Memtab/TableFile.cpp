@@ -12,7 +12,7 @@
 #include <cstring>
 
 #include "runtime/Memtab/Layout.h"
-#include "runtime/Memtab/TableHolder.h"
+#include "runtime/Memtab/Owner.h"
 
 namespace Memtab {
 namespace {
@@ -32,16 +32,10 @@ uint64_t wordIn(const std::array<uint64_t, headerBytes / sizeof(uint64_t)>& head
   return header[offset / sizeof(uint64_t)];
 }
 
-std::string hexOf(uint64_t number) {
-  std::array<char, 20> text{};
-  (void)snprintf(text.data(), text.size(), "0x%016llx", static_cast<unsigned long long>(number));
-  return text.data();
-}
-
 [[noreturn]] void raiseBusy(const std::string& path, int fd) {
   const auto header = headerOf(fd);
-  throw TableBusy(path +
-                  ": another writer has it: " + holderText(wordIn(header, ownerAt), wordIn(header, ownerStartAt)));
+  const Owner holder{wordIn(header, ownerAt), wordIn(header, ownerStartAt)};
+  throw TableBusy(path + ": another writer has it: " + holder.text());
 }
 
 // A table file by name, checked before it is opened (as opening some files has effects) and after.
@@ -100,44 +94,38 @@ bool TableFile::isReplaced() const {
   return lstat(path_.c_str(), &facts) != 0 || facts.st_dev != device_ || facts.st_ino != inode_;
 }
 
-std::optional<std::string> TableFile::misfit(uint64_t fingerprint) const {
+std::unique_ptr<FileView> TableFile::checkedView(uint64_t fingerprint, size_t collections, size_t bytesMax) const {
   struct stat facts {};
-  const auto header = headerOf(fd());
   if (fstat(fd(), &facts) != 0 || facts.st_size < static_cast<off_t>(headerBytes)) {
-    return "it has " + std::to_string(facts.st_size) + " bytes, too few for a table";
+    throw IncompatibleTable("its " + std::to_string(facts.st_size) + " bytes are too few for a table");
   }
-  if (wordIn(header, magicAt) != regionMagic) {
-    return "it is no table";
-  }
-  if (wordIn(header, versionAt) != formatVersion) {
-    return "format version " + std::to_string(wordIn(header, versionAt)) + ", this program has " +
-           std::to_string(formatVersion);
-  }
-  if (wordIn(header, fingerprintAt) != fingerprint) {
-    return "records of fingerprint " + hexOf(wordIn(header, fingerprintAt)) + ", this program has " +
-           hexOf(fingerprint);
-  }
+  const auto header = headerOf(fd());
   const uint64_t allocated = wordIn(header, allocatedAt);
-  if (allocated < headerBytes || allocated % headerBytes != 0 || allocated > regionBytesMax) {
-    return "it says that it has " + std::to_string(allocated) + " bytes";
+  if (wordIn(header, magicAt) == regionMagic && wordIn(header, versionAt) == formatVersion) {
+    if (allocated < headerBytes || allocated % headerBytes != 0 || allocated > regionBytesMax) {
+      throw IncompatibleTable("it says that it has " + std::to_string(allocated) + " bytes");
+    }
+    if (allocated > static_cast<uint64_t>(facts.st_size)) {
+      throw IncompatibleTable("it was truncated from " + std::to_string(allocated) + " to " +
+                              std::to_string(facts.st_size) + " bytes");
+    }
   }
-  if (allocated > static_cast<uint64_t>(facts.st_size)) {
-    return "it was truncated from " + std::to_string(allocated) + " to " + std::to_string(facts.st_size) + " bytes";
-  }
-  return std::nullopt;
+  auto result = std::make_unique<FileView>(file_, bytesMax);
+  requireCompatible(result->view(), fingerprint, collections);
+  return result;
 }
 
-WriterFile::WriterFile(const std::string& stateDirectory, const std::string& name, uint64_t fingerprint)
-    : TableFile(stateDirectory, name),
-      place_(placeOf(stateDirectory, name, true, {0})),
-      fingerprint_(fingerprint),
-      process_(getpid()) {
+WriterFile::WriterFile(const std::string& stateDirectory, const std::string& name, uint64_t fingerprint,
+                       size_t collections)
+    : TableFile(stateDirectory, name), place_(placeOf(stateDirectory, name, true, {0})), process_(getpid()) {
   if (!openStanding()) {
     makeUnnamed();
     return;
   }
-  if (const std::optional<std::string> reason = misfit(fingerprint)) {
-    setAside(*reason);
+  try {
+    (void)checkedView(fingerprint, collections, 0);
+  } catch (const IncompatibleTable& misfit) {
+    setAside(misfit.what());
   }
 }
 
@@ -220,14 +208,16 @@ void WriterFile::moveAside() {
   }
 }
 
-ReaderFile::ReaderFile(const std::string& stateDirectory, const std::string& name, uint64_t fingerprint, Owners owners)
+ReaderFile::ReaderFile(const std::string& stateDirectory, const std::string& name, uint64_t fingerprint,
+                       size_t collections, Owners owners)
     : TableFile(stateDirectory, name) {
   owners.push_back(0);
   fileIs(openSafe(placeOf(stateDirectory, name, false, owners), path_, O_RDONLY, owners));
-  if (const std::optional<std::string> reason = misfit(fingerprint)) {
-    throw TableForeign(path_ + ": not a table of ours: " + *reason);
+  try {
+    view_ = checkedView(fingerprint, collections, Region::reserveDefault);
+  } catch (const IncompatibleTable& misfit) {
+    throw IncompatibleTable(path_ + ": " + misfit.what());
   }
-  view_.emplace(file_);
 }
 
 bool ReaderFile::isOwned() const { return isLockedElsewhere(fd(), 0, 0); }

@@ -15,22 +15,16 @@
 #pragma once
 
 #include <memory>
-#include <optional>
 #include <string>
 
 #include "runtime/Memtab/FileRegion.h"
+#include "runtime/Memtab/RegionCheck.h"
 #include "runtime/Memtab/StateDirectory.h"
 
 namespace Memtab {
 
 // Another process, or another table of this one, writes the file.
 class TableBusy : public Zol::Exception {
- public:
-  using Zol::Exception::Exception;
-};
-
-// The file holds no table, or one of other records or another format. The text has both fingerprints.
-class TableForeign : public Zol::Exception {
  public:
   using Zol::Exception::Exception;
 };
@@ -47,8 +41,8 @@ class TableFile {
   TableFile(const std::string& stateDirectory, const std::string& name) : path_(stateDirectory + "/" + name) {}
   int fd() const { return file_->get(); }
   void fileIs(Descriptor file);
-  // How the bytes of the file fail to be a table of these records; nothing: they are one.
-  std::optional<std::string> misfit(uint64_t fingerprint) const;
+  // Throws IncompatibleTable, NoSpace.
+  std::unique_ptr<FileView> checkedView(uint64_t fingerprint, size_t collections, size_t bytesMax) const;
 
   std::string path_;
   std::shared_ptr<const Descriptor> file_;
@@ -62,7 +56,7 @@ class WriterFile : public TableFile {
 
   // Opens the table file name, relative to stateDirectory, or makes one; missing directories are made.
   // fingerprint: of the records. Throws FileRefused, TableBusy, RangeException.
-  WriterFile(const std::string& stateDirectory, const std::string& name, uint64_t fingerprint);
+  WriterFile(const std::string& stateDirectory, const std::string& name, uint64_t fingerprint, size_t collections);
 
   // Whether there was none: then a table is to be made in region(), and published.
   bool isNew() const { return isNew_; }
@@ -73,7 +67,7 @@ class WriterFile : public TableFile {
   Region region(size_t bytesMax = Region::reserveDefault);
   // Gives a new file its name. Throws TableBusy when another writer was first.
   void publish();
-  // Sets the file aside, because what is in it turned out to be no table; then there is a new one, as if opened again.
+  // Sets the file aside, because what is in it turned out to be no table; then there is a new one, as if none had been.
   // Requires: regions of it are gone.
   void setAside(const std::string& reason);
 
@@ -84,7 +78,6 @@ class WriterFile : public TableFile {
   void refuseChild() const;
 
   PlaceInDirectory place_;
-  uint64_t fingerprint_;
   pid_t process_;
   bool isNew_ = false;
   std::string asideReason_;
@@ -93,8 +86,9 @@ class WriterFile : public TableFile {
 class ReaderFile : public TableFile {
  public:
   // owners: whose tables are trusted beside those of root and of this process's effective user.
-  // Throws FileAbsent, FileRefused, TableForeign, NoSpace.
-  ReaderFile(const std::string& stateDirectory, const std::string& name, uint64_t fingerprint, Owners owners = {});
+  // Throws FileAbsent, FileRefused, IncompatibleTable, NoSpace.
+  ReaderFile(const std::string& stateDirectory, const std::string& name, uint64_t fingerprint, size_t collections,
+             Owners owners = {});
 
   // Good as long as this file.
   View view() const { return view_->view(); }
@@ -104,7 +98,7 @@ class ReaderFile : public TableFile {
   bool isOwned() const;
 
  private:
-  std::optional<FileView> view_;
+  std::unique_ptr<FileView> view_;
 };
 
 }  // namespace Memtab

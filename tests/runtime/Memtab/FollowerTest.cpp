@@ -64,13 +64,13 @@ TEST(MemtabFollower, mirrorEqualsTable) {
 // the exact table.
 TEST(MemtabFollower, sleepsThroughAMillionChanges) {
   StateDirectoryScene files;
-  WriterFile file(files.path, "table", fileFingerprint);
+  WriterFile file(files.path, "table", fileFingerprint, 2);
   auto store = std::make_unique<Store>(file.region(), fileFingerprint, numberHashes);
   for (uint64_t key = 0; key < 100000; ++key) {
     put(*store, key, std::to_string(key));
   }
   file.publish();
-  const ReaderFile readerFile(files.path, "table", fileFingerprint);
+  const ReaderFile readerFile(files.path, "table", fileFingerprint, 2);
   const Reader reader(readerFile.view(), numberHashes);
   Mirror mirror(reader);
   std::thread writer([&] {

@@ -10,10 +10,10 @@ namespace {
 using Scene = StateDirectoryScene;
 
 WriterFile writerOf(const Scene& scene, const std::string& name = "rib/system") {
-  return WriterFile(scene.path, name, fileFingerprint);
+  return WriterFile(scene.path, name, fileFingerprint, 1);
 }
 ReaderFile readerOf(const Scene& scene, const std::string& name = "rib/system") {
-  return ReaderFile(scene.path, name, fileFingerprint);
+  return ReaderFile(scene.path, name, fileFingerprint, 1);
 }
 
 // A published table, and a writer that has closed it.
@@ -183,7 +183,7 @@ TEST(MemtabFile, plantedFilesAreRefused) {
       ASSERT_EQ(chown(path.c_str(), 12345, 12345), 0);
     }
     EXPECT_THROW(readerOf(scene), FileRefused);
-    EXPECT_EQ(get(Reader(ReaderFile(scene.path, "rib/system", fileFingerprint, {12345}).view(), fileHashes), ""),
+    EXPECT_EQ(get(Reader(ReaderFile(scene.path, "rib/system", fileFingerprint, 1, {12345}).view(), fileHashes), ""),
               "collection 0: no damage");
   }
 }
@@ -203,17 +203,17 @@ TEST(MemtabFile, misfitsAreSetAside) {
     const char* reason;
   };
   const Case cases[] = {{"", "0 bytes"},
-                        {good.substr(0, 4095), "4095 bytes"},
+                        {good.substr(0, 4095), "4095 bytes are too few"},
                         {good.substr(0, 8192), "truncated from"},
-                        {std::string(70000, 'g'), "no table"},
-                        {with(versionAt, 77), "format version 77"},
-                        {with(fingerprintAt, 0x9999), "0x0000000000009999, this program has 0x0000000000001234"},
+                        {std::string(70000, 'g'), "magic number"},
+                        {with(versionAt, 77), "format version is 0x000000000000004d"},
+                        {with(fingerprintAt, 0x9999), "0x0000000000009999, not 0x0000000000001234"},
                         {with(allocatedAt, 65537), "65537 bytes"},
                         {with(allocatedAt, ~uint64_t{0}), "bytes"}};
   unsigned n = 0;
   for (const Case& c : cases) {
     Scene::write(scene.at("rib/system"), c.bytes);
-    EXPECT_NE(thrown<TableForeign>([&] { readerOf(scene); }).find(c.reason), std::string::npos) << c.reason;
+    EXPECT_NE(thrown<IncompatibleTable>([&] { readerOf(scene); }).find(c.reason), std::string::npos) << c.reason;
     EXPECT_EQ(Scene::bytesAt(scene.at("rib/system")), c.bytes);
     WriterFile file = writerOf(scene);
     EXPECT_TRUE(file.isNew());
