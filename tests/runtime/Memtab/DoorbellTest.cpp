@@ -1,0 +1,185 @@
+#include <poll.h>
+#include <sys/mman.h>
+
+#include <thread>
+
+#include "runtime/Memtab/Doorbell.h"
+#include "tests/runtime/Memtab/FileScene.h"
+
+namespace Memtab {
+namespace {
+
+class DoorbellScene : public StateDirectoryScene {
+ public:
+  DoorbellScene() { std::filesystem::create_directory(path); }
+  std::string bell() const { return at(".bell"); }
+};
+
+bool isRung(const DoorbellListener& listener, int milliseconds) {
+  pollfd waited{listener.fd(), POLLIN, 0};
+  return ::poll(&waited, 1, milliseconds) == 1;
+}
+
+// What two processes share beside the bell.
+struct Shared {
+  std::atomic<uint64_t> published;
+  std::atomic<uint64_t> seen;
+  std::atomic<uint64_t> sleeps;
+};
+Shared& sharedMemory() {
+  void* const at = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  return *new (at) Shared;
+}
+
+// Follows the published number up to last; exit status 1 if a sleep was not ended.
+int follow(const std::string& path, Shared& shared, uint64_t last) {
+  DoorbellListener listener(path);
+  uint64_t seen = 0;
+  while (seen < last) {
+    listener.aboutToSleep();
+    if (shared.published.load(std::memory_order_acquire) == seen) {
+      ++shared.sleeps;
+      if (!isRung(listener, 10000)) {
+        return 1;
+      }
+    }
+    listener.awake();
+    seen = shared.published.load(std::memory_order_acquire);
+    shared.seen = seen;
+  }
+  return 0;
+}
+
+// Fails if a sleeper is missed, whether it is just falling asleep or long gone, or if few sleeps were ended at all.
+TEST(MemtabDoorbell, wakesWhoSleeps) {
+  constexpr uint64_t last = 40000;
+  DoorbellScene scene;
+  DoorbellRinger ringer(scene.path);
+  EXPECT_EQ(DoorbellScene::modeOf(scene.bell()), 0660u);
+  Shared& shared = sharedMemory();
+  const pid_t child = fork();
+  if (child == 0) {
+    _exit(follow(scene.path, shared, last));
+  }
+  Random random(1);
+  for (uint64_t n = 1; n <= last; ++n) {
+    shared.published.store(n, std::memory_order_release);
+    ringer.ring();
+    const unsigned kind = random() % 8;
+    for (unsigned i = 0; kind < 6 && i < (1u << 2 * kind); ++i) {
+      asm volatile("");
+    }
+    for (int i = 0; kind == 7 && i < 1000000 && shared.seen != n; ++i) {
+    }
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0) << "seen " << shared.seen << " of " << last;
+  EXPECT_GT(shared.sleeps, 100u);
+  EXPECT_EQ(DoorbellScene::modeOf(scene.at(".wake-0")), 0660u);
+}
+
+// Fails if a dead reader kills or blocks the writer, keeps its slot, or leaves wake-ups to the next one.
+TEST(MemtabDoorbell, deadReaders) {
+  DoorbellScene scene;
+  DoorbellRinger ringer(scene.path);
+  for (int round = 0; round < 3; ++round) {
+    inChild([&] {
+      DoorbellListener listener(scene.path);
+      listener.aboutToSleep();
+      return raise(SIGKILL);
+    });
+    ringer.ring();
+    ringer.ring();
+    DoorbellListener listener(scene.path);
+    EXPECT_FALSE(isRung(listener, 0));
+    listener.aboutToSleep();
+    EXPECT_FALSE(isRung(listener, 0));
+    ringer.ring();
+    EXPECT_TRUE(isRung(listener, 0));
+    listener.awake();
+    EXPECT_FALSE(isRung(listener, 0));
+    ringer.ring();  // awake: no byte
+    EXPECT_FALSE(isRung(listener, 0));
+  }
+  EXPECT_EQ(scene.files(), 2u);  // the bell and one FIFO
+}
+
+// Fails if two readers share a slot, or one more reader than there are slots is an error.
+TEST(MemtabDoorbell, manyReaders) {
+  DoorbellScene scene;
+  DoorbellRinger ringer(scene.path);
+  std::vector<std::unique_ptr<DoorbellListener>> listeners;
+  for (unsigned n = 0; n <= Bell::slots; ++n) {
+    listeners.push_back(std::make_unique<DoorbellListener>(scene.path));
+    listeners.back()->aboutToSleep();
+    EXPECT_EQ(listeners.back()->isSound(), n < Bell::slots);
+  }
+  ringer.ring();
+  for (unsigned n = 0; n < Bell::slots; ++n) {
+    EXPECT_TRUE(isRung(*listeners[n], 0)) << n;
+  }
+  listeners.erase(listeners.begin() + 7);
+  EXPECT_TRUE(listeners.back()->mend());
+  listeners.back()->aboutToSleep();
+  ringer.ring();
+  EXPECT_TRUE(isRung(*listeners.back(), 0));
+}
+
+// Fails if a bell that is garbage, truncated, gone or hostile does more than go unheard until mend().
+TEST(MemtabDoorbell, spoiltBells) {
+  Random random(3);
+  const std::function<void(const DoorbellScene&)> spoilers[] = {
+      [](const DoorbellScene& s) { truncate(s.bell().c_str(), 0); },
+      [](const DoorbellScene& s) { DoorbellScene::write(s.bell(), "garbage"); },
+      [](const DoorbellScene& s) { unlink(s.bell().c_str()); },
+      [](const DoorbellScene& s) { unlink(s.at(".wake-0").c_str()); },
+      [](const DoorbellScene& s) {
+        std::filesystem::remove_all(s.path);
+        std::filesystem::create_directory(s.path);
+      },
+      [&random](const DoorbellScene& s) {
+        std::fstream bell(s.bell(), std::ios::in | std::ios::out | std::ios::binary);
+        for (int i = 0; i < 65536; ++i) {
+          bell.put(static_cast<char>(random()));
+        }
+      },
+      [&random](const DoorbellScene& s) {  // all but the magic number
+        std::fstream bell(s.bell(), std::ios::in | std::ios::out | std::ios::binary);
+        bell.seekp(64);
+        for (int i = 64; i < 65536; ++i) {
+          bell.put(static_cast<char>(random()));
+        }
+      }};
+  for (const auto& spoil : spoilers) {
+    DoorbellScene scene;
+    DoorbellRinger ringer(scene.path);
+    DoorbellListener listener(scene.path);
+    listener.aboutToSleep();
+    spoil(scene);
+    ringer.ring();
+    listener.awake();
+    listener.aboutToSleep();
+    ringer.ring();
+    listener.awake();
+    ringer.mend();
+    EXPECT_TRUE(listener.mend());
+    listener.awake();
+    for (int i = 0; i < 3; ++i) {
+      listener.aboutToSleep();
+      ringer.ring();
+      EXPECT_TRUE(isRung(listener, 0));
+      listener.awake();
+    }
+  }
+  DoorbellScene scene;
+  std::filesystem::remove_all(scene.path);
+  DoorbellListener early(scene.path);  // before any writer
+  EXPECT_FALSE(early.isSound());
+  early.aboutToSleep();
+  early.awake();
+  EXPECT_THROW(DoorbellRinger(scene.path), FileAbsent);
+}
+
+}  // namespace
+}  // namespace Memtab
