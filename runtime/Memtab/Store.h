@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "runtime/Memtab/Changes.h"
+#include "runtime/Memtab/CorruptionException.h"
 #include "runtime/Memtab/Cursor.h"
 #include "runtime/Memtab/Group.h"
 #include "runtime/Memtab/Index.h"
@@ -63,6 +64,10 @@ class BasicStore {
 
   // What the constructor found.
   const TakeOver& takeOver() const { return takeOver_; }
+
+  // Whether somebody took bytes of the region away (truncated its file). Then put(), del() and groupEnd() throw
+  // CorruptionException, since what they store may reach nobody; the table is best set aside and made anew.
+  bool isDamaged() const { return pen_.region().isDamaged(); }
 
   // Requires: hash is the collection's hash of key.
   // Throws RangeException for a key or record too long, NoSpace when the region cannot grow; the table stands as it
@@ -131,6 +136,11 @@ class BasicStore {
   void takeSequence();
   void ownerIs(Owner owner);
 
+  void requireIntact() const {
+    if (isDamaged()) {
+      throw CorruptionException(bytesLost);
+    }
+  }
   std::span<const uint64_t> blockOf(unsigned collection, Bytes key, Bytes record);
   void storeEntries(unsigned collection);
   void changed(unsigned collection, Bytes key, bool isCountChanged);
@@ -154,6 +164,7 @@ class BasicStore {
 
 template <class Stores>
 PutResult BasicStore<Stores>::put(unsigned collection, uint64_t hash, Bytes key, Bytes record) {
+  requireIntact();
   index(collection).prefetch(hash);  // both come while the block is made
   changes_.prefetch();
   const std::span<const uint64_t> block = blockOf(collection, key, record);
@@ -169,6 +180,7 @@ PutResult BasicStore<Stores>::put(unsigned collection, uint64_t hash, Bytes key,
 
 template <class Stores>
 bool BasicStore<Stores>::del(unsigned collection, uint64_t hash, Bytes key) {
+  requireIntact();
   if (group_.isOpen()) {
     return stageDel(collection, hash, key);
   }
@@ -196,6 +208,7 @@ void BasicStore<Stores>::changed(unsigned collection, Bytes key, bool isCountCha
   }
   changes_.log(0, collection, key);
   changes_.end(1);
+  requireIntact();
 }
 
 template <class Stores>

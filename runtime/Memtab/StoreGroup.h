@@ -129,6 +129,7 @@ void BasicStore<Stores>::groupEnd(F&& changed) {
   if (changes.empty()) {
     return;
   }
+  requireIntact();
   claimSpace(changes);
   group_.close();
   changes_.begin(changes.size());
