@@ -1,5 +1,4 @@
 // Death before any store, enumerated completely: the crash states of an operation are the prefixes of its stores.
-#include <cstdlib>
 #include <set>
 
 #include "tests/runtime/Memtab/CrashScene.h"
@@ -184,12 +183,6 @@ std::string kindOf(const Memory& memory, const Op& op) {
   return sign("entries", entries, life.store->entries(0)) + sign("directory", before.depths, after.depths) +
          sign("segments", before.segments, after.segments) + sign("words", before.segmentWords, after.segmentWords) +
          sign("tombstones", before.tombstones, after.tombstones) + sign("size", mapped, life.store->bytesMapped());
-}
-
-// How many seeds a test goes through; MEMTAB_SEEDS for a long run.
-unsigned seedsOr(unsigned usual) {
-  const char* wanted = std::getenv("MEMTAB_SEEDS");
-  return wanted != nullptr ? static_cast<unsigned>(std::stoul(wanted)) : usual;
 }
 
 // A table that grows to 1300 records and shrinks again; every kind of operation is enumerated when it is first met.
