@@ -133,6 +133,7 @@ class BasicStore {
 
   void create(uint64_t fingerprint);
   void takeOver(uint64_t fingerprint);
+  void examineEntries();
   void takeSequence();
   void ownerIs(Owner owner);
 

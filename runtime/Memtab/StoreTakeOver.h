@@ -65,6 +65,10 @@ void BasicStore<Stores>::takeOver(uint64_t fingerprint) {
   for (Index<Stores>& index : indexes_) {
     index.examineBlocks(damages);
   }
+  takeOver_.wasUnderWay = pen_.load(intentAt) != pen_.load(sequenceAt);
+  if (!takeOver_.wasUnderWay && damages.empty()) {
+    examineEntries();
+  }
   const uint64_t epoch = pen_.load(epochAt) + 1;
   pen_.placeGenerationIs(epoch * 0x9E5);
   pen_.store(epochAt, epoch);
@@ -83,13 +87,22 @@ void BasicStore<Stores>::takeOver(uint64_t fingerprint) {
   takeSequence();
 }
 
+// The counts find what no check bits do: an index word that was wiped.
+template <class Stores>
+void BasicStore<Stores>::examineEntries() {
+  for (unsigned i = 0; i < indexes_.size(); ++i) {
+    if (pen_.load(entriesAt + sizeof(uint64_t) * i) != indexes_[i].entries()) {
+      takeOver_.damages.push_back({"number of records differs", i, 0, 0, 0});
+    }
+  }
+}
+
 // A change that was begun has used its numbers, whether it shows or not.
 template <class Stores>
 void BasicStore<Stores>::takeSequence() {
   const uint64_t sequence = pen_.load(sequenceAt);
   const uint64_t intent = pen_.load(intentAt);
   changes_.sequenceIs(sequence);
-  takeOver_.wasUnderWay = intent != sequence;
   if (!takeOver_.wasUnderWay) {
     return;
   }
