@@ -4,11 +4,14 @@
 //   get        random keys, all there          getOrdered   the same in the order of hashes, as reviews drain
 //   absent     random keys, none there         replace      random keys, records that differ
 //   walk       a cursor over everything        erase        every key, in the order of filling
+//   group      replace, three keys a group     takeOver     beginning anew over the bytes of a table that was left
 //
 // A random look-up of a large table waits twice for memory (index, then record), so the speed of memory decides: look
 // at ratios within one run. Counters: bytes in use per record, and the sum of what was read, so that nobody gains speed
 // by reading less.
 #include <benchmark/benchmark.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -37,7 +40,8 @@ std::uint64_t hashOf(Bytes key) {
 
 class Table {
  public:
-  explicit Table(std::size_t count) {
+  explicit Table(std::size_t count, Memtab::Region region = Memtab::Region::anonymous())
+      : store(std::move(region), 1, hashes) {
     for (std::uint64_t key = 0; key < count; ++key) {
       put(key, key);
     }
@@ -54,7 +58,7 @@ class Table {
   void del(std::uint64_t key) { store.del(0, mixed(key), bytesOf(key)); }
 
   static constexpr Memtab::HashFn hashes[] = {hashOf};
-  Memtab::Store store{Memtab::Region::anonymous(), 1, hashes};
+  Memtab::Store store;
 
  private:
   std::byte record_[recordBytes] = {};
@@ -109,6 +113,55 @@ void replace(benchmark::State& state) {
   });
 }
 
+void group(benchmark::State& state) {
+  eachKey<Order::random>(state, [n = std::uint64_t{3} << 40](Table& table, std::uint64_t key) mutable {
+    if (n % 3 == 0) {
+      table.store.groupBegin();
+    }
+    table.put(key, ++n);
+    if (n % 3 == 0) {
+      table.store.groupEnd([](unsigned, Bytes, Memtab::ChangeKind) {});
+    }
+    return 0u;
+  });
+}
+
+// Memory that outlives the region made of it.
+class Kept final : public Memtab::Backing {
+ public:
+  Kept(int file, std::size_t bytes) : file_(file), bytes_(bytes) {}
+  std::size_t attach(std::byte* base, std::size_t bytes) override {
+    mmap(base, bytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED | MAP_NORESERVE, file_, 0);
+    return bytes_;
+  }
+  bool extend(std::byte*, std::size_t, std::size_t to) override {
+    return ftruncate(file_, static_cast<off_t>(to)) == 0;
+  }
+  void giveBack(std::byte*, std::size_t, std::size_t) override {}
+
+ private:
+  int file_;
+  std::size_t bytes_;
+};
+
+void takeOver(benchmark::State& state) {
+  const int file = memfd_create("table", MFD_CLOEXEC);
+  const auto open = [file](std::size_t bytes) {
+    return Memtab::Region(std::make_unique<Kept>(file, bytes), Memtab::Region::reserveDefault);
+  };
+  std::size_t bytes = 0;
+  {
+    Table table(static_cast<std::size_t>(state.range(0)), open(0));
+    bytes = table.store.bytesMapped();
+  }
+  for (auto _ : state) {
+    const Memtab::Store store(open(bytes), 1, Table::hashes);
+    state.counters["sum"] = static_cast<double>(store.entries(0));
+  }
+  close(file);
+  state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+
 void walk(benchmark::State& state) {
   const Table table(static_cast<std::size_t>(state.range(0)));
   std::uint64_t sum = 0;
@@ -141,6 +194,8 @@ BENCHMARK(get)->Arg(small)->Arg(large)->Unit(benchmark::kMillisecond);
 BENCHMARK(getOrdered)->Arg(small)->Arg(large)->Unit(benchmark::kMillisecond);
 BENCHMARK(absent)->Arg(small)->Arg(large)->Unit(benchmark::kMillisecond);
 BENCHMARK(replace)->Arg(small)->Arg(large)->Unit(benchmark::kMillisecond);
+BENCHMARK(group)->Arg(small)->Arg(large)->Unit(benchmark::kMillisecond);
+BENCHMARK(takeOver)->Arg(small)->Arg(large)->Unit(benchmark::kMillisecond);
 BENCHMARK(walk)->Arg(small)->Arg(large)->Unit(benchmark::kMillisecond);
 BENCHMARK(erase)->Arg(small)->Arg(large)->Unit(benchmark::kMillisecond);
 
