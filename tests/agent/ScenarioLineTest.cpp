@@ -131,17 +131,39 @@ TEST(ScenarioLine, refusesBadConfiguration) {
       {__LINE__, rib(std::string(241, 'a'), ""), "file:1: rib: a name of 241 bytes, at most 240"},
       {__LINE__, rib(std::string(240, 'a'), ""), "accepted"},
       {__LINE__, R"({"rib": "c"})", "file:1: tables: missing"},
-      {__LINE__, rib("c", R"("rsvp": {})"),
-       "file:1: tables.rsvp: not a table that RIBs take (bgpLu, ldp, nexthopGroup, sr, static)"},
       {__LINE__, rib("c", R"("ldp": {"pref": 256})"), "file:1: tables.ldp.pref: 256 is not in 0 to 255"},
       {__LINE__, rib("c", R"("ldp": {"prefs": 1})"), "file:1: tables.ldp.prefs: unknown key"},
       {__LINE__, rib("c", R"("ldp": {}, "ldp": {})"), "file:1: tables.ldp: given twice"},
+      {__LINE__, R"({"rib": "c", "rib": "d", "tables": {}})", "file:1: rib: given twice"},
+      {__LINE__, R"({"rib": "c", "tables": {}, "tables": {}})", "file:1: tables: given twice"},
+      {__LINE__, rib("c", R"("ldp": {"pref": 1, "pref": 2})"), "file:1: tables.ldp.pref: given twice"},
+      {__LINE__, rib("c", R"("ldp": {"pref": -1})"), "file:1: tables.ldp.pref: -1 is not in 0 to 255"},
+      {__LINE__, rib("c", R"("ldp": {"pref": 1.5})"), "file:1: tables.ldp.pref: not an integer"},
+      {__LINE__, rib("c", R"("ldp": {"pref": null})"), "file:1: tables.ldp.pref: not an integer"},
+      {__LINE__, rib("c", R"("ldp": {"pref": 0}, "sr": {"pref": 255})"), "accepted"},
+      {__LINE__, rib("c", R"("ldp": 7)"), "file:1: tables.ldp: not an object"},
+      {__LINE__, rib("c", R"("LDP": {})"),
+       "file:1: tables.LDP: not a table that RIBs take (bgpLu, ldp, nexthopGroup, sr, static)"},
+      {__LINE__, R"({"rib": "c", "tables": ["ldp"]})", "file:1: tables: not an object"},
+      {__LINE__, R"({"rib": 1, "tables": {}})", "file:1: rib: not a string"},
+      {__LINE__, R"({"ribDelete": ""})", "file:1: ribDelete: an empty name"},
+      {__LINE__, R"({"ribDelete": ")" + std::string(241, 'a') + "\"}",
+       "file:1: ribDelete: a name of 241 bytes, at most 240"},
+      {__LINE__, R"({"mount": "vxlan"})", "file:1: mount: 'vxlan' is not a tunnel table"},
       {__LINE__, rib("system", R"("ldp": {"pref": 1})"),
        "file:1: tables.ldp.pref: the system RIB takes no preferences"},
       {__LINE__, R"({"checkpoint": "a/b"})", "file:1: checkpoint: a checkpoint's name with '/'"},
       {__LINE__, R"({"mount": 1})", "file:1: mount: not a string"},
       {__LINE__, R"({"bgpLuConverged": 1})", "file:1: bgpLuConverged: neither true nor false"},
   });
+  for (const char* const table : {"bgpLuPush", "rsvp", "srTeSegmentList", "tiLfa", "greTunnelInterface",
+                                  "ipsecVtiTunnelInterface", "ipsecGreTunnelInterface"}) {
+    for (const char* const name : {"c", "system"}) {
+      EXPECT_EQ(verdict(rib(name, '"' + std::string(table) + R"(": {})")),
+                std::string("file:1: tables.") + table +
+                    ": not a table that RIBs take (bgpLu, ldp, nexthopGroup, sr, static)");
+    }
+  }
 }
 
 // Fails if a bound moves by one, if an integer passes through a double, or if a float is taken for an integer.
