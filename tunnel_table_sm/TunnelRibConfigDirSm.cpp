@@ -91,6 +91,13 @@ void TunnelRibConfigDirSm::handleRibConfig(const std::string& name) {
   const Zol::Ptr<TunnelRib> tunnelRib = id == 0 ? systemTunnelRib_ : mountCustomRib(id);
   tunnelRib->idIs(id);
   createTunnelRibSm(config, tunnelRib);
+  // Whoever read what the new reactor wrote may have changed the configuration: then that reactor came too late.
+  if (const Zol::PtrConst<TunnelRibConfig> present = tunnelRibConfigDir_->config(name); !(present == config)) {
+    if (!present) {
+      tunnelRibSmDel(id);
+    }
+    handleRibConfig(name);
+  }
 }
 
 Zol::Ptr<TunnelRib> TunnelRibConfigDirSm::mountCustomRib(TunnelRibId id) const {

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
+
 #include "tests/support/RibScene.h"
 
 namespace Tunnel::TunnelTable {
@@ -77,6 +79,35 @@ TEST(RibLifecycle, idsAreUniqueAndReleased) {
   scene.configDir->configDel("system");
   scene.configure("e", {});
   EXPECT_EQ(ids(), "b2 d4 e3 renamed1 ") << "0 is the system RIB's, configured or not";
+}
+
+// Fails if a reader that changes the configuration while the RIB is put right is overtaken by what it replaced.
+TEST(RibLifecycle, aReaderMayConfigureTheRibThatItReads) {
+  struct Reader : Zol::Listener<Ipkit::IpGenPrefix> {
+    explicit Reader(std::function<void()> what) : act(std::move(what)) {}
+    void listen(const TunnelRib& rib) { channelIs(&rib.entryChannel()); }
+    void onKey(const Ipkit::IpGenPrefix&) override {
+      channelIs(nullptr);
+      act();
+    }
+    const std::function<void()> act;
+  };
+  RibScene scene;
+  scene.ldp(1, a);
+  scene.sr(1, a);
+  scene.configure("te", {{Id::ldp, 10}});
+  scene.settle();
+  Reader configures([&scene] { scene.configure("te", {{Id::sr, 30}}); });
+  configures.listen(*scene.rib("te"));
+  scene.configure("te", {{Id::ldp, 20}});
+  scene.settle();
+  EXPECT_EQ(scene.shown(a, "te"), "30: srTunnel/1");
+  Reader removes([&scene] { scene.configDir->configDel("te"); });
+  removes.listen(*scene.rib("te"));
+  scene.configure("te", {{Id::ldp, 20}});
+  scene.settle();
+  EXPECT_EQ(scene.configDirSm->tunnelRibSm().size(), 1U);
+  EXPECT_FALSE(scene.ribIds->tunnelRibId("te"));
 }
 
 // A change of one tunnel concerns the RIBs that take its table and no other, however many there are.
