@@ -51,7 +51,9 @@ struct Region::Mapping : Extent {
   }
 
   ~Mapping() {
-    if (start != nullptr && backing->isAttached()) {
+    const bool isOurs = start != nullptr && backing->isAttached();
+    backing.reset();  // before others may get its addresses
+    if (isOurs) {
       munmap(start, mapped);
     }
   }

@@ -62,14 +62,17 @@ TEST(MemtabDoorbell, wakesWhoSleeps) {
     _exit(follow(scene.path, shared, last));
   }
   Random random(1);
-  for (uint64_t n = 1; n <= last; ++n) {
-    shared.published.store(n, std::memory_order_release);
-    ringer.ring();
-    const unsigned kind = random() % 8;
-    for (unsigned i = 0; kind < 6 && i < (1u << 2 * kind); ++i) {
+  const auto isChildGone = [child] {
+    siginfo_t ended{};
+    return waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOHANG | WNOWAIT) == 0 && ended.si_pid != 0;
+  };
+  for (uint64_t n = 1; n <= last && shared.seen == n - 1; ++n) {
+    for (unsigned i = random() % 2048; i > 0; --i) {  // the reader is about to fall asleep
       asm volatile("");
     }
-    for (int i = 0; kind == 7 && i < 1000000 && shared.seen != n; ++i) {
+    shared.published.store(n, std::memory_order_release);
+    ringer.ring();
+    while (shared.seen != n && !isChildGone()) {
     }
   }
   int status = 0;

@@ -12,6 +12,16 @@ class FollowerScene {
   Reader reader;
 };
 
+// Damages the record of key, or mends it.
+void flipByteOf(const Store& store, uint64_t key) {
+  static size_t offset = 0;  // of the last record that was found whole
+  const Lookup found = store.reader().get(0, numberHashes[0](bytesOf(key)), bytesOf(key));
+  if (found.state == Found::found) {
+    offset = size_t{unitsOf(found.word)} * unitBytes + sizeof(uint64_t) + sizeof key;
+  }
+  const_cast<std::byte*>(store.view().base)[offset] ^= std::byte{1};
+}
+
 // Random writes with polls of random size in between. Fails if a change is lost or reported twice, if nothing changed
 // and something is reported, or if another collection's changes are mistaken for ours.
 TEST(MemtabFollower, mirrorEqualsTable) {
@@ -60,7 +70,7 @@ TEST(MemtabFollower, mirrorEqualsTable) {
   EXPECT_GT(compared, 50u);
 }
 
-// A reader polls a little now and then while another process makes a million changes. Fails if it does not end with
+// A reader polls a little now and then while a writer makes a million changes. Fails if it does not end with
 // the exact table.
 TEST(MemtabFollower, sleepsThroughAMillionChanges) {
   StateDirectoryScene files;
@@ -151,6 +161,40 @@ TEST(MemtabFollower, damageIsNotAbsence) {
     EXPECT_TRUE(mirror.settle().empty());
     EXPECT_TRUE(mirror.damages.empty());
   }
+  put(scene.store, 7, "unreadable");
+  flipByteOf(scene.store, 7);
+  EXPECT_TRUE(mirror.settle().empty());
+  EXPECT_TRUE(mirror.follower.knows(7));
+  EXPECT_EQ(mirror.damages.size(), 1u);
+  flipByteOf(scene.store, 7);
+  mirror.rebind(scene.reader);
+  EXPECT_EQ(mirror.settle(), std::set<uint64_t>{7});
+}
+
+// Fails if a key that a successor found unreadable, and took out, stays known.
+TEST(MemtabFollower, successorTakesOut) {
+  StateDirectoryScene files;
+  std::optional<WriterFile> file;
+  file.emplace(files.path, "table", fileFingerprint, 2);
+  std::optional<Store> store;
+  store.emplace(file->region(), fileFingerprint, numberHashes);
+  for (uint64_t key = 0; key < 100; ++key) {
+    put(*store, key, std::to_string(key));
+  }
+  file->publish();
+  const ReaderFile readerFile(files.path, "table", fileFingerprint, 2);
+  const Reader reader(readerFile.view(), numberHashes);
+  Mirror mirror(reader);
+  mirror.settle();
+  flipByteOf(*store, 7);
+  const uint64_t sequence = store->sequence();
+  store.reset();
+  file.reset();
+  file.emplace(files.path, "table", fileFingerprint, 2);
+  store.emplace(file->region(), fileFingerprint, numberHashes);
+  EXPECT_EQ(store->sequence(), sequence);
+  EXPECT_EQ(mirror.settle(), std::set<uint64_t>{7});
+  EXPECT_TRUE(mirror.numbers == numbersIn(reader));
 }
 
 // Fails if after a change of the file anything but the difference is reported.

@@ -95,7 +95,6 @@ class KillScene {
       }
       look();
     }
-    takeOverSlowest = std::max(takeOverSlowest, progress->isOpen ? 0.0 : seconds(Clock::now() - forked));
   }
 
   void look() {
@@ -154,10 +153,6 @@ class KillScene {
       }
     }
   }
-  template <class D>
-  static double seconds(D duration) {
-    return std::chrono::duration<double>(duration).count();
-  }
 
   StateDirectoryScene files;
   Progress* progress;
@@ -167,7 +162,6 @@ class KillScene {
   Numbers model;
   uint64_t counted = 0;  // changes in the model
   size_t cutShort = 0;
-  double takeOverSlowest = 0;
 };
 
 // Fails if a reader meets a mixed record, damage or a hang, if a complete change is lost, or if what a death leaves
