@@ -22,6 +22,8 @@ class TunnelFibViaCalcResult {
   explicit TunnelFibViaCalcResult(std::uint32_t value) : value_(value) { checkValue(); }
 
   std::uint32_t value() const { return value_; }
+  // The flag whose name has that place in flagNames.
+  bool flag(unsigned bit) const { return (value_ >> bit & 1U) != 0; }
 
   // A next level is still to be reviewed and has no vias yet.
   bool recTunNotReady() const { return flag(0); }
@@ -52,7 +54,6 @@ class TunnelFibViaCalcResult {
   friend void parseValue(Zol::TextCursor& in, TunnelFibViaCalcResult& result);
 
  private:
-  bool flag(unsigned bit) const { return (value_ >> bit & 1U) != 0; }
   void flagIs(unsigned bit, bool on) { value_ = on ? value_ | 1U << bit : value_ & ~(1U << bit); }
   void checkValue() const;
 

@@ -58,23 +58,21 @@ void TunnelRibBuilderSm::updateTunnelRibEntry(const TunnelId& tunnelId) {
 
 RibAdmission TunnelRibBuilderSm::admission(const EncapsulatedTableEntry& entry) const {
   const TunnelId& id = entry.tunnelId();
-  const bool isBarred = isUnprogrammable(id);
-  if (isBarred) {
-    FASTLOG_TRACE(8, id << " is unprogrammable");
-  }
+  RibAdmission result = RibAdmission::admitted;
   if (!contributeToTunnelRib(id.tunnelType())) {
-    return RibAdmission::otherType;
+    result = RibAdmission::otherType;
+  } else if (!entry.hasEntry()) {
+    result = RibAdmission::noTableEntry;
+  } else if (!entry.entry().tep()) {
+    result = RibAdmission::noTep;
+  } else if (!contributes(entry)) {
+    result = RibAdmission::notContributing;
   }
-  if (!entry.hasEntry()) {
-    return RibAdmission::noTableEntry;
+  if (isUnprogrammable(id)) {
+    FASTLOG_TRACE(8, id << " is unprogrammable");
+    result = result == RibAdmission::admitted ? RibAdmission::unprogrammable : result;
   }
-  if (!entry.entry().tep()) {
-    return RibAdmission::noTep;
-  }
-  if (!contributes(entry)) {
-    return RibAdmission::notContributing;
-  }
-  return isBarred ? RibAdmission::unprogrammable : RibAdmission::admitted;
+  return result;
 }
 
 TunnelEntryPref TunnelRibBuilderSm::getPreference(const TunnelTableEntry& entry) const {
