@@ -130,17 +130,7 @@ void ChangeReport::write(std::ostream& out, const std::string& title, bool isCol
 }
 
 std::string summaryOf(const Model::TunnelRibEntry& entry) {
-  const std::vector<Model::TunnelId> ids = sortedTunnelIds(entry);
-  constexpr std::size_t all = 4;
-  const std::size_t shown = ids.size() > all ? all - 1 : ids.size();
-  std::string words;
-  for (std::size_t i = 0; i < shown; ++i) {
-    words += (i == 0 ? "" : ", ") + Zol::stringOf(ids[i]);
-  }
-  if (shown < ids.size()) {
-    words += " and " + std::to_string(ids.size() - shown) + " more";
-  }
-  return words + " (" + std::to_string(entry.pref()) + ")";
+  return listOf(sortedTunnelIds(entry), 4) + " (" + std::to_string(entry.pref()) + ")";
 }
 
 }  // namespace Agent

@@ -25,8 +25,17 @@ struct Texts {
   std::string state;
   std::string rib;
   std::string tep;
+  std::vector<std::string> waysOf;
+  std::vector<std::string> askedWhy;
   std::vector<std::string> traces;
 };
+
+void addTunnelIds(CLI::App& app, const std::string& name, std::vector<std::string>& ids, const std::string& help) {
+  app.add_option(name, ids, help)
+      ->type_size(1)
+      ->allow_extra_args(false)
+      ->check(accepted("ID", [](const std::string& text) { Tunnel::TunnelTable::TunnelId::fromText(text); }));
+}
 
 void addRunOptions(CLI::App& app, RunOptions& options, Texts& texts) {
   app.add_option("SCENARIO", options.scenarios, "Files to apply, one after the other; - is standard input")->required();
@@ -34,6 +43,8 @@ void addRunOptions(CLI::App& app, RunOptions& options, Texts& texts) {
   app.add_option("--rib", texts.rib, "Show this RIB only")->type_name("NAME");
   app.add_option("--tep", texts.tep, "Show this tunnel endpoint only")
       ->check(accepted("PREFIX", [](const std::string& text) { Ipkit::IpGenPrefix::fromText(text); }));
+  addTunnelIds(app, "--tunnel", texts.waysOf, "Show the way of this tunnel to its next hops");
+  addTunnelIds(app, "--why", texts.askedWhy, "Say why this tunnel is, or is not, in the FIB and in the RIBs");
   CLI::Option* const checkpoints =
       app.add_option("--checkpoints", options.checkpointDirectory, "Write the document of each checkpoint to DIR")
           ->type_name("DIR");
@@ -58,6 +69,15 @@ RunOptions complete(RunOptions options, const CLI::App& app, const Texts& texts)
   if (app.count("--tep") > 0) {
     options.filter.tep = Ipkit::IpGenPrefix::fromText(texts.tep);
   }
+  for (const std::string& id : texts.waysOf) {
+    options.waysOf.push_back(Tunnel::TunnelTable::TunnelId::fromText(id));
+  }
+  for (const std::string& id : texts.askedWhy) {
+    options.askedWhy.push_back(Tunnel::TunnelTable::TunnelId::fromText(id));
+  }
+  if (options.wantsState && options.stateFile.empty() && options.waysOf.size() + options.askedWhy.size() > 0) {
+    throw CLI::ValidationError("--state", "prints nothing else; --tunnel and --why need --state=FILE");
+  }
   for (const std::string& trace : texts.traces) {
     options.traces.push_back(Fastlog::TraceSetting::parse(trace));
   }
@@ -77,10 +97,10 @@ CommandLine CommandLine::parse(int argc, const char* const* argv) {
   addRunOptions(*run, options, texts);
   try {
     app.parse(argc, argv);
+    return {complete(std::move(options), *run, texts), exitDone};
   } catch (const CLI::ParseError& error) {
     return {std::nullopt, app.exit(error) == 0 ? exitDone : exitBadInput};
   }
-  return {complete(std::move(options), *run, texts), exitDone};
 }
 
 }  // namespace Agent

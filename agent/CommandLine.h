@@ -23,7 +23,9 @@ struct RunOptions {
   bool wantsState = false;
   std::string stateFile;  // empty: standard output
   DocumentFilter filter;
-  std::string checkpointDirectory;  // empty: no checkpoints are written
+  std::vector<Tunnel::TunnelTable::TunnelId> waysOf;    // --tunnel
+  std::vector<Tunnel::TunnelTable::TunnelId> askedWhy;  // --why
+  std::string checkpointDirectory;                      // empty: no checkpoints are written
   bool checkpointsEachSettle = false;
   std::optional<std::uint64_t> yieldEvery;  // units of work
   std::vector<Fastlog::TraceSetting> traces;

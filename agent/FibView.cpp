@@ -11,14 +11,6 @@ namespace {
 
 namespace Model = Tunnel::TunnelTable;
 
-std::vector<Ipkit::MplsLabelOperation::Label> topFirst(const Ipkit::MplsLabelOperation& operation) {
-  std::vector<Ipkit::MplsLabelOperation::Label> labels;
-  for (std::size_t i = operation.stackSize(); i > 0; --i) {
-    labels.push_back(operation.label(i - 1));
-  }
-  return labels;
-}
-
 // Documents sort label stacks as they show them, so that whoever writes such a document need not know how a stack is
 // kept.
 bool isBefore(const FibVia& left, const FibVia& right) {
@@ -59,34 +51,6 @@ void addInfo(OrderedJson& json, const Info& info) {
   }
 }
 
-OrderedJson viasJson(const Fib::TunnelFib& fib, const Fib::TunnelViaArray& vias) {
-  OrderedJson json = OrderedJson::array();
-  for (const FibVia& each : sortedVias(fib, vias)) {
-    OrderedJson encap = {{"type", Fib::stringValue(each.encapId.encapType())}};
-    if (each.isEncapMissing) {
-      encap["missing"] = Zol::stringOf(each.encapId);
-    } else {
-      Model::withEncapKind(each.encapId.encapType(), [&](auto kind) { addInfo(encap, (each.via.*kind.info)()); });
-    }
-    json.push_back({{"nextHop", Zol::stringOf(each.via.via().nextHop())},
-                    {"intf", Zol::stringOf(each.via.via().intf())},
-                    {"encap", std::move(encap)}});
-  }
-  return json;
-}
-
-std::string summaryOf(const FibVia& via) {
-  std::string words = Zol::stringOf(via.via.via().intf());
-  if (!!via.via.via().nextHop()) {
-    words += " " + Zol::stringOf(via.via.via().nextHop());
-  }
-  if (via.encapId.encapType() == Fib::EncapType::labelStack) {
-    return words + " " + textOf(topFirst(via.via.labelStack()));
-  }
-  return via.encapId.encapType() == Fib::EncapType::invalid ? words
-                                                            : words + " " + Fib::stringValue(via.encapId.encapType());
-}
-
 std::string summaryOf(const Fib::TunnelFib& fib, const Fib::TunnelViaArray& vias) {
   constexpr std::size_t shownMax = 2;
   const std::vector<FibVia> sorted = sortedVias(fib, vias);
@@ -98,6 +62,14 @@ std::string summaryOf(const Fib::TunnelFib& fib, const Fib::TunnelViaArray& vias
 }
 
 }  // namespace
+
+std::vector<Ipkit::MplsLabelOperation::Label> topFirst(const Ipkit::MplsLabelOperation& operation) {
+  std::vector<Ipkit::MplsLabelOperation::Label> labels;
+  for (std::size_t i = operation.stackSize(); i > 0; --i) {
+    labels.push_back(operation.label(i - 1));
+  }
+  return labels;
+}
 
 std::vector<FibVia> sortedVias(const Fib::TunnelFib& fib, const Fib::TunnelViaArray& vias) {
   std::vector<FibVia> sorted;
@@ -132,10 +104,26 @@ std::map<Fib::EncapId, std::uint32_t> encapRefCounts(const Fib::TunnelFib& fib) 
   return counts;
 }
 
+OrderedJson viasJson(const std::vector<FibVia>& vias) {
+  OrderedJson json = OrderedJson::array();
+  for (const FibVia& each : vias) {
+    OrderedJson encap = {{"type", Fib::stringValue(each.encapId.encapType())}};
+    if (each.isEncapMissing) {
+      encap["missing"] = Zol::stringOf(each.encapId);
+    } else {
+      Model::withEncapKind(each.encapId.encapType(), [&](auto kind) { addInfo(encap, (each.via.*kind.info)()); });
+    }
+    json.push_back({{"nextHop", Zol::stringOf(each.via.via().nextHop())},
+                    {"intf", Zol::stringOf(each.via.via().intf())},
+                    {"encap", std::move(encap)}});
+  }
+  return json;
+}
+
 OrderedJson fibEntryJson(const Fib::TunnelFib& fib, const Fib::TunnelFibEntry& entry) {
   return {{"tunnel", Zol::stringOf(entry.tunnelId())},
-          {"vias", viasJson(fib, entry.tunnelVia())},
-          {"backupVias", viasJson(fib, entry.backupTunnelVia())}};
+          {"vias", viasJson(sortedVias(fib, entry.tunnelVia()))},
+          {"backupVias", viasJson(sortedVias(fib, entry.backupTunnelVia()))}};
 }
 
 OrderedJson encapJson(const Fib::TunnelFib& fib, const Fib::EncapId& id, std::uint32_t refCount) {
@@ -143,6 +131,20 @@ OrderedJson encapJson(const Fib::TunnelFib& fib, const Fib::EncapId& id, std::ui
   const FibVia via = fibVia(fib, Fib::TunnelVia(Model::Via(), id));
   Model::withEncapKind(id.encapType(), [&](auto kind) { addInfo(json, (via.via.*kind.info)()); });
   return json;
+}
+
+std::string summaryOf(const Model::Via& via) {
+  const std::string intf = Zol::stringOf(via.intf());
+  return !via.nextHop() ? intf : intf + " " + Zol::stringOf(via.nextHop());
+}
+
+std::string summaryOf(const FibVia& via) {
+  const std::string words = summaryOf(via.via.via());
+  if (via.encapId.encapType() == Fib::EncapType::labelStack) {
+    return words + " " + textOf(topFirst(via.via.labelStack()));
+  }
+  return via.encapId.encapType() == Fib::EncapType::invalid ? words
+                                                            : words + " " + Fib::stringValue(via.encapId.encapType());
 }
 
 std::string summaryOf(const Fib::TunnelFib& fib, const Fib::TunnelFibEntry& entry) {

@@ -19,6 +19,9 @@ struct FibVia {
   bool isEncapMissing = false;
 };
 
+// The labels as documents show them.
+std::vector<Ipkit::MplsLabelOperation::Label> topFirst(const Ipkit::MplsLabelOperation& operation);
+
 // By interface, next hop, encapsulation type, labels from the top, and what else wraps the packets.
 std::vector<FibVia> sortedVias(const Fib::TunnelFib& fib, const Fib::TunnelViaArray& vias);
 
@@ -28,11 +31,16 @@ std::vector<Fib::EncapId> sortedEncapIds(const Fib::TunnelFib& fib);
 // For each encapsulation id the number of vias, primary and backup, that carry it. O(FIB).
 std::map<Fib::EncapId, std::uint32_t> encapRefCounts(const Fib::TunnelFib& fib);
 
+// [{"nextHop": ..., "intf": ..., "encap": {...}}, ...].
+OrderedJson viasJson(const std::vector<FibVia>& vias);
 // {"tunnel": ..., "vias": [...], "backupVias": [...]}, each of the two sorted.
 OrderedJson fibEntryJson(const Fib::TunnelFib& fib, const Fib::TunnelFibEntry& entry);
 // {"id": ..., "refCount": ..., then the fields of the record}.
 OrderedJson encapJson(const Fib::TunnelFib& fib, const Fib::EncapId& id, std::uint32_t refCount);
 
+// "if12 192.0.2.1", without the address where there is none; with the encapsulation behind it.
+std::string summaryOf(const Tunnel::TunnelTable::Via& via);
+std::string summaryOf(const FibVia& via);
 // "if12 192.0.2.1 [300123], if13 192.0.2.5 [300123] backup if14 192.0.2.9 []"; of many vias the first and their number.
 std::string summaryOf(const Fib::TunnelFib& fib, const Fib::TunnelFibEntry& entry);
 

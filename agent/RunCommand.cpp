@@ -8,6 +8,7 @@
 #include <system_error>
 #include <utility>
 
+#include "agent/ExplanationText.h"
 #include "agent/Summary.h"
 #include "agent/Terminal.h"
 #include "runtime/Fastlog/TraceRegistry.h"
@@ -125,12 +126,35 @@ void RunCommand::writeCheckpoint(const std::string& name) {
             [this](std::ostream& out) { writeStateDocument(out, host_, options_.filter); });
 }
 
-void RunCommand::writeResult() {
+// What the options name must be there at the end; only --why also explains what is not.
+void RunCommand::refuseAbsent() const {
   if (options_.filter.rib && !host_.ribIds()->tunnelRibId(*options_.filter.rib)) {
     throw InputError("--rib", "no RIB '" + printable(*options_.filter.rib) + "' at the end");
   }
+  for (const Model::TunnelId& tunnel : options_.waysOf) {
+    if (host_.fibSm()->finding(tunnel).result.tunnelTableEntryDeleted()) {
+      throw InputError("--tunnel", "no table entry of " + Zol::stringOf(tunnel) + " at the end");
+    }
+  }
+}
+
+void RunCommand::writeExplanations() const {
+  const auto explained = [this](const Model::TunnelId& tunnel, Follow follow) {
+    return explain(*host_.fibSm(), *host_.ribConfigDirSm(), *host_.ribIds(), tunnel, follow);
+  };
+  for (const Model::TunnelId& tunnel : options_.waysOf) {
+    writeWay(std::cout, explained(tunnel, Follow::ways), isColoured_);
+  }
+  for (const Model::TunnelId& tunnel : options_.askedWhy) {
+    writeWhy(std::cout, explained(tunnel, Follow::causes), isColoured_);
+  }
+}
+
+void RunCommand::writeResult() {
+  refuseAbsent();
   if (talks_) {
     writeSummary(std::cout, host_, isColoured_);
+    writeExplanations();
   }
   if (options_.wantsState && options_.stateFile.empty()) {
     writeStateDocument(std::cout, host_, options_.filter);

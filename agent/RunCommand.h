@@ -37,6 +37,8 @@ class RunCommand {
   void tellChanges(const std::string& title);
   void writeCheckpoint(const std::string& name);
   void writeResult();
+  void refuseAbsent() const;
+  void writeExplanations() const;
 
   const RunOptions options_;
   const bool talks_;  // to people, on standard output

@@ -190,4 +190,13 @@ std::vector<Model::TunnelId> sortedTunnelIds(const Model::TunnelRibEntry& entry)
   return ids;
 }
 
+std::string listOf(const std::vector<Model::TunnelId>& ids, std::size_t max) {
+  const std::size_t shown = ids.size() > max ? max - 1 : ids.size();
+  std::string words;
+  for (std::size_t i = 0; i < shown; ++i) {
+    words += (i == 0 ? "" : ", ") + Zol::stringOf(ids[i]);
+  }
+  return shown < ids.size() ? words + " and " + std::to_string(ids.size() - shown) + " more" : words;
+}
+
 }  // namespace Agent

@@ -34,5 +34,7 @@ std::vector<typename Map::Key> sortedKeys(const Map& map) {
 }
 
 std::vector<Model::TunnelId> sortedTunnelIds(const Model::TunnelRibEntry& entry);
+// "ldpTunnel/1, ldpTunnel/2"; of more than max ids the first and how many more there are.
+std::string listOf(const std::vector<Model::TunnelId>& ids, std::size_t max);
 
 }  // namespace Agent

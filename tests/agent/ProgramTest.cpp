@@ -84,6 +84,17 @@ TEST_F(Program, exitStatusTellsWhatWentWrong) {
            {__LINE__, "run --nothing " + good, 2, "--nothing"},
            {__LINE__, "run --tep 10.0.0.5/8 " + good, 2, "--tep"},
            {__LINE__, "run --rib c1 " + good, 2, "no RIB 'c1'"},
+           {__LINE__, "run --tunnel ldpTunnel/5 " + good, 0,
+            "ldpTunnel/5 to 10.0.0.5/32\n└─ if12 192.0.2.1 [300123]\n"},
+           {__LINE__, "run --tunnel ldpTunnel/6 " + good, 2, "--tunnel: no table entry of ldpTunnel/6 at the end"},
+           {__LINE__, "run --tunnel ldp/5 " + good, 2, "--tunnel: 'ldp' is not a tunnel type"},
+           {__LINE__, "run --why 5 " + good, 2, "--why: '5' is not a tunnel id"},
+           {__LINE__, "run --why ldpTunnel/17592186044416 " + good, 2, "--why"},
+           {__LINE__, "run --why ldpTunnel/6 --why ldpTunnel/5 " + good, 0,
+            "why ldpTunnel/6\n├─ not in the FIB, no entry in table ldp\n└─ RIBs\n   └─ system: no entry in table ldp\n"
+            "why ldpTunnel/5\n├─ in the FIB with 1 via\n"},
+           {__LINE__, "run --state --why ldpTunnel/5 " + good, 2, "--tunnel and --why need --state=FILE"},
+           {__LINE__, "run --state=" + file("s.json") + " --why ldpTunnel/5 " + good, 0, "why ldpTunnel/5\n"},
            {__LINE__, "run --trace ldp " + good, 2, "--trace"},
            {__LINE__, "run --yield-every 0 " + good, 2, "--yield-every"},
            {__LINE__, "run --checkpoint-each-settle " + good, 2, "--checkpoints"},
@@ -117,6 +128,19 @@ TEST_F(Program, filesFollowEachOther) {
   EXPECT_EQ(read(file("a/b/second-2.json")), both.output);
   EXPECT_EQ(run("run " + first + " --state=" + file("state.json")).status, 0);
   EXPECT_EQ(read(file("state.json")), state.output);
+}
+
+// Fails if the explanations that the manual shows are not those that the program gives.
+TEST_F(Program, explainsAsDocumented) {
+  const std::string manual = read(TEST_DATA_DIR "/../../docs/running.md");
+  for (const auto& [option, begin] :
+       {std::pair("--tunnel srTunnel/9", "\nsrTunnel/9 to"), std::pair("--why srTunnel/8", "\nwhy srTunnel/8")}) {
+    const Result result = run(std::string("run " TEST_DATA_DIR "/explain/lab.jsonl ") + option);
+    ASSERT_EQ(result.status, 0) << result.output;
+    const std::size_t at = result.output.find(begin);
+    ASSERT_NE(at, std::string::npos) << result.output;
+    EXPECT_NE(manual.find(result.output.substr(at) + "```"), std::string::npos) << result.output;
+  }
 }
 
 // The lab router that the captured scenario comes from forwards what the agent computes for it.
