@@ -168,9 +168,20 @@ uint32_t Allocator::allocate(size_t bytes) {
   if (at == nowhere) {
     at = search(units);
   }
+  return handOut(at == nowhere ? extend(units) : at, units);
+}
+
+uint32_t Allocator::allocateInside(size_t bytes) {
+  const size_t sizeClass = Allocator::sizeClass(bytes);
+  const size_t units = classBytes(sizeClass) / unitBytes;
+  size_t at = reuse(sizeClass, units);
   if (at == nowhere) {
-    at = extend(units);
+    at = search(units);
   }
+  return at == nowhere ? 0 : handOut(at, units);
+}
+
+uint32_t Allocator::handOut(size_t at, size_t units) {
   mark(at, at + units, true);
   used_ += units * unitBytes;
   return static_cast<uint32_t>(at);

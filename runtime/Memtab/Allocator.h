@@ -30,6 +30,8 @@ class Allocator {
 
   // The first unit of a piece of at least bytes. Throws NoSpace; then nothing changed.
   uint32_t allocate(size_t bytes);
+  // The same without the region growing; 0: there is no room.
+  uint32_t allocateInside(size_t bytes);
   // Requires: allocate(bytes), or one of the same class, gave units. The piece may be handed out again at once.
   void release(uint32_t units, size_t bytes);
   // As if allocate(bytes) had given the piece at offset. False, and nothing changed: it is not wholly free, or not
@@ -71,6 +73,7 @@ class Allocator {
 
   std::vector<uint32_t>& hints(size_t sizeClass);
   size_t reuse(size_t sizeClass, size_t units);
+  uint32_t handOut(size_t at, size_t units);
 
   Region* region_;
   std::vector<uint64_t> bits_;

@@ -11,8 +11,8 @@
 // empty word otherwise. A block whose checksum fails is never given back, since its length may be a lie: a few
 // bytes stay unused until the region is opened again.
 //
-// IndexWrite.h has put and delete, IndexGrowth.h what happens to segments and directories, IndexTakeOver.h how a
-// successor finds its way.
+// IndexWrite.h has put and delete, IndexGrowth.h what happens to segments and directories, IndexCompaction.h how they
+// and the blocks move to the front of the region, IndexTakeOver.h how a successor finds its way.
 #pragma once
 
 #include <array>
@@ -34,6 +34,13 @@ enum class PutResult : uint8_t { inserted, replaced, unchanged };
 struct Probe {
   std::optional<size_t> standing, damaged, free;
   std::optional<size_t> taken() const { return standing ? standing : damaged; }
+};
+
+// How far a compaction has come in a collection: everything before it lies below the limit.
+struct Compacted {
+  uint64_t hash = 0;
+  uint64_t segment = 0;  // the Place of the segment at hash, and the next slot to look at if it is still that one
+  size_t slot = 0;
 };
 
 template <class Stores>
@@ -71,6 +78,11 @@ class Index {
   // Stores the index word. found: of this key, now.
   PutResult publish(uint64_t hash, const Probe& found, uint64_t word);
   void erase(uint64_t hash, const Probe& found);
+
+  // Moves pieces from behind limit to the front, from place on, as long as effort (about a bucket's worth of words, or
+  // an eighth of a block, a unit) lasts. noRoom: a piece cannot be moved. See IndexCompaction.h.
+  enum class Compaction : uint8_t { more, done, noRoom };
+  Compaction compact(size_t limit, Compacted& place, size_t& effort);
 
   // Taking over what a predecessor left; see IndexTakeOver.h.
   void examineStructure(std::vector<Damage>& damages);
@@ -137,6 +149,11 @@ class Index {
   void name(size_t first, const Segment& segment);
   void drop(Place segment);
 
+  bool moveDirectory();
+  bool moveSegment(size_t first);
+  bool moveBlock(size_t slot);
+  Compaction compactSegment(size_t first, size_t limit, Compacted& place, size_t& effort);
+
   std::vector<Place> placesInRegion() const;
   void cover(size_t first, size_t behind, const Segment& segment);
   void examineSegment(size_t first, std::vector<Damage>& damages);
@@ -159,6 +176,7 @@ class Index {
 
 }  // namespace Memtab
 
-#include "runtime/Memtab/IndexGrowth.h"    // IWYU pragma: export
-#include "runtime/Memtab/IndexTakeOver.h"  // IWYU pragma: export
-#include "runtime/Memtab/IndexWrite.h"     // IWYU pragma: export
+#include "runtime/Memtab/IndexCompaction.h"  // IWYU pragma: export
+#include "runtime/Memtab/IndexGrowth.h"      // IWYU pragma: export
+#include "runtime/Memtab/IndexTakeOver.h"    // IWYU pragma: export
+#include "runtime/Memtab/IndexWrite.h"       // IWYU pragma: export

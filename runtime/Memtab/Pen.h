@@ -5,6 +5,7 @@
 // changed. All stores are releases, so whoever reads a later one sees the earlier ones.
 #pragma once
 
+#include <algorithm>
 #include <span>
 #include <utility>
 
@@ -34,6 +35,12 @@ class Pen {
     }
   }
 
+  void copy(size_t to, size_t from, size_t words) {
+    for (size_t i = 0; i < words; ++i) {
+      store(to + i * sizeof(uint64_t), load(from + i * sizeof(uint64_t)));
+    }
+  }
+
   // The writer reads its own stores, so plain reads race with nobody.
   const std::byte* bytes(size_t offset) const { return base_ + offset; }
   const Word* words(size_t offset) const { return reinterpret_cast<const Word*>(bytes(offset)); }
@@ -45,7 +52,14 @@ class Pen {
     publishSize();
     return units;
   }
+  uint32_t allocateInside(size_t bytes) { return allocator_.allocateInside(bytes); }
   void release(uint32_t units, size_t bytes) { allocator_.release(units, bytes); }
+  // Gives back what lies behind the last piece and behind bytes.
+  void shrink(size_t bytes) {
+    region_.shrinkTo(std::max(bytes, allocator_.end()));
+    allocator_.regionShrunk();
+    publishSize();
+  }
   void publishSize() {
     if (region_.size() != publishedSize_) {
       publishedSize_ = region_.size();
@@ -79,6 +93,8 @@ template <class Stores>
 class Claim {
  public:
   Claim(Pen<Stores>& pen, size_t bytes) : pen_(&pen), bytes_(bytes), units_(pen.allocate(bytes)) {}
+  // Takes over a piece that was had already.
+  Claim(Pen<Stores>& pen, size_t bytes, uint32_t units) : pen_(&pen), bytes_(bytes), units_(units) {}
   Claim(const Claim&) = delete;
   Claim& operator=(const Claim&) = delete;
   ~Claim() {

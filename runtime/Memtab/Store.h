@@ -40,6 +40,7 @@ struct StoreOptions {
   unsigned ringSlotsLog2 = 12;  // 3 to 20; of a new table, an old one keeps its ring
   uint32_t referred = 0;        // one bit for each collection that records of others refer to
   Owner owner = {};             // shown to readers
+  size_t bytesKept = 1 << 20;   // a region of up to this size is not made smaller
 };
 
 // What was found in a region that a table stood in already.
@@ -131,9 +132,21 @@ class BasicStore {
     return indexes_[collection];
   }
 
+  // How the region shrinks; see IndexCompaction.h.
+  struct Compacting {
+    bool isUnderWay = false;
+    size_t limit = 0;
+    unsigned collection = 0;
+    Compacted place;
+    // Of the last attempt. The next one waits until half of the rest is gone, or the region has grown.
+    size_t bytesUsed = ~size_t{0};
+    size_t bytesMapped = 0;
+  };
+
   void create(uint64_t fingerprint);
   void takeOver(uint64_t fingerprint);
   void examineEntries();
+  void takeSize();
   void takeSequence();
   void ownerIs(Owner owner);
 
@@ -150,6 +163,8 @@ class BasicStore {
   PutResult stagePut(unsigned collection, uint64_t hash, Bytes key, std::span<const uint64_t> block);
   bool stageDel(unsigned collection, uint64_t hash, Bytes key);
   Lookup staged(const Group::Item& item, Buffer& buffer) const;
+  void compact();
+  void endCompaction(bool isComplete);
   void claimSpace(std::span<Group::Item* const> changes);
   void make(Group::Item& item, uint64_t number);
 
@@ -160,6 +175,7 @@ class BasicStore {
   std::vector<Index<Stores>> indexes_;
   std::vector<uint64_t> block_;  // the block being made
   Group group_;
+  Compacting compacting_;
   TakeOver takeOver_;
 };
 
@@ -190,7 +206,53 @@ bool BasicStore<Stores>::del(unsigned collection, uint64_t hash, Bytes key) {
   }
   changed(collection, key, true);
   index(collection).tidy(hash);
+  compact();
   return true;
+}
+
+// A few steps towards a smaller region, if it is worth it.
+template <class Stores>
+void BasicStore<Stores>::compact() {
+  constexpr size_t effortAtOnce = 64;
+  Allocator& allocator = pen_.allocator();
+  if (!compacting_.isUnderWay) {
+    const bool isTried = bytesMapped() == compacting_.bytesMapped && bytesUsed() > compacting_.bytesUsed / 2;
+    if (bytesMapped() <= options_.bytesKept || bytesUsed() * 4 >= bytesMapped() || isTried) {
+      return;
+    }
+    compacting_ = {true, bytesUsed() * 2, 0, {}, 0, 0};
+    allocator.limitIs(compacting_.limit);
+  }
+  if (!allocator.hasLimit()) {  // a put needed more
+    endCompaction(false);
+  }
+  size_t effort = effortAtOnce;
+  while (compacting_.isUnderWay) {
+    if (compacting_.collection == indexes_.size()) {
+      endCompaction(true);
+      return;
+    }
+    using Compaction = typename Index<Stores>::Compaction;
+    switch (index(compacting_.collection).compact(compacting_.limit, compacting_.place, effort)) {
+      case Compaction::more:
+        return;
+      case Compaction::noRoom:
+        endCompaction(false);
+        return;
+      case Compaction::done:
+        ++compacting_.collection;
+        compacting_.place = {};
+    }
+  }
+}
+
+template <class Stores>
+void BasicStore<Stores>::endCompaction(bool isComplete) {
+  if (isComplete) {
+    pen_.shrink(compacting_.limit);
+  }
+  pen_.allocator().limitDel();
+  compacting_ = {false, 0, 0, {}, bytesUsed(), bytesMapped()};
 }
 
 template <class Stores>

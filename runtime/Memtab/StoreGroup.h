@@ -146,6 +146,7 @@ void BasicStore<Stores>::groupEnd(F&& changed) {
   for (const Group::Item* item : changes) {
     if (item->kind == ChangeKind::deleted) {
       index(item->collection).tidy(item->hash);
+      compact();
     }
   }
   for (const Group::Item* item : changes) {

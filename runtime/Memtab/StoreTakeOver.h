@@ -83,7 +83,7 @@ void BasicStore<Stores>::takeOver(uint64_t fingerprint) {
     changes_.create(options_.ringSlotsLog2);
     changes_.publish(false);
   }
-  pen_.publishSize();
+  takeSize();
   takeSequence();
 }
 
@@ -95,6 +95,16 @@ void BasicStore<Stores>::examineEntries() {
       takeOver_.damages.push_back({"number of records differs", i, 0, 0, 0});
     }
   }
+}
+
+// Behind the size that the header says, memory may have been given back; it must be asked for again before use.
+template <class Stores>
+void BasicStore<Stores>::takeSize() {
+  const size_t allocated = pen_.load(allocatedAt);
+  if (allocated < bytesMapped() && allocated >= allocator().end()) {
+    pen_.shrink(allocated);
+  }
+  pen_.publishSize();
 }
 
 // A change that was begun has used its numbers, whether it shows or not.

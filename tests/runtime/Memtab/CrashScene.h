@@ -94,7 +94,8 @@ struct Life {
   explicit Life(const Memory& memory, size_t stores = ~size_t{0}) : left(stores) {
     try {
       store = std::make_unique<MortalStore>(memory.region(), 7, crashHashes,
-                                            StoreOptions{.ringSlotsLog2 = 3, .referred = 2}, DyingStores{&left});
+                                            StoreOptions{.ringSlotsLog2 = 3, .referred = 2, .bytesKept = 65536},
+                                            DyingStores{&left});
     } catch (const Death&) {
     }
   }

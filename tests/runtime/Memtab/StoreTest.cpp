@@ -77,6 +77,7 @@ TEST(MemtabStore, growsAndShrinks) {
     }
   }
   EXPECT_LE(store.bytesUsed() - bytesEmpty, 4096u);
+  EXPECT_LE(store.bytesMapped(), size_t{2} << 20);
 }
 
 // Fails if a change between two steps makes a walk skip, repeat or invent an entry.
