@@ -107,15 +107,14 @@ TEST(MemtabFile, childrenGetNothing) {
   int answers[2];
   ASSERT_EQ(pipe(answers), 0);
   inChild([&] {
-    auto file = std::make_unique<WriterFile>(writerOf(scene));
-    auto region = std::make_unique<Region>(file->region());
+    WriterFile file = writerOf(scene);
+    auto region = std::make_unique<Region>(file.region());
     if (fork() != 0) {
       return 0;
     }
     const auto isRefused = [](auto&& f) { return thrown<Zol::InternalException>(f) != "nothing thrown"; };
-    answer = {getpid(), isRefused([&] { region->extendTo(size_t{1} << 20); }) && isRefused([&] { file->region(); })};
+    answer = {getpid(), isRefused([&] { region->extendTo(size_t{1} << 20); }) && isRefused([&] { file.region(); })};
     region.reset();
-    file.reset();
     (void)!::write(answers[1], &answer, sizeof answer);
     return pause();
   });
