@@ -17,6 +17,9 @@ constexpr size_t wholeLinesFrom = 512 / unitBytes;
 constexpr size_t headerUnits = headerBytes / unitBytes;
 constexpr size_t bitsPerWord = 64;
 
+// Small or large: what is large starts at a line, has a limit of its own, and is searched for by itself.
+constexpr size_t kindOf(size_t units) { return units >= wholeLinesFrom ? 1 : 0; }
+
 // The first unit from at on where a piece of so many units may start.
 constexpr size_t aligned(size_t at, size_t units) {
   const bool straddles = at % lineUnits + units > lineUnits;
@@ -110,7 +113,7 @@ size_t Allocator::reuse(size_t sizeClass, size_t units) {
 }
 
 size_t Allocator::find(size_t from, size_t units) const {
-  const size_t end = limit();
+  const size_t end = limit(units);
   for (size_t at = aligned(from, units); at + units <= end;) {
     const size_t used = firstUsed(at, at + units);
     if (used == at + units) {
@@ -127,20 +130,20 @@ void Allocator::rewind() {
 }
 
 size_t Allocator::search(size_t units) {
-  size_t& cursor = cursors_[units >= wholeLinesFrom ? 1 : 0];
+  size_t& cursor = cursors_[kindOf(units)];
   size_t at = find(cursor, units);
   if (at == nowhere && freed_ * 8 >= size() * unitBytes) {
     rewind();
     at = find(cursor, units);
   }
-  cursor = at == nowhere ? limit() : at + units;
+  cursor = at == nowhere ? limit(units) : at + units;
   return at;
 }
 
 // Behind the last piece. When the region cannot grow, whatever is free anywhere.
 size_t Allocator::extend(size_t units) {
-  if (hasLimit()) {
-    limitDel();
+  if (hasLimits()) {
+    limitsDel();
     rewind();
     if (const size_t at = search(units); at != nowhere) {
       return at;
@@ -157,7 +160,7 @@ size_t Allocator::extend(size_t units) {
     throw;
   }
   bits_.resize(region_->size() / unitBytes / bitsPerWord);
-  cursors_[units >= wholeLinesFrom ? 1 : 0] = at + units;
+  cursors_[kindOf(units)] = at + units;
   return at;
 }
 
@@ -183,7 +186,7 @@ uint32_t Allocator::allocateInside(size_t bytes) {
 
 uint32_t Allocator::handOut(size_t at, size_t units) {
   mark(at, at + units, true);
-  used_ += units * unitBytes;
+  count(units, true);
   return static_cast<uint32_t>(at);
 }
 
@@ -192,7 +195,7 @@ void Allocator::release(uint32_t units, size_t bytes) {
   const size_t room = classBytes(sizeClass);
   mark(units, units + room / unitBytes, false);
   hints(sizeClass).push_back(units);
-  used_ -= room;
+  count(room / unitBytes, false);
   freed_ += room;
 }
 
@@ -203,7 +206,7 @@ bool Allocator::take(size_t offset, size_t bytes) {
     return false;
   }
   mark(at, at + room / unitBytes, true);
-  used_ += room;
+  count(room / unitBytes, true);
   return true;
 }
 
@@ -219,15 +222,27 @@ size_t Allocator::end() const {
   return (word * bitsPerWord - static_cast<size_t>(std::countl_zero(bits_[word - 1]))) * unitBytes;
 }
 
-void Allocator::limitIs(size_t bytes) {
-  limit_ = bytes / unitBytes;
+void Allocator::count(size_t units, bool isTaken) {
+  const size_t bytes = isTaken ? units * unitBytes : ~(units * unitBytes) + 1;
+  used_ += bytes;
+  large_ += kindOf(units) != 0 ? bytes : 0;
+}
+
+size_t Allocator::limit(size_t units) const { return std::min(limits_[kindOf(units)] / unitBytes, size()); }
+
+void Allocator::limitsAre(size_t small, size_t large) {
+  limits_ = {small, large};
   rewind();
+}
+
+bool Allocator::isBehindLimit(size_t offset, size_t bytes) const {
+  return offset >= limits_[kindOf(classBytes(sizeClass(bytes)) / unitBytes)];
 }
 
 void Allocator::regionShrunk() {
   ZOL_ASSERT(end() <= region_->size());
   bits_.resize(region_->size() / unitBytes / bitsPerWord);
-  limitDel();
+  limitsDel();
   rewind();
 }
 

@@ -40,15 +40,21 @@ class Allocator {
 
   // Header page and all pieces handed out, rounded up to their classes.
   size_t bytesUsed() const { return used_; }
+  // Of them, in pieces from 512 bytes on.
+  size_t bytesLarge() const { return large_; }
   // Where the last piece ends.
   size_t end() const;
   // Whether no part of a piece lies in [from, to), of whole units.
   bool isFree(size_t from, size_t to) const;
 
-  // From now on pieces end at or before bytes, until there is no more room there: then the limit is dropped.
-  void limitIs(size_t bytes);
-  void limitDel() { limit_ = noLimit; }
-  bool hasLimit() const { return limit_ != noLimit; }
+  // From now on pieces end at or before these offsets, until there is no more room there: then the limits are dropped.
+  // large: of pieces from 512 bytes on.
+  void limitsAre(size_t small, size_t large);
+  void limitsDel() { limits_ = {noLimit, noLimit}; }
+  bool hasLimits() const { return limits_[0] != noLimit; }
+  // Whether the piece at offset lies behind the limit for its size.
+  bool isBehindLimit(size_t offset, size_t bytes) const;
+  static constexpr size_t noLimit = ~size_t{0} / 2;
   // The region was made shorter. Requires: end() is within it.
   void regionShrunk();
 
@@ -56,16 +62,17 @@ class Allocator {
   static size_t classBytes(size_t sizeClass);
 
  private:
-  static constexpr size_t noLimit = ~size_t{0};
   static constexpr size_t nowhere = ~size_t{0};
 
   // All in units.
   size_t size() const { return bits_.size() * 64; }
-  size_t limit() const { return limit_ < size() ? limit_ : size(); }
+  size_t limit(size_t units) const;
   size_t firstUsed(size_t from, size_t to) const;
   size_t firstFree(size_t from, size_t to) const;
   void mark(size_t from, size_t to, bool isUsed);
-  bool isRun(size_t at, size_t units) const { return at + units <= limit() && firstUsed(at, at + units) == at + units; }
+  bool isRun(size_t at, size_t units) const {
+    return at + units <= limit(units) && firstUsed(at, at + units) == at + units;
+  }
   size_t find(size_t from, size_t units) const;
   size_t search(size_t units);
   size_t extend(size_t units);
@@ -74,13 +81,15 @@ class Allocator {
   std::vector<uint32_t>& hints(size_t sizeClass);
   size_t reuse(size_t sizeClass, size_t units);
   uint32_t handOut(size_t at, size_t units);
+  void count(size_t units, bool isTaken);
 
   Region* region_;
   std::vector<uint64_t> bits_;
-  size_t limit_ = noLimit;
+  std::array<size_t, 2> limits_ = {noLimit, noLimit};  // bytes, by kind
   size_t used_;
+  size_t large_ = 0;
   size_t freed_ = 0;                          // bytes, since the cursors were at the front
-  std::array<size_t, 2> cursors_;             // of pieces that need not, and that need, start at a line
+  std::array<size_t, 2> cursors_;             // by kind
   std::vector<std::vector<uint32_t>> hints_;  // by size class
 };
 

@@ -79,10 +79,10 @@ class Index {
   PutResult publish(uint64_t hash, const Probe& found, uint64_t word);
   void erase(uint64_t hash, const Probe& found);
 
-  // Moves pieces from behind limit to the front, from place on, as long as effort (about a bucket's worth of words, or
-  // an eighth of a block, a unit) lasts. noRoom: a piece cannot be moved. See IndexCompaction.h.
+  // Moves pieces from behind the allocator's limits to the front, from place on, as long as effort (a bucket's worth of
+  // words, or an eighth of a piece, a unit) lasts. noRoom: a piece cannot be moved. See IndexCompaction.h.
   enum class Compaction : uint8_t { more, done, noRoom };
-  Compaction compact(size_t limit, Compacted& place, size_t& effort);
+  Compaction compact(Compacted& place, size_t& effort);
 
   // Taking over what a predecessor left; see IndexTakeOver.h.
   void examineStructure(std::vector<Damage>& damages);
@@ -151,8 +151,8 @@ class Index {
 
   bool moveDirectory();
   bool moveSegment(size_t first);
-  bool moveBlock(size_t slot);
-  Compaction compactSegment(size_t first, size_t limit, Compacted& place, size_t& effort);
+  bool moveBlock(size_t slot, size_t& effort);
+  Compaction compactSegment(size_t first, Compacted& place, size_t& effort);
 
   std::vector<Place> placesInRegion() const;
   void cover(size_t first, size_t behind, const Segment& segment);

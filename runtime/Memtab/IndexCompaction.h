@@ -1,9 +1,13 @@
-// Compaction: a region that has become mostly free gives its tail back. Until the walk is over, nothing new is placed
-// behind the limit; the walk goes through the index in the order of hashes and moves what still lies there:
+// Compaction: a region that has become mostly free gives its tail back. A walk through the index in the order of hashes
+// moves what lies behind a limit to the front, and as long as it lasts nothing new is placed there:
 //
-//   | used | free | used | free |limit     | used |   free    | used | free |          | used | used | used |limit
-//                   ^-----------------------  |                  |           ->         the tail is given back
-//                   ^--------------------------------------------'
+//   | used |  free  | used |  free  |limit    | used |   free    | used |         | used | used | used | used |limit
+//            ^----------------------------------'                  |       ->         the tail is given back
+//            ^-----------------------------------------------------'
+//
+// It takes two walks. Between small pieces there is hardly ever room for a large one, so the first walk moves
+// small blocks only; what it clears behind their limit is room for the second, which moves segments, directories and
+// large blocks.
 //
 // A piece is copied aside and then named instead of the old one, which is one word store for a block. Its index word
 // keeps the generation, since the record is the same. It only ever moves to a lower offset: a word that a reader has
@@ -49,30 +53,31 @@ bool Index<Stores>::moveSegment(size_t first) {
 
 // A damaged block stays where it is.
 template <class Stores>
-bool Index<Stores>::moveBlock(size_t slot) {
+bool Index<Stores>::moveBlock(size_t slot, size_t& effort) {
   const uint64_t word = pen_->load(slot);
-  const std::optional<BlockHead> head = headAt(unitsOf(word));
-  if (!head || !isIntact(unitsOf(word), *head)) {
+  const uint32_t old = unitsOf(word);
+  const std::optional<BlockHead> head = headAt(old);
+  if (!head || !pen_->allocator().isBehindLimit(size_t{old} * unitBytes, 8 * head->words()) || !isIntact(old, *head)) {
     return true;
   }
   const uint32_t units = pen_->allocateInside(8 * head->words());
   if (units == 0) {
     return false;
   }
-  pen_->copy(size_t{units} * unitBytes, size_t{unitsOf(word)} * unitBytes, head->words());
+  pen_->copy(size_t{units} * unitBytes, size_t{old} * unitBytes, head->words());
   pen_->store(slot, versionOf(word) << 32 | units);
-  pen_->release(unitsOf(word), 8 * head->words());
+  pen_->release(old, 8 * head->words());
+  effort -= std::min(effort, effortOfMove);
   return true;
 }
 
 template <class Stores>
-auto Index<Stores>::compactSegment(size_t first, size_t limit, Compacted& place, size_t& effort) -> Compaction {
-  const auto spend = [&effort](size_t units) { effort -= std::min(effort, units); };
-  if (directory_[first].place.offset() >= limit) {
+auto Index<Stores>::compactSegment(size_t first, Compacted& place, size_t& effort) -> Compaction {
+  if (pen_->allocator().isBehindLimit(directory_[first].place.offset(), directory_[first].place.bytes())) {
     if (!moveSegment(first)) {
       return Compaction::noRoom;
     }
-    spend(effortOfMove);
+    effort -= std::min(effort, effortOfMove);
   }
   const Place segment = directory_[first].place;
   if (place.segment != segment.word()) {
@@ -85,26 +90,26 @@ auto Index<Stores>::compactSegment(size_t first, size_t limit, Compacted& place,
     }
     const size_t slot = segment.offset() + place.slot * sizeof(uint64_t);
     const uint64_t word = pen_->load(slot);
-    const bool isBehind = isLive(word) && size_t{unitsOf(word)} * unitBytes >= limit;
-    if (isBehind && !moveBlock(slot)) {
+    const bool isSuspect = isLive(word) && pen_->allocator().isBehindLimit(size_t{unitsOf(word)} * unitBytes, 0);
+    if (isSuspect && !moveBlock(slot, effort)) {
       return Compaction::noRoom;
     }
-    spend(isBehind ? effortOfMove : place.slot % bucketWords == 0 ? 1 : 0);
+    effort -= place.slot % bucketWords == 0 && effort != 0 ? 1 : 0;
   }
   return Compaction::done;
 }
 
 template <class Stores>
-auto Index<Stores>::compact(size_t limit, Compacted& place, size_t& effort) -> Compaction {
+auto Index<Stores>::compact(Compacted& place, size_t& effort) -> Compaction {
   if (directory_.empty()) {
     return Compaction::done;
   }
-  if (descriptor_.offset() >= limit && !moveDirectory()) {
+  if (pen_->allocator().isBehindLimit(descriptor_.offset(), descriptor_.bytes()) && !moveDirectory()) {
     return Compaction::noRoom;
   }
   for (;;) {
     const size_t first = firstOf(place.hash);
-    if (const Compaction outcome = compactSegment(first, limit, place, effort); outcome != Compaction::done) {
+    if (const Compaction outcome = compactSegment(first, place, effort); outcome != Compaction::done) {
       return outcome;
     }
     const size_t next = first + (size_t{1} << (depth_ - directory_[first].place.depth));

@@ -5,7 +5,6 @@
 // changed. All stores are releases, so whoever reads a later one sees the earlier ones.
 #pragma once
 
-#include <algorithm>
 #include <span>
 #include <utility>
 
@@ -54,9 +53,9 @@ class Pen {
   }
   uint32_t allocateInside(size_t bytes) { return allocator_.allocateInside(bytes); }
   void release(uint32_t units, size_t bytes) { allocator_.release(units, bytes); }
-  // Gives back what lies behind the last piece and behind bytes.
-  void shrink(size_t bytes) {
-    region_.shrinkTo(std::max(bytes, allocator_.end()));
+  // Gives back what lies behind the last piece.
+  void shrink() {
+    region_.shrinkTo(allocator_.end());
     allocator_.regionShrunk();
     publishSize();
   }

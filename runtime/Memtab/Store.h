@@ -132,10 +132,10 @@ class BasicStore {
     return indexes_[collection];
   }
 
-  // How the region shrinks; see IndexCompaction.h.
+  // How the region gets smaller; see IndexCompaction.h.
   struct Compacting {
-    bool isUnderWay = false;
-    size_t limit = 0;
+    unsigned walk = 0;  // 1, 2; 0: nothing is under way
+    size_t limit = 0;   // of small pieces
     unsigned collection = 0;
     Compacted place;
     // Of the last attempt. The next one waits until half of the rest is gone, or the region has grown.
@@ -163,8 +163,10 @@ class BasicStore {
   PutResult stagePut(unsigned collection, uint64_t hash, Bytes key, std::span<const uint64_t> block);
   bool stageDel(unsigned collection, uint64_t hash, Bytes key);
   Lookup staged(const Group::Item& item, Buffer& buffer) const;
+  bool isWorthCompacting() const;
   void compact();
-  void endCompaction(bool isComplete);
+  void nextCollection();
+  void endCompaction();
   void claimSpace(std::span<Group::Item* const> changes);
   void make(Group::Item& item, uint64_t number);
 
@@ -210,51 +212,6 @@ bool BasicStore<Stores>::del(unsigned collection, uint64_t hash, Bytes key) {
   return true;
 }
 
-// A few steps towards a smaller region, if it is worth it.
-template <class Stores>
-void BasicStore<Stores>::compact() {
-  constexpr size_t effortAtOnce = 64;
-  Allocator& allocator = pen_.allocator();
-  if (!compacting_.isUnderWay) {
-    const bool isTried = bytesMapped() == compacting_.bytesMapped && bytesUsed() > compacting_.bytesUsed / 2;
-    if (bytesMapped() <= options_.bytesKept || bytesUsed() * 4 >= bytesMapped() || isTried) {
-      return;
-    }
-    compacting_ = {true, bytesUsed() * 2, 0, {}, 0, 0};
-    allocator.limitIs(compacting_.limit);
-  }
-  if (!allocator.hasLimit()) {  // a put needed more
-    endCompaction(false);
-  }
-  size_t effort = effortAtOnce;
-  while (compacting_.isUnderWay) {
-    if (compacting_.collection == indexes_.size()) {
-      endCompaction(true);
-      return;
-    }
-    using Compaction = typename Index<Stores>::Compaction;
-    switch (index(compacting_.collection).compact(compacting_.limit, compacting_.place, effort)) {
-      case Compaction::more:
-        return;
-      case Compaction::noRoom:
-        endCompaction(false);
-        return;
-      case Compaction::done:
-        ++compacting_.collection;
-        compacting_.place = {};
-    }
-  }
-}
-
-template <class Stores>
-void BasicStore<Stores>::endCompaction(bool isComplete) {
-  if (isComplete) {
-    pen_.shrink(compacting_.limit);
-  }
-  pen_.allocator().limitDel();
-  compacting_ = {false, 0, 0, {}, bytesUsed(), bytesMapped()};
-}
-
 template <class Stores>
 void BasicStore<Stores>::storeEntries(unsigned collection) {
   const size_t at = entriesAt + sizeof(uint64_t) * collection;
@@ -295,8 +252,9 @@ std::span<const uint64_t> BasicStore<Stores>::blockOf(unsigned collection, Bytes
 
 }  // namespace Memtab
 
-#include "runtime/Memtab/StoreGroup.h"     // IWYU pragma: export
-#include "runtime/Memtab/StoreTakeOver.h"  // IWYU pragma: export
+#include "runtime/Memtab/StoreCompaction.h"  // IWYU pragma: export
+#include "runtime/Memtab/StoreGroup.h"       // IWYU pragma: export
+#include "runtime/Memtab/StoreTakeOver.h"    // IWYU pragma: export
 
 namespace Memtab {
 

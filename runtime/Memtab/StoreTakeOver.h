@@ -102,7 +102,7 @@ template <class Stores>
 void BasicStore<Stores>::takeSize() {
   const size_t allocated = pen_.load(allocatedAt);
   if (allocated < bytesMapped() && allocated >= allocator().end()) {
-    pen_.shrink(allocated);
+    pen_.shrink();
   }
   pen_.publishSize();
 }
