@@ -18,11 +18,12 @@ function(floor_include_dir OUT FLOOR FOLDER)
   set(${OUT} "${root}" PARENT_SCOPE)
 endfunction()
 
-# floor_library(NAME FOLDER folder [WITHOUT file...] [DEPENDS target...])
+# floor_library(NAME FOLDER folder [WITHOUT file...] [DEPENDS target...] [PRECOMPILED header...])
 # One library of all sources below FOLDER but those named in WITHOUT. With headers alone it is an INTERFACE library.
-# What it depends on is visible to whatever links to it.
+# What it depends on is visible to whatever links to it. PRECOMPILED: headers that most of its sources include anyway;
+# they are read once. The preset clang reads them as often as they are included, so that no include goes missing.
 function(floor_library NAME)
-  cmake_parse_arguments(PARSE_ARGV 1 arg "" "FOLDER" "WITHOUT;DEPENDS")
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "FOLDER" "WITHOUT;DEPENDS;PRECOMPILED")
   floor_include_dir(include ${NAME} ${arg_FOLDER})
   file(GLOB_RECURSE sources CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/${arg_FOLDER}/*.cpp")
   list(TRANSFORM arg_WITHOUT PREPEND "${PROJECT_SOURCE_DIR}/${arg_FOLDER}/")
@@ -36,6 +37,8 @@ function(floor_library NAME)
   endif()
   target_include_directories(${NAME} ${scope} "${include}")
   target_link_libraries(${NAME} ${scope} ${arg_DEPENDS})
+  list(TRANSFORM arg_PRECOMPILED REPLACE "(.+)" "<\\1>")
+  target_precompile_headers(${NAME} PRIVATE ${arg_PRECOMPILED})
 endfunction()
 
 # floor_program(NAME MAIN file [DEPENDS target...]): an executable of one source file, once that file is there.
@@ -48,10 +51,10 @@ function(floor_program NAME)
   endif()
 endfunction()
 
-# floor_tests(NAME FOLDER folder DEPENDS target...): one GoogleTest executable, and one ctest entry, of all sources
+# floor_tests(NAME FOLDER folder DEPENDS target... [PRECOMPILED header...]): one GoogleTest executable, and one ctest entry, of all sources
 # below FOLDER. It sees the floors it depends on, its own folder and tests/support.
 function(floor_tests NAME)
-  cmake_parse_arguments(PARSE_ARGV 1 arg "" "FOLDER" "DEPENDS")
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "FOLDER" "DEPENDS;PRECOMPILED")
   file(GLOB_RECURSE sources CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/${arg_FOLDER}/*.cpp")
   if(NOT sources)
     return()
@@ -61,6 +64,8 @@ function(floor_tests NAME)
   set_target_properties(${NAME} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/tests")
   target_include_directories(${NAME} PRIVATE "${include}")
   target_link_libraries(${NAME} PRIVATE ${arg_DEPENDS} test_support GTest::gtest_main)
+  list(TRANSFORM arg_PRECOMPILED REPLACE "(.+)" "<\\1>")
+  target_precompile_headers(${NAME} PRIVATE <gtest/gtest.h> ${arg_PRECOMPILED})
   target_compile_definitions(${NAME} PRIVATE
       TEST_DATA_DIR="${PROJECT_SOURCE_DIR}/tests/data" EXAMPLES_DIR="${PROJECT_SOURCE_DIR}/examples")
   add_test(NAME ${NAME} COMMAND ${NAME} --gtest_brief=1)
