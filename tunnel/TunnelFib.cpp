@@ -1,6 +1,6 @@
 #include "tunnel/TunnelFib.h"
 
-#include "runtime/Statehub/EntityManager.h"
+#include "runtime/Memtab/KeyFollowerMake.h"
 
 namespace Tunnel::TunnelFib {
 namespace {
@@ -9,6 +9,9 @@ constexpr Memtab::HashFn collectionHashes[] = {
     &Memtab::hashOfKeyBytes<TunnelId>, &Memtab::hashOfKeyBytes<EncapId>, &Memtab::hashOfKeyBytes<EncapId>,
     &Memtab::hashOfKeyBytes<EncapId>,  &Memtab::hashOfKeyBytes<EncapId>,
 };
+
+// Entries refer to encapsulations.
+constexpr std::uint32_t encapCollections = 0b11110;
 
 template <class Record>
 Zol::Ptr<TunnelFib::Collection<Record>> makeCollection(const char* name, const Zol::Ptr<Memtab::SharedStore>& store,
@@ -22,14 +25,6 @@ TunnelFib::Collections collectionsOf(const Zol::Ptr<Memtab::SharedStore>& store)
           makeCollection<IpsecGreEncap>("ipsecGreEncap", store, 3),
           makeCollection<LabelStackEncap>("labelStackEncap", store, 4)};
 }
-
-[[maybe_unused]] const bool entityTypeKnown = [] {
-  Statehub::EntityTypes::typeIs(
-      TunnelFib::entityTypeName, [](const std::string& path, const Memtab::StoreSource& source) {
-        return Zol::make<TunnelFib>(path, source(TunnelFib::fingerprint(), TunnelFib::hashes()));
-      });
-  return true;
-}();
 
 }  // namespace
 
@@ -64,8 +59,19 @@ std::uint64_t TunnelFib::fingerprint() {
   return combined;
 }
 
-std::span<const Memtab::HashFn> TunnelFib::hashes() { return collectionHashes; }
+Memtab::StoreLayout TunnelFib::layout() { return {fingerprint(), collectionHashes, encapCollections}; }
 
-Zol::Ptr<Memtab::SharedStore> TunnelFib::ownStore() { return Zol::make<Memtab::SharedStore>(fingerprint(), hashes()); }
+Zol::Ptr<Memtab::SharedStore> TunnelFib::ownStore() { return Zol::make<Memtab::SharedStore>(layout()); }
 
 }  // namespace Tunnel::TunnelFib
+
+namespace Memtab {
+
+template class MemtabMap<Tunnel::TunnelFib::TunnelFibEntry>;
+template class MemtabMap<Tunnel::TunnelFib::GreEncap>;
+template class MemtabMap<Tunnel::TunnelFib::IpsecVtiEncap>;
+template class MemtabMap<Tunnel::TunnelFib::IpsecGreEncap>;
+template class MemtabMap<Tunnel::TunnelFib::LabelStackEncap>;
+template std::unique_ptr<KeyFollower<Tunnel::TunnelFib::EncapId>> makeKeyFollower(const Reader&, unsigned, OnDamage);
+
+}  // namespace Memtab

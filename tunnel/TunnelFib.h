@@ -113,14 +113,13 @@ class TunnelFib : public Zol::Entity {
     Zol::Ptr<Collection<LabelStackEncap>> labelStackEncap;
   };
 
-  // A FIB in store, or in memory of its own. A store's collections are those of hashes(), in their order.
+  // A FIB in store, made with layout(), or in memory of its own.
   explicit TunnelFib(const std::string& name, const Zol::Ptr<Memtab::SharedStore>& store = ownStore());
   // Of collections that somebody else made.
   TunnelFib(const std::string& name, Collections collections);
 
-  // What a store of a tunnel FIB is made with.
   static std::uint64_t fingerprint();
-  static std::span<const Memtab::HashFn> hashes();
+  static Memtab::StoreLayout layout();
   static Zol::Ptr<Memtab::SharedStore> ownStore();
 
   Collection<TunnelFibEntry>& entry() { return *collections_.entry; }
@@ -142,6 +141,15 @@ class TunnelFib : public Zol::Entity {
 };
 
 }  // namespace Tunnel::TunnelFib
+
+// Instantiated once, in TunnelFib.cpp.
+namespace Memtab {
+extern template class MemtabMap<Tunnel::TunnelFib::TunnelFibEntry>;
+extern template class MemtabMap<Tunnel::TunnelFib::GreEncap>;
+extern template class MemtabMap<Tunnel::TunnelFib::IpsecVtiEncap>;
+extern template class MemtabMap<Tunnel::TunnelFib::IpsecGreEncap>;
+extern template class MemtabMap<Tunnel::TunnelFib::LabelStackEncap>;
+}  // namespace Memtab
 
 // The state machines live in TunnelTable and use these names.
 namespace Tunnel::TunnelTable {

@@ -20,7 +20,7 @@ std::ostream& operator<<(std::ostream& out, const TunnelFibViaCalcResult& result
 }
 
 void parseValue(Zol::TextCursor& in, TunnelFibViaCalcResult& result) {
-  in.expect(std::string("Value('") + TunnelFibViaCalcResult::typeName() + "', ** {");
+  Zol::expectValueHead(in, TunnelFibViaCalcResult::typeName());
   for (unsigned bit = 0; bit < std::size(TunnelFibViaCalcResult::flagNames); ++bit) {
     in.expect((bit == 0 ? "'" : ", '") + std::string(TunnelFibViaCalcResult::flagNames[bit]) + "': ");
     bool on = false;

@@ -38,3 +38,5 @@ void TunnelRibEntry::delTunnelId(const TunnelId& id) {
 }
 
 }  // namespace Tunnel::TunnelTable
+
+template class Memtab::MemtabMap<Tunnel::TunnelTable::TunnelRibEntry>;

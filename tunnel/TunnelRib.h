@@ -50,6 +50,14 @@ class TunnelRibEntry {
   void delTunnelId(const TunnelId& id);
 };
 
+}  // namespace Tunnel::TunnelTable
+
+namespace Memtab {
+extern template class MemtabMap<Tunnel::TunnelTable::TunnelRibEntry>;  // in TunnelRib.cpp
+}
+
+namespace Tunnel::TunnelTable {
+
 // Written by one builder; read by the whole router. An absent tep reads as the empty entry.
 class TunnelRib : public Memtab::MemtabMap<TunnelRibEntry> {
  public:

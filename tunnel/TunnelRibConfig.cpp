@@ -1,6 +1,9 @@
 #include "tunnel/TunnelRibConfig.h"
 
+#include <algorithm>
 #include <set>
+
+#include "runtime/Zol/Assert.h"
 
 namespace Tunnel::TunnelTable {
 
@@ -27,6 +30,12 @@ TunnelRibId TunnelRibNameIdMap::tunnelRibNameIs(const std::string& name) {
   }
   ids_[name] = id;
   return id;
+}
+
+void TunnelRibNameIdMap::tunnelRibIdIs(const std::string& name, TunnelRibId id) {
+  ZOL_ASSERT(!tunnelRibId(name) &&
+             std::none_of(ids_.begin(), ids_.end(), [id](const auto& each) { return each.second == id; }));
+  ids_[name] = id;
 }
 
 std::optional<TunnelRibId> TunnelRibNameIdMap::tunnelRibNameDel(const std::string& name) {

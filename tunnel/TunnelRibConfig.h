@@ -83,6 +83,8 @@ class TunnelRibNameIdMap : public Zol::Entity {
 
   // The id of the name. A name without one gets 0 if it is the system RIB's, else the smallest free number from 1 on.
   TunnelRibId tunnelRibNameIs(const std::string& name);
+  // Gives the name this id, as an earlier run had it. Requires: neither is in use.
+  void tunnelRibIdIs(const std::string& name, TunnelRibId id);
   // Gives up the name and its id, which it returns; nothing when the name has none.
   std::optional<TunnelRibId> tunnelRibNameDel(const std::string& name);
   std::optional<TunnelRibId> tunnelRibId(const std::string& name) const;

@@ -1,5 +1,7 @@
 #include "tunnel/TunnelTable.h"
 
+#include "runtime/Memtab/KeyFollowerMake.h"
+
 namespace Tunnel::TunnelTable {
 
 void TunnelTableBase::refuseOtherType(const TunnelId& id) const {
@@ -20,6 +22,7 @@ void TunnelTableBase::refuseIllegalIntf(const TunnelId& id, Ipkit::IntfId intf) 
 
 namespace Memtab {
 
+template std::unique_ptr<KeyFollower<Tunnel::TunnelTable::TunnelId>> makeKeyFollower(const Reader&, unsigned, OnDamage);
 template class MemtabMap<Tunnel::TunnelTable::BgpLuTunnelTableEntry, Tunnel::TunnelTable::TunnelTableBase>;
 template class MemtabMap<Tunnel::TunnelTable::BgpLuPushTunnelTableEntry, Tunnel::TunnelTable::TunnelTableBase>;
 template class MemtabMap<Tunnel::TunnelTable::LdpTunnelTableEntry, Tunnel::TunnelTable::TunnelTableBase>;

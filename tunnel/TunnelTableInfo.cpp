@@ -1,5 +1,6 @@
 #include "tunnel/TunnelTableInfo.h"
 
+#include "tunnel/TunnelFib.h"
 #include "tunnel/TunnelRib.h"
 
 namespace Tunnel::TunnelTable {
@@ -15,7 +16,7 @@ struct TableRow {
 
 template <class Table>
 Zol::Ptr<Zol::Entity> makeTable(const std::string& path, const Memtab::StoreSource& source) {
-  return Zol::make<Table>(path, source(Table::fingerprint(), Table::hashes()));
+  return Zol::make<Table>(path, source(Table::layout()));
 }
 
 constexpr TableRow tableRows[] = {
@@ -38,6 +39,7 @@ void registerEntityTypes() {
     Statehub::EntityTypes::typeIs(row.typeName, row.make);
   }
   Statehub::EntityTypes::typeIs(TunnelRib::entityTypeName, makeTable<TunnelRib>);
+  Statehub::EntityTypes::typeIs(TunnelFib::entityTypeName, makeTable<TunnelFib>);
 }
 [[maybe_unused]] const bool entityTypesKnown = (registerEntityTypes(), true);
 

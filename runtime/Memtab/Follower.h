@@ -63,6 +63,11 @@ class Follower {
     beginComparison();
   }
 
+  // Whether poll() has something to do. Two loads when it has not.
+  bool isBehind() const {
+    return comparison_ || nextCandidate_ != candidates_.size() || !again_.empty() || reader_->sequence() != sequence_ ||
+           reader_->epoch() != epoch_;
+  }
   bool knows(const Key& key) const { return known_.has(key); }
   size_t knownKeys() const { return known_.size(); }
   // How often all index words were compared, the first look included.
@@ -155,8 +160,7 @@ template <class Key>
 template <class F, class D>
 bool Follower<Key>::poll(size_t keysMax, F&& f, D&& onDamage) {
   uint64_t target = reader_->sequence();
-  const bool isIdle = !comparison_ && nextCandidate_ == candidates_.size() && again_.empty();
-  if (isIdle && target == sequence_ && reader_->epoch() == epoch_) {
+  if (!isBehind()) {
     return false;
   }
   for (const Key& key : std::exchange(again_, {})) {

@@ -50,13 +50,24 @@ const std::string& corruptionDirectory() { return directory(); }
 void corruptionDirectoryIs(std::string path) { directory() = std::move(path); }
 
 MapBase::MapBase(std::string name, Zol::Ptr<SharedStore> store, unsigned collection)
-    : Entity(std::move(name)), store_(std::move(store)), collection_(collection) {}
+    : Entity(std::move(name)), store_(std::move(store)), collection_(collection) {
+  if (store_ != nullptr) {
+    store_->listenerIs(collection_, this);
+  }
+}
+
+MapBase::~MapBase() {
+  if (store_ != nullptr) {
+    store_->listenerDel(this);
+  }
+}
 
 void MapBase::collectionReadyIs(bool ready) {
   requireWritable("write");
   FASTLOG_TRACE(8, "MemtabMap::collectionReadyIs() ready:" << ready);
-  if (store_->store().ready() != ready) {
+  if (store_->reader().ready() != ready) {
     store_->store().readyIs(ready);
+    store_->published();
     readyChannel_.notify({});
   }
 }
@@ -72,7 +83,7 @@ void MapBase::validateFiles() const { requireWritable("validateFiles"); }
 void MapBase::validate() const { requireWritable("validate"); }
 
 void MapBase::requireWritable(const char* operation) const {
-  if (isPlaceholder()) {
+  if (!isWritable()) {
     throw Zol::InternalException(std::string(operation) + " to read-only Memtab table");
   }
 }

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 
 #include "runtime/Memtab/SharedStore.h"
 #include "runtime/Zol/Channel.h"
@@ -16,26 +17,41 @@ class CollectionControl {
  public:
   explicit CollectionControl(const SharedStore* store) : store_(store) {}
   // Grows with every write, never falls; 0 for a placeholder.
-  std::uint64_t sequence() const { return store_ == nullptr ? 0 : store_->store().sequence(); }
+  std::uint64_t sequence() const { return store_ == nullptr ? 0 : store_->reader().sequence(); }
 
  private:
   const SharedStore* store_;
 };
 
-class MapBase : public Zol::Entity {
+class MapBase : public Zol::Entity, protected StoreListener {
  public:
-  // store null: a read-only placeholder, in which look-ups miss and every change raises InternalException.
+  // store null: a read-only placeholder, in which look-ups miss. Every change to a placeholder, and to a map whose
+  // store another process writes, raises InternalException.
   MapBase(std::string name, Zol::Ptr<SharedStore> store, unsigned collection);
+  MapBase(const MapBase&) = delete;
+  MapBase& operator=(const MapBase&) = delete;
+  ~MapBase() override;
 
   CollectionControl collectionControl() const { return CollectionControl(store_.get()); }
   bool isPlaceholder() const { return !store_; }
-  std::size_t size() const { return isPlaceholder() ? 0 : store_->store().entries(collection_); }
+  std::size_t size() const { return isPlaceholder() ? 0 : store_->entries(collection_); }
 
   // Bytes in use in the region, which other maps may share.
-  std::size_t bytesUsed() const { return isPlaceholder() ? 0 : store_->store().bytesUsed(); }
+  std::size_t bytesUsed() const { return isPlaceholder() || !store_->isWritable() ? 0 : store_->store().bytesUsed(); }
+
+  // All that f writes, to this map and to others of its store, is one change to readers in other processes; watchers
+  // are notified at its end, once a key. Throws NoSpace, and what f throws; then nothing is written.
+  template <class F>
+  void change(F&& f) {
+    requireWritable("write");
+    store_->change(std::forward<F>(f));
+  }
+
+  // From now on the map's watchers are told what other processes change: its contents now are taken as known. O(size).
+  virtual void follow() = 0;
 
   // Whether the contents are complete, by their writer's word.
-  bool collectionReady() const { return !isPlaceholder() && store_->store().ready(); }
+  bool collectionReady() const { return !isPlaceholder() && store_->reader().ready(); }
   void collectionReadyIs(bool ready);
 
   // Damage was found in this map: traced, counted, and written to a corruption file under corruptionDirectory(). The
@@ -55,6 +71,7 @@ class MapBase : public Zol::Entity {
   void requireWritable(const char* operation) const;
   [[noreturn]] void raiseCorruption(const std::string& what) const;
   SharedStore& store() const { return *store_; }
+  bool isWritable() const { return !isPlaceholder() && store_->isWritable(); }
   unsigned collection() const { return collection_; }
 
  private:

@@ -8,10 +8,12 @@
 // Writing what stands already stores nothing, moves no sequence number and notifies nobody. Every other write or
 // delete notifies the key. Reading damaged bytes raises CorruptionException; the record passed in is then untouched.
 //
-// One writer. All calls on the scheduler's thread.
+// One writer. A map that another process writes may read differently at every look; once it is followed, each key that
+// changed is notified after the change. All calls on the scheduler's thread.
 #pragma once
 
 #include <algorithm>
+#include <memory>
 #include <optional>
 #include <string>
 #include <tuple>
@@ -19,6 +21,7 @@
 #include <utility>
 
 #include "runtime/Memtab/CorruptionException.h"
+#include "runtime/Memtab/KeyFollower.h"
 #include "runtime/Memtab/MapBase.h"
 #include "runtime/Zol/Value.h"
 
@@ -90,11 +93,11 @@ class MemtabMap : public Base {
       : Base(name, std::move(store), collection, std::forward<Args>(args)...) {}
 
   static std::uint64_t hashOfKey(Bytes bytes) { return hashOfKeyBytes<Key>(bytes); }
-  // What a store of this map alone is made with.
   static std::uint64_t fingerprint() { return fingerprintOf<Record>(); }
-  static std::span<const HashFn> hashes() {
-    static constexpr HashFn all[] = {&hashOfKey};
-    return all;
+  // Of a store of this map alone.
+  static StoreLayout layout() {
+    static constexpr HashFn hashes[] = {&hashOfKey};
+    return {fingerprint(), hashes};
   }
 
   // Reads the record; false, and an untouched record, when there is none.
@@ -124,7 +127,7 @@ class MemtabMap : public Base {
     if (result == PutResult::unchanged) {
       return false;
     }
-    channel_.notify(key);
+    notify(key);
     return true;
   }
   // Deletes the record; false when there was none.
@@ -135,7 +138,7 @@ class MemtabMap : public Base {
     if (!this->store().store().del(this->collection(), hashOfKey(bytes), bytes)) {
       return false;
     }
-    channel_.notify(kept);
+    notify(kept);
     return true;
   }
 
@@ -148,6 +151,13 @@ class MemtabMap : public Base {
 
   Zol::Channel<Key>& entryChannel() const { return channel_; }
 
+  void follow() override {
+    if (!this->isPlaceholder() && !this->isWritable() && follower_ == nullptr) {
+      follower_ = makeKeyFollower<Key>(this->store().reader(), this->collection(),
+                                       [this](const Damage& damage) { this->corruptionDetected(damage.text()); });
+    }
+  }
+
   // The bytes under key, valid until the next look-up; nothing when absent. The one way to a record, so that a test
   // can damage it.
   virtual std::optional<Bytes> lookup(const Key& key) const {
@@ -155,7 +165,7 @@ class MemtabMap : public Base {
       return std::nullopt;
     }
     const Bytes bytes = encodedKey(key);
-    const Lookup found = this->store().store().get(this->collection(), hashOfKey(bytes), bytes);
+    const Lookup found = this->store().get(this->collection(), hashOfKey(bytes), bytes);
     if (found.state == Found::absent) {
       return std::nullopt;
     }
@@ -169,11 +179,32 @@ class MemtabMap : public Base {
   // A publisher's mistakes end here, with a RangeException that says what is wrong.
   virtual void refuseIllegal(const Record&) const {}
 
+  void handleChange(Bytes bytes) override {
+    Zol::ByteReader in(bytes);
+    Key key{};
+    decodeValue(in, key);
+    channel_.notify(key);
+  }
+  bool hasNews() const override { return follower_ != nullptr && follower_->isBehind(); }
+  bool poll(std::size_t maxKeys) override { return follower_ != nullptr && follower_->poll(maxKeys, channel_); }
+  void handleReader() override {
+    if (follower_ != nullptr) {
+      follower_->rebind(this->store().reader());
+    }
+  }
+
  private:
+  // Inside a change the store notifies at its end.
+  void notify(const Key& key) {
+    if (!this->store().isChanging()) {
+      this->store().published();
+      channel_.notify(key);
+    }
+  }
   static constexpr auto keyField() { return std::get<0>(Record::fields()).member; }
   static const Key& keyOf(const Record& record) { return record.*keyField(); }
 
-  static Zol::Ptr<SharedStore> ownStore() { return Zol::make<SharedStore>(fingerprint(), hashes()); }
+  static Zol::Ptr<SharedStore> ownStore() { return Zol::make<SharedStore>(layout()); }
 
   // Encoders keep their buffers, so that neither look-ups nor writes allocate.
   static Bytes encodedKey(const Key& key) {
@@ -205,6 +236,7 @@ class MemtabMap : public Base {
   }
 
   mutable Zol::Channel<Key> channel_;
+  std::unique_ptr<KeyFollower<Key>> follower_;  // null unless the map follows another process
 };
 
 template <Zol::Described Record, class Base>
@@ -213,7 +245,7 @@ class MemtabMap<Record, Base>::Hint {
   Hint() = default;
   explicit Hint(const MemtabMap& map) {
     if (!map.isPlaceholder()) {
-      cursor_.emplace(map.store().store().reader(), map.collection());
+      cursor_.emplace(map.store().reader(), map.collection());
     }
   }
 

@@ -87,6 +87,11 @@ class BasicStore {
   // Throws NoSpace; then the table stands as it did before the group, which is forgotten.
   template <class F>
   void groupEnd(F&& changed);
+  // Forgets the open group.
+  void groupDrop() {
+    group_.close();
+    group_.clear();
+  }
 
   // See Reader::get().
   Lookup get(unsigned collection, uint64_t hash, Bytes key) const {

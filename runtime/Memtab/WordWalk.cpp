@@ -40,10 +40,22 @@ bool WordWalk::load() {
   return chain_.isCurrent();
 }
 
-WordWalk::KeyStep WordWalk::key(const Entry& entry, Bytes& key) {
-  const char* what = reader_->copyKey(collection_, unitsOf(entry.word), key_);
-  if (!isCurrent(entry)) {
-    return KeyStep::changed;
+// A word changes with its record, and when its block is moved; its key stays in the slot as long as it stands.
+WordWalk::KeyStep WordWalk::key(Entry& entry, Bytes& key) {
+  const char* what = nullptr;
+  for (int tries = 0;; ++tries) {
+    what = reader_->copyKey(collection_, unitsOf(entry.word), key_);
+    if (!chain_.isCurrent() || tries == triesMax) {
+      return KeyStep::moved;
+    }
+    const uint64_t now = chain_.slots[entry.slot].load(std::memory_order_acquire);
+    if (now == entry.word && chain_.isCurrent()) {
+      break;
+    }
+    entry.word = now;
+    if (!isLive(now)) {
+      return KeyStep::gone;
+    }
   }
   if (what == nullptr) {
     key = key_.bytes();

@@ -25,12 +25,18 @@ class WordWalk {
     damaged,  // the hashes up to lastHash() cannot be reached
     busy,     // the writer was faster at every try
   };
-  enum class KeyStep : uint8_t { key, changed, damaged };
+  enum class KeyStep : uint8_t {
+    key,
+    gone,   // deleted meanwhile
+    moved,  // the segment is another by now: take() again
+    damaged,
+  };
 
   WordWalk(const Reader& reader, unsigned collection) : reader_(&reader), collection_(collection) {}
 
   // Loads the live words of the segment that hash belongs to.
   Step take(uint64_t hash);
+  std::vector<Entry>& entries() { return entries_; }
   const std::vector<Entry>& entries() const { return entries_; }
   // The greatest hash that belongs there too.
   uint64_t lastHash() const { return lastHash_; }
@@ -39,8 +45,8 @@ class WordWalk {
 
   // Asks for the block of an entry, which is wanted soon.
   void prefetch(const Entry& entry) const { prefetchBlock(reader_->blockAt(entry.word)); }
-  // The key of an entry, good until the next call. changed: the word is another by now.
-  KeyStep key(const Entry& entry, Bytes& key);
+  // The key of an entry, good until the next call; the entry becomes what its slot says now.
+  KeyStep key(Entry& entry, Bytes& key);
   // The first word of an entry's block; 0: it cannot be had, or the entry has changed.
   uint64_t head(const Entry& entry) const;
 

@@ -4,6 +4,12 @@
 
 namespace Zol {
 
+void expectValueHead(TextCursor& in, const char* typeName) {
+  in.expect("Value('");
+  in.expect(typeName);
+  in.expect("', ** {");
+}
+
 std::uint64_t parseUnsigned(std::string_view text, std::uint64_t max) {
   std::uint64_t value = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);

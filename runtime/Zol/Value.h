@@ -124,6 +124,8 @@ std::string stringOf(const T& value) {
 }
 
 std::uint64_t parseUnsigned(std::string_view text, std::uint64_t max);
+// The beginning of a value string of that type.
+void expectValueHead(TextCursor& in, const char* typeName);
 
 template <class T>
 requires std::is_integral_v<T>
@@ -167,7 +169,7 @@ void parseAttribute(TextCursor& in, const char* name, T& value) {
 
 template <Described T>
 void parseFields(TextCursor& in, T& value) {
-  in.expect(std::string("Value('") + T::typeName() + "', ** {");
+  expectValueHead(in, T::typeName());
   const char* separator = "'";
   forEachField(value, [&](const char* name, auto& field) {
     in.expect(separator + std::string(name) + "': ");

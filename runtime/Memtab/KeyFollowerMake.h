@@ -1,0 +1,36 @@
+// The code behind KeyFollower.h, for the source files that make it.
+#pragma once
+
+#include <utility>
+
+#include "runtime/Memtab/Follower.h"
+#include "runtime/Memtab/KeyFollower.h"
+#include "runtime/Zol/Value.h"  // first: the codecs of plain numbers
+
+namespace Memtab {
+
+template <class Key>
+class KeyFollowerOf final : public KeyFollower<Key> {
+ public:
+  KeyFollowerOf(const Reader& reader, unsigned collection, OnDamage onDamage)
+      : follower_(reader, collection), onDamage_(std::move(onDamage)) {
+    follower_.prime(onDamage_);
+  }
+  bool isBehind() const override { return follower_.isBehind(); }
+  bool poll(size_t keysMax, Zol::Channel<Key>& channel) override {
+    return follower_.poll(
+        keysMax, [&channel](const Key& key) { channel.notify(key); }, onDamage_);
+  }
+  void rebind(const Reader& reader) override { follower_.rebind(reader); }
+
+ private:
+  Follower<Key> follower_;
+  const OnDamage onDamage_;
+};
+
+template <class Key>
+std::unique_ptr<KeyFollower<Key>> makeKeyFollower(const Reader& reader, unsigned collection, OnDamage onDamage) {
+  return std::make_unique<KeyFollowerOf<Key>>(reader, collection, std::move(onDamage));
+}
+
+}  // namespace Memtab

@@ -1,0 +1,80 @@
+#include "runtime/Statehub/TableFeed.h"
+
+#include <utility>
+
+namespace Statehub {
+namespace {
+
+constexpr unsigned backlogPriority = 2;
+constexpr std::size_t keysAtOnce = 64;  // a table: some ten microseconds until the next look at the clock
+
+}  // namespace
+
+TableFeed::FeedTask::FeedTask(const Zol::Ptr<Quor::TaskScheduler>& scheduler, TableFeed& feed)
+    : TimerTask(scheduler, backlogPriority, "TableFeed"), feed_(feed) {}
+
+void TableFeed::FeedTask::run() {
+  if (!feed_.bell_.isSound()) {  // nobody can wake us: look by ourselves until the bell is mended
+    feed_.rescan();
+    if (!feed_.bell_.isSound()) {
+      scheduleTaskLowestDelay(Memtab::DoorbellListener::secondsUnsound);
+    }
+  }
+  bool isMore = true;
+  while (isMore) {
+    isMore = feed_.entityManager_->poll(keysAtOnce);
+    taskWorkCountInc(1);
+    if (taskShouldYield()) {
+      break;
+    }
+  }
+  if (isMore) {
+    scheduleTask();
+  }
+}
+
+TableFeed::TableFeed(Zol::Ptr<EntityManager> entityManager, const Zol::Ptr<Quor::TaskScheduler>& scheduler,
+                     Quor::EventLoop& loop, const std::vector<std::string>& paths)
+    : entityManager_(std::move(entityManager)),
+      loop_(loop),
+      directoryWatch_(entityManager_->stateDirectory(), paths),
+      bell_(entityManager_->stateDirectory()),
+      task_(scheduler, *this) {
+  loop_.fdIs(directoryWatch_.fd(), [this] { rescan(); });
+  loop_.fdIs(bell_.fd(), [] {});  // that it ended the sleep is all
+  task_.scheduleTask();
+  rescan();
+}
+
+TableFeed::~TableFeed() {
+  loop_.fdDel(bell_.fd());
+  loop_.fdDel(directoryWatch_.fd());
+}
+
+void TableFeed::look() {
+  // A task that waits for its delay is made ready; one that is ready keeps its turn.
+  if (entityManager_->hasNews()) {
+    task_.scheduleTask();
+  }
+}
+
+// Who publishes after the bell has been told rings it; who published before is seen here.
+bool TableFeed::mayFallAsleep() {
+  bell_.aboutToSleep();
+  if (!entityManager_->hasNews()) {
+    return true;
+  }
+  bell_.awake();
+  return false;
+}
+
+void TableFeed::rescan() {
+  directoryWatch_.answer();
+  bell_.mend();
+  entityManager_->rescan();
+  if (rescanned_) {
+    rescanned_();
+  }
+}
+
+}  // namespace Statehub

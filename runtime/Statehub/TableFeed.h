@@ -1,0 +1,58 @@
+// TableFeed: brings what other processes write into the tables of a state directory to the watchers in this one.
+//
+//     publisher ── stores ──▶ table file ◀── looked at once a turn of the loop ── TableFeed ── task ──▶ watchers
+//         └── rings, if somebody sleeps ──▶ doorbell ──▶ loop wakes up
+//     file made, removed, replaced ──▶ directory watch ──▶ loop wakes up, paths are looked at again
+//
+// A task tells the watchers, in slices, at the priority of the backlogs that they fill: neither starves the other.
+// While nothing changes no processor time is used.
+#pragma once
+
+#include <string>
+
+#include "runtime/Memtab/Doorbell.h"
+#include "runtime/Quor/EventLoop.h"
+#include "runtime/Quor/TimerTask.h"
+#include "runtime/Statehub/DirectoryWatch.h"
+#include "runtime/Statehub/EntityManager.h"
+
+namespace Statehub {
+
+class TableFeed final : public Quor::NewsSource {
+ public:
+  // entityManager has a state directory, whose subdirectories at paths are watched for files. The loop, which outlives
+  // the feed, is given it as its news source by whoever makes it. Raises what the doorbell and the watch raise.
+  TableFeed(Zol::Ptr<EntityManager> entityManager, const Zol::Ptr<Quor::TaskScheduler>& scheduler,
+            Quor::EventLoop& loop, const std::vector<std::string>& paths);
+  TableFeed(const TableFeed&) = delete;
+  TableFeed& operator=(const TableFeed&) = delete;
+  ~TableFeed();
+
+  void look() override;
+  bool mayFallAsleep() override;
+  void awake() override { bell_.awake(); }
+
+  // Called after the paths have been looked at again, on the loop's thread.
+  void rescannedCallbackIs(Quor::EventLoop::Callback callback) { rescanned_ = std::move(callback); }
+
+ private:
+  class FeedTask final : public Quor::TimerTask {
+   public:
+    FeedTask(const Zol::Ptr<Quor::TaskScheduler>& scheduler, TableFeed& feed);
+
+   private:
+    void run() override;
+    TableFeed& feed_;
+  };
+
+  void rescan();
+
+  const Zol::Ptr<EntityManager> entityManager_;
+  Quor::EventLoop& loop_;
+  DirectoryWatch directoryWatch_;
+  Memtab::DoorbellListener bell_;
+  FeedTask task_;
+  Quor::EventLoop::Callback rescanned_;
+};
+
+}  // namespace Statehub
