@@ -37,6 +37,7 @@ class EncapContentIndex {
     }
     return {};
   }
+  void clear() { members_.clear(); }
   std::size_t size() const { return members_.size(); }
   std::size_t bytesUsed() const { return members_.bytesUsed(); }
 

@@ -39,6 +39,9 @@ bool TunnelFibDependencies::nextLevelsIs(const TunnelId& tunnel, std::span<const
   } else {
     nextLevels_.insert(tunnel, NextLevels(nextLevels));
   }
+  for (const TunnelId& member : findCycle(tunnel)) {
+    suspects_.insert(member);
+  }
   return true;
 }
 
@@ -81,6 +84,17 @@ TunnelFibDependencies::TunnelIds TunnelFibDependencies::resolvedByTunnels(const 
 }
 
 TunnelFibDependencies::TunnelIds TunnelFibDependencies::cycleOf(const TunnelId& tunnel) const {
+  if (suspects_.empty() || !suspects_.has(tunnel)) {
+    return {};
+  }
+  TunnelIds cycle = findCycle(tunnel);
+  if (cycle.empty()) {
+    suspects_.erase(tunnel);
+  }
+  return cycle;
+}
+
+TunnelFibDependencies::TunnelIds TunnelFibDependencies::findCycle(const TunnelId& tunnel) const {
   if (!mayBeOnCycle(tunnel)) {
     return {};
   }
@@ -161,7 +175,7 @@ void TunnelFibDependencies::forEachNeighbour(Direction direction, const TunnelId
 }
 
 std::size_t TunnelFibDependencies::bytesUsed() const {
-  std::size_t bytes = nextLevels_.bytesUsed() + dependants_.bytesUsed();
+  std::size_t bytes = nextLevels_.bytesUsed() + dependants_.bytesUsed() + suspects_.bytesUsed();
   for (const auto& [tunnel, dependants] : dependants_) {
     bytes += dependants.bytesUsed();
   }

@@ -37,9 +37,10 @@ class TunnelFibDependencies {
   // Null when there are none. Good until the next change.
   const DependentTunnels* dependants(const TunnelId& tunnel) const { return dependants_.find(tunnel); }
 
-  // The tunnels on a cycle with the tunnel, itself included, in ascending order; empty when it is on none. O(1) for a
-  // tunnel without dependants, O(its next levels) when these have none themselves; else it costs the smaller of what
-  // the tunnel leads to and what leads to it, several times at most.
+  // The tunnels on a cycle with the tunnel, itself included, in ascending order; empty when it is on none. O(1) unless
+  // the tunnel was on one since its next levels changed last; then the smaller of what it leads to and what leads to
+  // it, several times at most. The same is the cost of changing next levels, but O(1) for a tunnel without dependants
+  // and O(next levels) when these have none themselves.
   TunnelIds cycleOf(const TunnelId& tunnel) const;
 
   std::size_t dependentTunnels() const { return nextLevels_.size(); }
@@ -51,12 +52,16 @@ class TunnelFibDependencies {
 
   template <class F>
   void forEachNeighbour(Direction direction, const TunnelId& tunnel, F&& f) const;
+  TunnelIds findCycle(const TunnelId& tunnel) const;
   bool mayBeOnCycle(const TunnelId& tunnel) const;
   bool reach(Direction direction, const TunnelId& start, std::size_t edgesMax, const Visited* within,
              Visited& visited) const;
 
   Zol::HashCollection<TunnelId, NextLevels> nextLevels_;
   Zol::HashCollection<TunnelId, DependentTunnels> dependants_;
+  // All tunnels on cycles, and some that were: a cycle only comes with a change of next levels, which files its members
+  // here; who turns out to be on none any more is dropped when it is asked for.
+  mutable Zol::HashCollection<TunnelId> suspects_;
 };
 
 }  // namespace Tunnel::TunnelTable

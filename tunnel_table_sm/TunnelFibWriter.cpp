@@ -1,6 +1,6 @@
 // The road of one entry into the FIB:
 //
-//     computed vias ──▶ equal to what stands? done
+//     computed vias ──▶ equal to what stands? done. Else, as one change:
 //                   ──▶ one reference a via: record found by content, or created under the next free id
 //                   ──▶ entry written: readers see it, dependants are notified
 //                   ──▶ references of the replaced entry given back; records that nobody carries any more are deleted
@@ -123,10 +123,26 @@ void TunnelFibWriter::addFibEntry(const ConsolidatedTunnelFibEntry& consFibEntry
   if (stands && isWritten(standing, consFibEntry)) {
     return;
   }
-  // New references before old ones go: a record that both entries carry must not vanish in between.
-  tunnelFib_->entry().entryIs(registerConsFibEntryForWriting(consFibEntry));
-  if (stands) {
-    deregisterEncaps(standing);
+  change([&] {
+    // New references before old ones go: a record that both entries carry must not vanish in between.
+    tunnelFib_->entry().entryIs(registerConsFibEntryForWriting(consFibEntry));
+    if (stands) {
+      deregisterEncaps(standing);
+    }
+  });
+}
+
+// Entry and records change as one. When there is no space nothing was written, and the counts, which ran ahead, are
+// taken from the FIB again.
+template <class F>
+void TunnelFibWriter::change(F&& f) {
+  try {
+    tunnelFib_->entry().change(std::forward<F>(f));
+  } catch (const Memtab::NoSpace&) {
+    encapIdRefCountDelAll();
+    byContent_.clear();
+    handleInitialized();
+    throw;
   }
 }
 
@@ -135,11 +151,15 @@ void TunnelFibWriter::deleteFibEntry(const TunnelId& tunnelId) {
                        << " tunnelId: " << tunnelId);
   TunnelFibEntry standing;
   const bool isReadable = readSafely(&tunnelFib_->entry(), tunnelId, standing);
-  if (!tunnelFib_->entry().entryDel(tunnelId)) {  // deletes a damaged entry too
+  bool isDeleted = false;
+  change([&] {
+    isDeleted = tunnelFib_->entry().entryDel(tunnelId);  // deletes a damaged entry too
+    if (isDeleted && isReadable) {
+      deregisterEncaps(standing);
+    }
+  });
+  if (!isDeleted) {
     return;
-  }
-  if (isReadable) {
-    deregisterEncaps(standing);
   }
   FASTLOG_TRACE(7, "  tunnelId " << tunnelId << " entry deleted");
 }

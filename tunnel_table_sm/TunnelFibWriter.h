@@ -26,7 +26,8 @@ class TunnelFibWriter final : public Zol::Reactor {
   const Zol::Ptr<TunnelFib>& tunnelFib() const { return tunnelFib_; }
   bool initialized() const { return initialized_; }
 
-  // Writes or rewrites a tunnel's entry. Raises RangeException for more than 512 vias or backup vias.
+  // Writes or rewrites a tunnel's entry. Raises RangeException for more than 512 vias or backup vias, NoSpace when the
+  // FIB cannot grow; then it stands as it did.
   void addFibEntry(const ConsolidatedTunnelFibEntry& consFibEntry);
   // Deletes a tunnel's entry, if there is one, then gives its references back.
   void deleteFibEntry(const TunnelId& tunnelId);
@@ -72,6 +73,8 @@ class TunnelFibWriter final : public Zol::Reactor {
   std::size_t bytesUsed() const { return encapIdRefCount_.bytesUsed() + byContent_.bytesUsed(); }
 
  private:
+  template <class F>
+  void change(F&& f);
   template <class Info>
   EncapId insertEncap(const Info& info);
   void handleInitialized();
