@@ -30,6 +30,13 @@ struct Texts {
   std::vector<std::string> traces;
 };
 
+void addTraceOption(CLI::App& app, std::vector<std::string>& traces) {
+  app.add_option("--trace", traces, "Trace a source to standard error up to LEVEL (0 to 9); * is all sources")
+      ->type_size(1)
+      ->allow_extra_args(false)
+      ->check(accepted("SOURCE=LEVEL", [](const std::string& text) { Fastlog::TraceSetting::parse(text); }));
+}
+
 void addTunnelIds(CLI::App& app, const std::string& name, std::vector<std::string>& ids, const std::string& help) {
   app.add_option(name, ids, help)
       ->type_size(1)
@@ -54,10 +61,28 @@ void addRunOptions(CLI::App& app, RunOptions& options, Texts& texts) {
   app.add_option("--yield-every", options.yieldEvery, "Let tasks yield after N units of work")
       ->type_name("N")
       ->check(CLI::Range(std::uint64_t(1), UINT64_MAX));
-  app.add_option("--trace", texts.traces, "Trace a source to standard error up to LEVEL (0 to 9); * is all sources")
-      ->type_size(1)
-      ->allow_extra_args(false)
-      ->check(accepted("SOURCE=LEVEL", [](const std::string& text) { Fastlog::TraceSetting::parse(text); }));
+  addTraceOption(app, texts.traces);
+}
+
+void addServeOptions(CLI::App& app, ServeOptions& options, std::vector<std::string>& traces) {
+  app.add_option("--state-dir", options.stateDirectory, "Where the tables lie")
+      ->type_name("DIR")
+      ->default_val(stateDirectoryDefault);
+  app.add_option("--config", options.configFile, "The RIBs to build, a rib line each; read again at SIGHUP")
+      ->type_name("FILE");
+  app.add_option("--wait-limit", options.waitSeconds,
+                 "Start after SECONDS though a table is incomplete of which RIBs or FIB hold entries")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(0.0, 1e9));
+  addTraceOption(app, traces);
+}
+
+std::vector<Fastlog::TraceSetting> settings(const std::vector<std::string>& traces) {
+  std::vector<Fastlog::TraceSetting> all;
+  for (const std::string& trace : traces) {
+    all.push_back(Fastlog::TraceSetting::parse(trace));
+  }
+  return all;
 }
 
 RunOptions complete(RunOptions options, const CLI::App& app, const Texts& texts) {
@@ -78,9 +103,7 @@ RunOptions complete(RunOptions options, const CLI::App& app, const Texts& texts)
   if (options.wantsState && options.stateFile.empty() && options.waysOf.size() + options.askedWhy.size() > 0) {
     throw CLI::ValidationError("--state", "prints nothing else; --tunnel and --why need --state=FILE");
   }
-  for (const std::string& trace : texts.traces) {
-    options.traces.push_back(Fastlog::TraceSetting::parse(trace));
-  }
+  options.traces = settings(texts.traces);
   return options;
 }
 
@@ -95,11 +118,19 @@ CommandLine CommandLine::parse(int argc, const char* const* argv) {
   RunOptions options;
   Texts texts;
   addRunOptions(*run, options, texts);
+  CLI::App* const serve = app.add_subcommand("serve", "Build RIBs and FIB from the tables of a state directory");
+  ServeOptions serveOptions;
+  std::vector<std::string> serveTraces;
+  addServeOptions(*serve, serveOptions, serveTraces);
   try {
     app.parse(argc, argv);
-    return {complete(std::move(options), *run, texts), exitDone};
+    if (serve->parsed()) {
+      serveOptions.traces = settings(serveTraces);
+      return {std::nullopt, std::move(serveOptions), exitDone};
+    }
+    return {complete(std::move(options), *run, texts), std::nullopt, exitDone};
   } catch (const CLI::ParseError& error) {
-    return {std::nullopt, app.exit(error) == 0 ? exitDone : exitBadInput};
+    return {std::nullopt, std::nullopt, app.exit(error) == 0 ? exitDone : exitBadInput};
   }
 }
 

@@ -31,10 +31,21 @@ struct RunOptions {
   std::vector<Fastlog::TraceSetting> traces;
 };
 
+struct ServeOptions {
+  std::string stateDirectory;
+  std::string configFile;             // empty: the system RIB alone, with all tables
+  std::optional<double> waitSeconds;  // how long incomplete tables keep the agent waiting; nothing: for ever
+  std::vector<Fastlog::TraceSetting> traces;
+};
+
+// Where the tables of a router lie unless a command line says otherwise: a file system in memory.
+inline constexpr const char* stateDirectoryDefault = "/run/tunnel-agent";
+
 // What is to be run; or, when nothing is, the exit status: help or version were asked for, or the line is not one that
 // can be accepted. What there is to say about that has then been written.
 struct CommandLine {
   std::optional<RunOptions> run;
+  std::optional<ServeOptions> serve;
   int exitStatus = exitDone;
 
   static CommandLine parse(int argc, const char* const* argv);

@@ -19,11 +19,18 @@ bool isRibTable(TableId table) {
   return std::find(std::begin(ribTables), std::end(ribTables), table) != std::end(ribTables);
 }
 
-ProtocolTables::ProtocolTables(Statehub::EntityManager& entityManager) {
+ProtocolTables::ProtocolTables(Statehub::EntityManager& entityManager)
+    : ProtocolTables(entityManager, {allTables().begin(), allTables().end()}, Statehub::Access::read) {}
+
+ProtocolTables::ProtocolTables(Statehub::EntityManager& entityManager, const std::set<TableId>& mounted,
+                               Statehub::Access access) {
   forEachNamedTable([&](auto named) {
     using Table = typename decltype(named)::Table;
+    if (!mounted.contains(named.id)) {
+      return;
+    }
     const Model::TunnelTableInfo info = Model::tunnelTableInfo(named.id);
-    entityManager.doMount(info.path, info.typeName);
+    entityManager.doMount(info.path, info.typeName, Model::sharedTable(access));
     auto& table = std::get<Zol::Ptr<Table>>(tables_);
     table = Zol::dynamicPtrCast<Table>(entityManager.getEntity(info.path));
     ZOL_ASSERT(table != nullptr);

@@ -2,6 +2,7 @@
 // name" goes through withTable(), the one list of them.
 #pragma once
 
+#include <set>
 #include <tuple>
 #include <vector>
 
@@ -50,23 +51,28 @@ bool isRibTable(TableId table);
 
 class ProtocolTables {
  public:
-  // Mounts all twelve. They stay mounted here whether or not the RIBs are told of them.
+  // Mounts all twelve for reading. They stay mounted here whether or not the RIBs are told of them.
   explicit ProtocolTables(Statehub::EntityManager& entityManager);
+  // Mounts these alone, with this access. Raises what mounting raises.
+  ProtocolTables(Statehub::EntityManager& entityManager, const std::set<TableId>& mounted, Statehub::Access access);
 
+  // Null when it is not mounted.
   template <class Table>
   const Zol::Ptr<Table>& table() const {
     return std::get<Zol::Ptr<Table>>(tables_);
   }
   const Model::TunnelTableBase& table(TableId id) const;
 
-  // f(table) for the table of that name, by its own class.
+  // f(table) for the table of that name, by its own class. Requires: mounted.
   template <class F>
   void withTable(TableId id, F&& f) const {
     bool found = false;
     forEachNamedTable([&](auto named) {
       if (named.id == id) {
         found = true;
-        f(*table<typename decltype(named)::Table>());
+        const auto& mounted = table<typename decltype(named)::Table>();
+        ZOL_ASSERT(mounted != nullptr);
+        f(*mounted);
       }
     });
     ZOL_ASSERT(found);

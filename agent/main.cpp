@@ -7,6 +7,7 @@
 
 #include "agent/CommandLine.h"
 #include "agent/RunCommand.h"
+#include "agent/ServeCommand.h"
 #include "agent/Terminal.h"
 #include "runtime/Fastlog/TraceRegistry.h"
 
@@ -18,12 +19,14 @@ int fail(int status, const std::string& reason) {
   return status;
 }
 
-int run(const Agent::RunOptions& options) {
+// Runs a command over its options.
+template <class Command, class Options>
+int run(const Options& options) {
   for (const Fastlog::TraceSetting& trace : options.traces) {
     Fastlog::TraceRegistry::instance().levelIs(trace.source, trace.level);
   }
   try {
-    Agent::RunCommand(options).run();
+    Command(options).run();
     return Agent::exitDone;
   } catch (const Agent::ScenarioError& error) {
     return fail(Agent::exitBadInput, error.what());
@@ -41,5 +44,8 @@ int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);  // a reader of our output may leave before its end
   std::ios::sync_with_stdio(false);
   const Agent::CommandLine line = Agent::CommandLine::parse(argc, argv);
-  return line.run ? run(*line.run) : line.exitStatus;
+  if (line.serve) {
+    return run<Agent::ServeCommand>(*line.serve);
+  }
+  return line.run ? run<Agent::RunCommand>(*line.run) : line.exitStatus;
 }

@@ -1,0 +1,168 @@
+#include "agent/ServeCommand.h"
+
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <utility>
+
+#include "agent/InputError.h"
+#include "agent/Log.h"
+
+namespace Agent {
+namespace {
+
+constexpr unsigned limitPriority = 2;
+
+Memtab::Descriptor signalDescriptor() {
+  sigset_t answered;
+  sigemptyset(&answered);
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
+    sigaddset(&answered, signal);
+  }
+  sigprocmask(SIG_BLOCK, &answered, nullptr);
+  return Memtab::Descriptor(signalfd(-1, &answered, SFD_NONBLOCK | SFD_CLOEXEC));
+}
+
+AgentConfig configOf(const ServeOptions& options) {
+  std::istringstream none;
+  return options.configFile.empty() ? readConfig(none, "") : readConfigFile(options.configFile);
+}
+
+}  // namespace
+
+// Ends the wait for tables.
+class ServeCommand::WaitLimit final : public Quor::TimerTask {
+ public:
+  WaitLimit(ServeCommand& command, double seconds)
+      : TimerTask(command.host_.scheduler(), limitPriority, "WaitLimit"), command_(command) {
+    scheduleTaskLowestDelay(seconds);
+  }
+
+ private:
+  void run() override {
+    log(LogLevel::warning, "the wait is over: tables are taken as they are");
+    command_.start();
+  }
+  ServeCommand& command_;
+};
+
+ServeCommand::ServeCommand(ServeOptions options)
+    : options_(std::move(options)),
+      config_(configOf(options_)),
+      signals_(signalDescriptor()),
+      host_(time_, slicePolicy_, Zol::make<Statehub::EntityManager>(options_.stateDirectory)),
+      status_(host_),
+      declaration_(statusTable<BgpLuDeclaration>(*host_.entityManager(), bgpLuDeclarationPath, Statehub::Access::read)),
+      loop_(host_.scheduler()) {
+  forEachNamedTable([this](auto named) { host_.tables().table<typename decltype(named)::Table>()->follow(); });
+  declaration_->follow();
+  declarationListener_.channelIs(&declaration_->entryChannel());
+  feed_ = std::make_unique<Statehub::TableFeed>(host_.entityManager(), host_.scheduler(), loop_,
+                                                std::vector<std::string>{"tunnel/table", "tunnel"});
+  loop_.newsSourceIs(this);
+  loop_.fdIs(signals_.get(), [this] { handleSignal(); });
+  applyConfig(config_, *host_.ribConfigs());
+  gate_.emplace(host_);
+  startIfReady();
+  if (gate_ && options_.waitSeconds) {
+    waitLimit_ = std::make_unique<WaitLimit>(*this, *options_.waitSeconds);
+  }
+}
+
+ServeCommand::~ServeCommand() {
+  loop_.newsSourceIs(nullptr);
+  host_.stop();
+}
+
+void ServeCommand::run() {
+  loop_.run();
+  log(LogLevel::info, "stopped; RIBs and FIB stay");
+}
+
+void ServeCommand::look() {
+  feed_->look();
+  if (gate_) {
+    startIfReady();
+  }
+}
+
+bool ServeCommand::mayFallAsleep() {
+  if (!gate_ && !isReady_ && !host_.scheduler()->hasTasks()) {
+    handleFirstDrain();
+  }
+  return feed_->mayFallAsleep();
+}
+
+void ServeCommand::startIfReady() {
+  std::vector<std::string> waitingFor = gate_->waitingFor();
+  if (waitingFor.empty()) {
+    start();
+    return;
+  }
+  if (waitingFor != waitingFor_) {
+    waitingFor_ = std::move(waitingFor);
+    for (const std::string& each : waitingFor_) {
+      log(LogLevel::notice, "waiting: " + each);
+    }
+  }
+}
+
+void ServeCommand::start() {
+  gate_.reset();
+  waitLimit_.reset();
+  readDeclaration();
+  host_.start();
+  status_.publishRibs(*host_.ribConfigs());
+  log(LogLevel::info, "started over " + options_.stateDirectory + " with " + std::to_string(config_.size()) +
+                          (config_.size() == 1 ? " RIB" : " RIBs"));
+}
+
+void ServeCommand::handleFirstDrain() {
+  isReady_ = true;
+  host_.fib()->entry().collectionReadyIs(true);
+  for (const auto& [name, id] : host_.ribIds()->tunnelRibNames()) {
+    if (const auto rib = host_.rib(id)) {
+      rib->collectionReadyIs(true);
+    }
+  }
+  for (const auto& [type, wrapper] : host_.protocolRibs()->protocolTunnelRib()) {
+    wrapper->tunnelRib()->collectionReadyIs(true);
+  }
+  log(LogLevel::info, "ready: " + std::to_string(host_.fib()->entry().size()) + " FIB entries");
+}
+
+void ServeCommand::readDeclaration() {
+  BgpLuDeclaration declaration;
+  if (Model::readSafely(declaration_.get(), 0U, declaration)) {
+    host_.bgpLuConvergence()->bgpLuConvergedIs(declaration.converged(), declaration.seqno());
+  }
+}
+
+void ServeCommand::handleSignal() {
+  signalfd_siginfo info{};
+  while (read(signals_.get(), &info, sizeof info) == sizeof info) {
+    if (info.ssi_signo == SIGHUP) {
+      reload();
+    } else {
+      loop_.stop();
+    }
+  }
+}
+
+void ServeCommand::reload() {
+  try {
+    config_ = configOf(options_);
+  } catch (const ScenarioError& error) {
+    log(LogLevel::error, std::string(error.what()) + "; the configuration stays as it was");
+    return;
+  }
+  applyConfig(config_, *host_.ribConfigs());
+  if (!gate_) {
+    status_.publishRibs(*host_.ribConfigs());
+    isReady_ = false;  // new RIBs are declared complete after their first drain
+  }
+  log(LogLevel::info, "configuration read: " + std::to_string(config_.size()) + " RIBs");
+}
+
+}  // namespace Agent

@@ -1,0 +1,74 @@
+// The command "tunnel-agent serve": an agent as a daemon over the tables of a state directory.
+//
+//     configuration read ──▶ tables mounted, RIBs and FIB taken over ──▶ waits until the tables can be believed
+//         ──▶ reactors started ──▶ first backlog drained: RIBs and FIB declared complete ──▶ serves until SIGTERM
+//
+// RIBs and FIB stay when it stops. SIGHUP reads the configuration again; a wrong one is refused as a whole.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "agent/AgentConfig.h"
+#include "agent/AgentHost.h"
+#include "agent/AgentStatus.h"
+#include "agent/CommandLine.h"
+#include "agent/StartGate.h"
+#include "runtime/Memtab/Descriptor.h"
+#include "runtime/Quor/EventLoop.h"
+#include "runtime/Quor/RealTimeSource.h"
+#include "runtime/Quor/TimeSlicePolicy.h"
+#include "runtime/Quor/TimerTask.h"
+#include "runtime/Statehub/TableFeed.h"
+
+namespace Agent {
+
+class ServeCommand final : private Quor::NewsSource {
+ public:
+  // Blocks the signals that it answers. Raises ScenarioError for the configuration, and what mounting raises: TableBusy
+  // when another agent serves the directory, FileRefused, NoSpace.
+  explicit ServeCommand(ServeOptions options);
+  ~ServeCommand();
+
+  // Returns after SIGTERM or SIGINT.
+  void run();
+
+ private:
+  class WaitLimit;
+  struct DeclarationListener final : Zol::Listener<std::uint32_t> {
+    explicit DeclarationListener(ServeCommand& owner) : command(owner) {}
+    using Listener::channelIs;
+    void onKey(const std::uint32_t&) override { command.readDeclaration(); }
+    ServeCommand& command;
+  };
+
+  void look() override;
+  bool mayFallAsleep() override;
+  void awake() override { feed_->awake(); }
+
+  void startIfReady();
+  void start();
+  void handleFirstDrain();
+  void readDeclaration();
+  void handleSignal();
+  void reload();
+
+  const ServeOptions options_;
+  AgentConfig config_;
+  Memtab::Descriptor signals_;
+  Quor::RealTimeSource time_;
+  Quor::TimeSlicePolicy slicePolicy_{time_};
+  AgentHost host_;
+  StatusWriter status_;
+  Zol::Ptr<BgpLuDeclarationTable> declaration_;
+  DeclarationListener declarationListener_{*this};
+  Quor::EventLoop loop_;
+  std::unique_ptr<Statehub::TableFeed> feed_;
+  std::optional<StartGate> gate_;  // until the start
+  std::unique_ptr<WaitLimit> waitLimit_;
+  std::vector<std::string> waitingFor_;  // as logged last
+  bool isReady_ = false;
+};
+
+}  // namespace Agent
