@@ -1,0 +1,202 @@
+// The agent as a daemon, with publishers as processes of their own.
+
+#include <random>
+
+#include "agent/AgentHost.h"
+#include "agent/ScenarioPlayer.h"
+#include "agent/ScenarioReader.h"
+#include "runtime/Quor/TimeSlicePolicy.h"
+#include "tests/tools/Router.h"
+
+namespace Tools {
+namespace {
+
+constexpr const char* examples[] = {"abilene", "captured-isp", "geant", "cogent", "kdl"};
+
+std::string exampleFile(const std::string& name) { return std::string(EXAMPLES_DIR) + "/" + name + ".jsonl"; }
+
+// What a run of the whole scenario in one process ends with, and the configuration at its end.
+struct Played {
+  explicit Played(const std::string& file) : host(time, slicePolicy), player(host, time) {
+    std::ifstream in(file);
+    Agent::ScenarioReader reader(in, file);
+    while (const auto line = reader.next()) {
+      player.apply(*line);
+    }
+    player.settle();
+    document = withoutEncapIndexes(Agent::stateDocument(host));
+    for (auto it = host.ribConfigs()->config().begin(); it; ++it) {
+      config += Agent::ribLineText(*it.value()) + "\n";
+    }
+  }
+  Quor::SimulatedTimeSource time;
+  Quor::TimeSlicePolicy slicePolicy{time};
+  Agent::AgentHost host;
+  Agent::ScenarioPlayer player;
+  OrderedJson document;
+  std::string config;
+};
+
+// RIB numbers and convergence depend on what was configured in between, which publishers know nothing of.
+OrderedJson comparable(OrderedJson document) {
+  for (OrderedJson& rib : document["ribs"]) {
+    rib.erase("id");
+  }
+  document.erase("convergence");
+  return document;
+}
+
+class Serve : public testing::Test, protected Router {};
+
+class ServeExample : public testing::TestWithParam<const char*>, protected Router {};
+
+TEST_P(ServeExample, processesReachWhatOneProcessReachesAndARestartWritesNothing) {
+  const Played played(exampleFile(GetParam()));
+  const std::string config = scratch().fileWith("rib.jsonl", played.config);
+  const auto reaches = [&] {
+    return Support::becomes([&] { return comparable(document()) == comparable(played.document); }, 60);
+  };
+  {
+    Support::Process agent = serve({"--config", config});
+    ASSERT_EQ(publishAll({exampleFile(GetParam())}), 0) << Support::contentsOf(scratch() / "publish.log");
+    ASSERT_TRUE(reaches()) << agentLog() << comparable(document()).dump(1).substr(0, 2000);
+    EXPECT_EQ(agent.stop(), 0) << agentLog();
+  }
+  const auto before = sequences();
+  Support::Process again = serve({"--config", config});
+  ASSERT_TRUE(Support::becomes([&] {
+    const std::string log = agentLog();
+    return log.find("ready", log.find("stopped")) != std::string::npos;
+  })) << agentLog();
+  EXPECT_EQ(sequences(), before);
+  EXPECT_EQ(again.stop(SIGKILL), 128 + SIGKILL);
+  EXPECT_EQ(comparable(document()), comparable(played.document)) << "RIBs and FIB outlive the agent";
+}
+
+INSTANTIATE_TEST_SUITE_P(Examples, ServeExample, testing::ValuesIn(examples), [](const auto& name) {
+  std::string word = name.param;
+  std::replace(word.begin(), word.end(), '-', '_');
+  return word;
+});
+
+// Both are killed at random; what is published in the end is what counts.
+TEST_F(Serve, killedAtAnyTimeItEndsWhereItWouldHave) {
+  const Played played(exampleFile("geant"));
+  const std::string config = scratch().fileWith("rib.jsonl", played.config);
+  std::mt19937 random(7);
+  const char* const rounds = std::getenv("SERVE_KILL_ROUNDS");
+  for (int round = rounds == nullptr ? 12 : std::atoi(rounds); round > 0; --round) {
+    Support::Process agent = serve({"--config", config});
+    Support::Process publisher = publish({exampleFile("geant")});
+    usleep(random() % 60000);
+    (random() % 2 == 0 ? agent : publisher).stop(SIGKILL);
+  }
+  Support::Process agent = serve({"--config", config});
+  ASSERT_EQ(publishAll({exampleFile("geant")}), 0);
+  EXPECT_TRUE(Support::becomes([&] { return comparable(document()) == comparable(played.document); })) << agentLog();
+}
+
+constexpr const char* ldp5 =
+    R"({"table": "ldp", "put": {"index": 5, "tep": "10.0.0.5/32", "vias": [{"nextHop": "192.0.2.1", "intf": "if12", "labels": [300123]}]}})";
+constexpr const char* ldp6 =
+    R"({"table": "ldp", "put": {"index": 6, "tep": "10.0.0.6/32", "vias": [{"nextHop": "192.0.2.1", "intf": "if12", "labels": [300124]}]}})";
+
+TEST_F(Serve, oneAgentOnePublisherATableAndTheHolderIsNamed) {
+  const std::string one = scratch().fileWith("one.jsonl", ldp5);
+  Support::Process agent = serve();
+  ASSERT_TRUE(agent.says("ready")) << agent.output();
+  Support::Process second = serveAs("second.log");
+  EXPECT_EQ(second.wait(), 1);
+  EXPECT_NE(second.output().find("pid " + std::to_string(agent.pid())), std::string::npos) << second.output();
+
+  Support::Process publisher = publish({one, "--hold"});
+  ASSERT_TRUE(publisher.says("ldp: 1"));
+  Support::Process other = publish({one}, "other.log");
+  EXPECT_EQ(other.wait(), 1);
+  EXPECT_NE(other.output().find("pid " + std::to_string(publisher.pid())), std::string::npos) << other.output();
+  publisher.stop(SIGKILL);
+  EXPECT_EQ(publishAll({one}), 0) << "a dead publisher's table can be taken over";
+}
+
+// What the successor does not mention goes when it declares its table complete, not before.
+TEST_F(Serve, aPublishersTableStaysInForceUntilItsSuccessorIsComplete) {
+  Support::Process agent = serve();
+  ASSERT_EQ(publishAll({scratch().fileWith("both.jsonl", std::string(ldp5) + "\n" + ldp6)}), 0);
+  const auto fibSize = [&] { return document()["fib"].size(); };
+  ASSERT_TRUE(Support::becomes([&] { return fibSize() == 2; })) << agentLog();
+  Support::Process successor = publish({"-"}, "successor.log");
+  successor.tell(std::string(ldp6) + "\n");
+  usleep(100000);
+  EXPECT_EQ(fibSize(), 2U);
+  successor.tell("{\"settle\": true}\n");
+  EXPECT_TRUE(Support::becomes([&] { return fibSize() == 1; }));
+}
+
+TEST_F(Serve, anIncompleteTableThatEntriesCameFromHoldsTheStartUp) {
+  const std::string both = scratch().fileWith("both.jsonl", std::string(ldp5) + "\n" + ldp6);
+  {
+    Support::Process agent = serve();
+    ASSERT_EQ(publishAll({both}), 0);
+    ASSERT_TRUE(Support::becomes([&] { return document()["fib"].size() == 2; })) << agentLog();
+  }
+  const auto before = sequences();
+  std::filesystem::remove(stateDirectory() + "/tunnel/table/ldp");
+  Support::Process agent = serve();
+  ASSERT_TRUE(agent.says("waiting: table ldp is absent, 2 entries came from it")) << agent.output();
+  Support::Process publisher = publish({"-"}, "publisher.log");
+  publisher.tell(std::string(ldp5) + "\n");
+  ASSERT_TRUE(agent.says("waiting: table ldp is not complete")) << agent.output();
+  EXPECT_EQ(sequences(), before);
+  publisher.tell(std::string(ldp6) + "\n{\"settle\": true}\n");
+  ASSERT_TRUE(agent.says("ready: 2 FIB entries")) << agent.output();
+  EXPECT_EQ(sequences(), before);
+}
+
+TEST_F(Serve, theWaitEndsAtItsLimit) {
+  {
+    Support::Process agent = serve();
+    ASSERT_EQ(publishAll({scratch().fileWith("one.jsonl", ldp5)}), 0);
+    ASSERT_TRUE(Support::becomes([&] { return document()["fib"].size() == 1; })) << agentLog();
+  }
+  std::filesystem::remove(stateDirectory() + "/tunnel/table/ldp");
+  Support::Process agent = serve({"--wait-limit", "0.2"});
+  EXPECT_TRUE(Support::becomes([&] { return document()["fib"].empty(); })) << agentLog();
+}
+
+TEST_F(Serve, configurationIsReadAgainAndAWrongOneRefusedAsAWhole) {
+  const std::string config = scratch().fileWith("rib.jsonl", R"({"rib": "a", "tables": {"ldp": {"pref": 7}}})");
+  Support::Process agent = serve({"--config", config});
+  ASSERT_EQ(publishAll({scratch().fileWith("one.jsonl", ldp5)}), 0);
+  const auto pref = [&](const std::string& name) {
+    for (const OrderedJson& rib : document()["ribs"]) {
+      if (rib["name"] == name && !rib["entries"].empty()) {
+        return rib["entries"][0]["pref"].get<int>();
+      }
+    }
+    return -1;
+  };
+  ASSERT_TRUE(Support::becomes([&] { return pref("a") == 7; })) << agentLog();
+  scratch().fileWith(
+      "rib.jsonl",
+      "{\"rib\": \"b\", \"tables\": {\"ldp\": {\"pref\": 8}}}\n{\"rib\": \"a\", \"tables\": {\"gre\": {}}}");
+  agent.signal(SIGHUP);
+  EXPECT_TRUE(agent.says("rib.jsonl:2: tables.gre")) << agent.output();
+  EXPECT_EQ(pref("a"), 7);
+  EXPECT_EQ(pref("b"), -1);
+  scratch().fileWith("rib.jsonl", R"({"rib": "b", "tables": {"ldp": {"pref": 8}}})");
+  agent.signal(SIGHUP);
+  EXPECT_TRUE(Support::becomes([&] { return pref("b") == 8 && pref("a") == -1; })) << agentLog();
+}
+
+TEST_F(Serve, anIdleAgentUsesNoProcessorTime) {
+  Support::Process agent = serve();
+  ASSERT_EQ(publishAll({exampleFile("abilene")}), 0);
+  ASSERT_TRUE(agent.says("ready"));
+  usleep(500000);
+  const double before = agent.cpuSeconds();
+  usleep(1500000);
+  EXPECT_LE(agent.cpuSeconds() - before, 0.01);
+}
+
+}  // namespace
+}  // namespace Tools

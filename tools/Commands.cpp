@@ -1,0 +1,70 @@
+#include "tools/Commands.h"
+
+#include <iostream>
+#include <memory>
+#include <sstream>
+
+#include "agent/AgentStatus.h"
+#include "agent/CommandLine.h"
+#include "agent/StateDocument.h"
+#include "tools/PublishCommand.h"
+#include "tunnel/TunnelTableIdentifier.h"
+
+namespace Tools {
+namespace {
+
+std::optional<Agent::TableId> tableOf(const std::string& name) {
+  for (const Agent::TableId table : Agent::allTables()) {
+    if (Zol::stringOf(table) == name) {
+      return table;
+    }
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+void addStateDirectory(CLI::App& command, std::string& stateDirectory) {
+  command.add_option("--state-dir", stateDirectory, "Where the tables lie")
+      ->type_name("DIR")
+      ->default_val(Agent::stateDirectoryDefault);
+}
+
+void addPublish(CLI::App& app, Action& action) {
+  CLI::App* const command = app.add_subcommand("publish", "Write the tables of scenarios as the protocols would");
+  const auto options = std::make_shared<PublishOptions>();
+  const auto table = std::make_shared<std::string>();
+  addStateDirectory(*command, options->stateDirectory);
+  command->add_option("SCENARIO", options->scenarios, "Files to apply, one after the other; - is standard input");
+  command->add_option("--table", *table, "Publish this table alone; without scenarios: an empty one")
+      ->type_name("T")
+      ->check([](const std::string& name) { return tableOf(name) ? "" : "no table '" + Agent::printable(name) + "'"; });
+  command->add_flag("--hold", options->holds, "Stay the tables' publisher until a signal ends it");
+  command->add_flag("--step", options->steps, "Wait for a line on standard input at each settle");
+  command->callback([=, &action] {
+    if (options->scenarios.empty() && table->empty()) {
+      throw CLI::RequiredError("SCENARIO or --table");
+    }
+    options->table = tableOf(*table);
+    action = [options] {
+      PublishCommand(*options).run();
+      return exitDone;
+    };
+  });
+}
+
+void addState(CLI::App& app, Action& action) {
+  CLI::App* const command = app.add_subcommand("state", "Print the state document of a state directory");
+  const auto stateDirectory = std::make_shared<std::string>();
+  addStateDirectory(*command, *stateDirectory);
+  command->callback([=, &action] {
+    action = [stateDirectory] {
+      Agent::AgentState state(Zol::make<Statehub::EntityManager>(*stateDirectory), Statehub::Access::read);
+      const Agent::StatusReader status(state);
+      Agent::writeStateDocument(std::cout, state);
+      return exitDone;
+    };
+  });
+}
+
+}  // namespace Tools

@@ -1,0 +1,23 @@
+// The commands of tunnelctl. Each adds itself to the command line, and says there what is to be run when it is chosen.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <string>
+
+namespace Tools {
+
+// What was chosen; returns the exit status. What it raises is told to the caller of the program.
+using Action = std::function<int()>;
+
+constexpr int exitDone = 0;
+constexpr int exitFailed = 1;  // asked rightly, but it cannot be done, or something is wrong with what was asked about
+constexpr int exitBadInput = 2;  // the command line or an input file is wrong
+
+// The option that nearly every command has.
+void addStateDirectory(CLI::App& command, std::string& stateDirectory);
+
+void addPublish(CLI::App& app, Action& action);
+void addState(CLI::App& app, Action& action);
+
+}  // namespace Tools
