@@ -116,7 +116,7 @@ class Follower {
   size_t entryOf(uint32_t units) const;
   bool isStanding(const WordWalk::Entry& entry, const Known& known) const;
   template <class D>
-  void addUnmatched(D&& onDamage);
+  bool addUnmatched(D&& onDamage);
   template <class D>
   std::optional<Key> decoded(Bytes bytes, D&& onDamage) const;
   template <class D>
@@ -232,9 +232,14 @@ bool Follower<Key>::compareSegment(D&& onDamage) {
     onDamage(walk_.damage());
     visitKnown(lastHash, [](uint32_t, const Key&, const Known&) {});
   } else {
+    const std::optional<Key> firstKnown = comparison_->known;
     indexEntries();
     matchKnown(lastHash);
-    addUnmatched(onDamage);
+    if (!addUnmatched(onDamage)) {
+      comparison_->known = firstKnown;
+      candidates_.clear();
+      return true;  // the same place once more
+    }
     std::sort(candidates_.begin(), candidates_.end());
     candidates_.erase(std::unique(candidates_.begin(), candidates_.end()), candidates_.end());
   }
@@ -318,17 +323,21 @@ void Follower<Key>::matchKnown(uint32_t lastHash) {
   });
 }
 
-// So are the keys of entries that no known key matches: added or replaced.
+// So are the keys of entries that no known key matches: added or replaced. False: the segment was split or merged
+// meanwhile, which the ring does not tell.
 template <class Key>
 template <class D>
-void Follower<Key>::addUnmatched(D&& onDamage) {
-  const auto& entries = walk_.entries();
+bool Follower<Key>::addUnmatched(D&& onDamage) {
+  auto& entries = walk_.entries();
   for (size_t i = 0; i < entries.size(); ++i) {
     if (i + prefetchAhead < entries.size() && !isMatched_[i + prefetchAhead]) {
       walk_.prefetch(entries[i + prefetchAhead]);
     }
     Bytes bytes;
-    const WordWalk::KeyStep step = isMatched_[i] ? WordWalk::KeyStep::changed : walk_.key(entries[i], bytes);
+    const WordWalk::KeyStep step = isMatched_[i] ? WordWalk::KeyStep::gone : walk_.key(entries[i], bytes);
+    if (step == WordWalk::KeyStep::moved) {
+      return false;
+    }
     if (step == WordWalk::KeyStep::damaged) {
       onDamage(walk_.damage());
     } else if (step == WordWalk::KeyStep::key) {
@@ -337,6 +346,7 @@ void Follower<Key>::addUnmatched(D&& onDamage) {
       }
     }
   }
+  return true;
 }
 
 template <class Key>

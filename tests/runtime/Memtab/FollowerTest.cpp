@@ -107,6 +107,47 @@ TEST(MemtabFollower, sleepsThroughAMillionChanges) {
   EXPECT_TRUE(mirror.settle().empty());
 }
 
+// A hash that lets somebody in while a reader looks at a key.
+std::function<void()> meanwhile;
+uint64_t hookedHash(Bytes key) {
+  if (meanwhile) {
+    std::exchange(meanwhile, nullptr)();
+  }
+  return hashOfKeyBytes<uint64_t>(key);
+}
+
+// Fails if a comparison loses keys of a segment that the writer splits, merges or moves at that moment: the ring tells
+// of the keys that were put or deleted, not of their neighbours.
+TEST(MemtabFollower, writerGoesOnDuringComparison) {
+  const HashFn hash = hookedHash;
+  for (const bool isGrowing : {true, false}) {
+    for (int callsBefore = 0; callsBefore < 400; callsBefore += 7) {
+      Store store(Region::anonymous(), 1, {&hash, 1});
+      const uint64_t keys = isGrowing ? 300 : 3000;
+      for (uint64_t key = 0; key < keys; ++key) {
+        put(store, key, std::to_string(key));
+      }
+      const Reader reader(store.view(), {&hash, 1});
+      Mirror mirror(reader);
+      int calls = 0;
+      std::function<void()> count = [&] {
+        if (calls++ < callsBefore) {
+          meanwhile = count;
+          return;
+        }
+        for (uint64_t key = 0; key < 2900; ++key) {
+          isGrowing ? put(store, keys + key, "more") : del(store, key);
+        }
+      };
+      meanwhile = count;
+      while (mirror.poll()) {
+      }
+      meanwhile = nullptr;
+      ASSERT_TRUE(mirror.numbers == numbersIn(reader)) << isGrowing << callsBefore;
+    }
+  }
+}
+
 // Fails if an index word that reads the same after its generation has come round is taken for no change.
 TEST(MemtabFollower, generationComesRound) {
   size_t sameWords = 0;
