@@ -124,6 +124,25 @@ TEST(MemtabHostileTakeOver, randomWords) {
   EXPECT_GT(lost, 1000u);
 }
 
+// Fails if a piece that two words claim is handed out while one of them stands, or freed twice later.
+TEST(MemtabHostileTakeOver, twoWordsForOnePiece) {
+  DamagedScene scene(500);
+  const Place directory = Place::of(scene.at(descriptorsAt));
+  const Place segment = Place::of(scene.at(directory.offset()));
+  for (size_t bucket = 0; bucket < segment.words(); bucket += bucketWords) {
+    uint64_t* const words = &scene.at(segment.offset() + 8 * bucket);
+    if (isLive(words[0]) && words[bucketWords - 1] == emptyWord) {
+      words[bucketWords - 1] = words[0];
+      EXPECT_EQ(scene.takeOver().damages, 1u);
+      scene.heal();
+    }
+  }
+  Place shifted = Place::of(scene.at(directory.offset() + 8));
+  shifted.units = segment.units + lineBytes / unitBytes;
+  scene.at(directory.offset() + 8) = shifted.word();
+  EXPECT_GE(scene.takeOver().damages, 1u);
+}
+
 // Fails if a table that lost its header passes for an empty one.
 TEST(MemtabHostileTakeOver, wipedHeaderIsNoNewTable) {
   for (const size_t wiped : {size_t{8}, headerBytes}) {
