@@ -189,7 +189,7 @@ bool Follower<Key>::poll(size_t keysMax, F&& f, D&& onDamage) {
       }
       beginComparison();
     } else if (target == sequence_) {
-      return !again_.empty();
+      return isBehind();
     } else if (!takeFromRing(onDamage)) {
       beginComparison();
     }
