@@ -24,6 +24,9 @@
 
 namespace Agent {
 
+// How long a task works before it looks up. Backlogs pause for as long, so two of them share the processor.
+inline constexpr double sliceSeconds = 0.01;
+
 class ServeCommand final : private Quor::NewsSource {
  public:
   // Blocks the signals that it answers. Raises ScenarioError for the configuration, and what mounting raises: TableBusy
@@ -58,7 +61,7 @@ class ServeCommand final : private Quor::NewsSource {
   AgentConfig config_;
   Memtab::Descriptor signals_;
   Quor::RealTimeSource time_;
-  Quor::TimeSlicePolicy slicePolicy_{time_};
+  Quor::TimeSlicePolicy slicePolicy_{time_, sliceSeconds};
   AgentHost host_;
   StatusWriter status_;
   Zol::Ptr<BgpLuDeclarationTable> declaration_;

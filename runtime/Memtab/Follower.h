@@ -68,6 +68,13 @@ class Follower {
     return comparison_ || nextCandidate_ != candidates_.size() || !again_.empty() || reader_->sequence() != sequence_ ||
            reader_->epoch() != epoch_;
   }
+  // Up to which all changes have been reported. Lags behind while poll() has more to do.
+  uint64_t sequence() const {
+    if (nextCandidate_ == candidates_.size() && again_.empty()) {
+      reported_ = sequence_;
+    }
+    return reported_;
+  }
   bool knows(const Key& key) const { return known_.has(key); }
   size_t knownKeys() const { return known_.size(); }
   // How often all index words were compared, the first look included.
@@ -125,7 +132,8 @@ class Follower {
   const Reader* reader_;
   unsigned collection_;
   Zol::HashCollection<Key, Known> known_;
-  uint64_t sequence_ = 0;  // all changes up to it were examined
+  uint64_t sequence_ = 0;          // all changes up to it were examined
+  mutable uint64_t reported_ = 0;  // as sequence() said last
   uint64_t epoch_ = 0;
   std::optional<Comparison> comparison_;
   uint64_t comparisons_ = 0;

@@ -19,6 +19,8 @@ class KeyFollower {
  public:
   virtual ~KeyFollower() = default;
   virtual bool isBehind() const = 0;
+  // Up to which all changes have been notified.
+  virtual std::uint64_t sequence() const = 0;
   // Notifies about keysMax keys that changed; whether there is more.
   virtual bool poll(size_t keysMax, Zol::Channel<Key>& channel) = 0;
   virtual void rebind(const Reader& reader) = 0;

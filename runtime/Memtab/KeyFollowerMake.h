@@ -17,6 +17,7 @@ class KeyFollowerOf final : public KeyFollower<Key> {
     follower_.prime(onDamage_);
   }
   bool isBehind() const override { return follower_.isBehind(); }
+  std::uint64_t sequence() const override { return follower_.sequence(); }
   bool poll(size_t keysMax, Zol::Channel<Key>& channel) override {
     return follower_.poll(
         keysMax, [&channel](const Key& key) { channel.notify(key); }, onDamage_);

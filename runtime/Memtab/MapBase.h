@@ -15,12 +15,13 @@ namespace Memtab {
 // What is known of a collection beside its contents.
 class CollectionControl {
  public:
-  explicit CollectionControl(const SharedStore* store) : store_(store) {}
-  // Grows with every write, never falls; 0 for a placeholder.
-  std::uint64_t sequence() const { return store_ == nullptr ? 0 : store_->reader().sequence(); }
+  explicit CollectionControl(std::uint64_t sequence) : sequence_(sequence) {}
+  // Grows with every write, never falls; 0 for a placeholder. Of a map that follows another process: the number up to
+  // which its watchers have been told.
+  std::uint64_t sequence() const { return sequence_; }
 
  private:
-  const SharedStore* store_;
+  std::uint64_t sequence_;
 };
 
 class MapBase : public Zol::Entity, protected StoreListener {
@@ -32,7 +33,7 @@ class MapBase : public Zol::Entity, protected StoreListener {
   MapBase& operator=(const MapBase&) = delete;
   ~MapBase() override;
 
-  CollectionControl collectionControl() const { return CollectionControl(store_.get()); }
+  CollectionControl collectionControl() const { return CollectionControl(isPlaceholder() ? 0 : sequence()); }
   bool isPlaceholder() const { return !store_; }
   std::size_t size() const { return isPlaceholder() ? 0 : store_->entries(collection_); }
 
@@ -70,6 +71,7 @@ class MapBase : public Zol::Entity, protected StoreListener {
  protected:
   void requireWritable(const char* operation) const;
   [[noreturn]] void raiseCorruption(const std::string& what) const;
+  virtual std::uint64_t sequence() const { return store_->reader().sequence(); }
   SharedStore& store() const { return *store_; }
   bool isWritable() const { return !isPlaceholder() && store_->isWritable(); }
   unsigned collection() const { return collection_; }

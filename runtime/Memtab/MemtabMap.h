@@ -187,6 +187,7 @@ class MemtabMap : public Base {
   }
   bool hasNews() const override { return follower_ != nullptr && follower_->isBehind(); }
   bool poll(std::size_t maxKeys) override { return follower_ != nullptr && follower_->poll(maxKeys, channel_); }
+  std::uint64_t sequence() const override { return follower_ != nullptr ? follower_->sequence() : Base::sequence(); }
   void handleReader() override {
     if (follower_ != nullptr) {
       follower_->rebind(this->store().reader());

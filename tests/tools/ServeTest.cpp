@@ -40,16 +40,16 @@ struct Played {
   std::string config;
 };
 
-// Where RIBs come and go in a scenario, their numbers and convergence depend on what was configured in between, which
-// publishers know nothing of.
+// Convergence is announced with the RIB's own sequence number, which depends on how reviews fell together. Where RIBs
+// come and go in a scenario, their numbers depend on what was configured in between, which publishers know nothing of.
 OrderedJson comparable(OrderedJson document, bool isConfiguredOnce = false) {
+  document.erase("convergence");
   if (isConfiguredOnce) {
     return document;
   }
   for (OrderedJson& rib : document["ribs"]) {
     rib.erase("id");
   }
-  document.erase("convergence");
   return document;
 }
 
