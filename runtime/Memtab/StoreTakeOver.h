@@ -83,6 +83,9 @@ void BasicStore<Stores>::takeOver(uint64_t fingerprint) {
     changes_.create(options_.ringSlotsLog2);
     changes_.publish(false);
   }
+  if (!damages.empty()) {
+    pen_.store(epochAt, epoch + 1);  // readers that looked before the repair was done look again
+  }
   takeSize();
   takeSequence();
 }
