@@ -330,6 +330,28 @@ TEST(MemtabCrash, everyStoreOfGroupsThatGrow) {
   std::printf("states: %zu\n", enumeration.states());
 }
 
+// Fails if a restart over unchanged inputs moves the sequence or stores more than that there is a new owner.
+TEST(MemtabCrash, successorOfACompleteTableStoresNothing) {
+  Memory memory;
+  const auto fill = [](MortalStore& store) {
+    for (unsigned i = 0; i < 700; ++i) {
+      put(store, i % 2, std::to_string(i), std::string(i % 50, 'r'));
+    }
+    store.readyIs(true);
+  };
+  Life(memory).run(fill);
+  const Bytestring before = memory.bytes();
+  const Life life(memory);
+  EXPECT_FALSE(life.store->ready());
+  EXPECT_EQ(life.store->reader().epoch(), 2u);
+  EXPECT_EQ(~size_t{0} - life.left, 4u);  // epoch, owner and its start, ready
+  fill(*life.store);
+  EXPECT_EQ(~size_t{0} - life.left, 5u);
+  Bytestring after = memory.bytes();
+  after[epochAt] = before[epochAt];
+  EXPECT_TRUE(after == before);
+}
+
 // Fails if a record is lost, or a piece leaked, at any store of moving blocks, segments and directory to the front and
 // giving the rest back.
 TEST(MemtabCrash, everyStoreOfCompaction) {
