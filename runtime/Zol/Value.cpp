@@ -4,6 +4,12 @@
 
 namespace Zol {
 
+void appendAll(std::string& text, std::initializer_list<std::string_view> parts) {
+  for (const std::string_view part : parts) {
+    text += part;
+  }
+}
+
 void expectValueHead(TextCursor& in, const char* typeName) {
   in.expect("Value('");
   in.expect(typeName);

@@ -22,6 +22,7 @@
 
 #include <compare>
 #include <cstdint>
+#include <initializer_list>
 #include <ostream>
 #include <sstream>
 #include <string>
@@ -275,23 +276,28 @@ concept NamesItself = requires {
   { T::typeName() } -> std::convertible_to<std::string>;
 };
 
+void appendAll(std::string& text, std::initializer_list<std::string_view> parts);
+
 // A text that changes whenever the encoded layout of T changes.
 template <class T>
 std::string schemaOf() {
   if constexpr (Described<T>) {
-    std::string text = std::string(T::typeName()) + "{";
+    std::string text;
+    appendAll(text, {T::typeName(), "{"});
     std::apply(
         [&text](const auto&... field) {
-          ((text +=
-            std::string(field.name) + ":" + schemaOf<typename std::remove_cvref_t<decltype(field)>::Type>() + ";"),
+          (appendAll(text, {field.name, ":", schemaOf<typename std::remove_cvref_t<decltype(field)>::Type>(), ";"}),
            ...);
         },
         T::fields());
-    return text + "}";
+    appendAll(text, {"}"});
+    return text;
   } else if constexpr (std::is_same_v<T, bool>) {
     return "bool";
   } else if constexpr (std::is_integral_v<T> || std::is_enum_v<T>) {
-    return "u" + std::to_string(sizeof(T) * 8);
+    std::string text;
+    appendAll(text, {"u", std::to_string(sizeof(T) * 8)});
+    return text;
   } else if constexpr (NamesItself<T>) {
     return T::typeName();
   } else {
@@ -301,7 +307,11 @@ std::string schemaOf() {
 
 template <class T, std::size_t maxSize, std::size_t inlineSize>
 struct Schema<PodArray<T, maxSize, inlineSize>> {
-  static std::string text() { return schemaOf<T>() + "[" + std::to_string(maxSize) + "]"; }
+  static std::string text() {
+    std::string text;
+    appendAll(text, {schemaOf<T>(), "[", std::to_string(maxSize), "]"});
+    return text;
+  }
 };
 
 }  // namespace Zol
