@@ -2,10 +2,14 @@
 
 #include <algorithm>
 
+#include "runtime/Fastlog/RingMessage.h"
+#include "runtime/Fastlog/TraceHelper.h"
 #include "tunnel/TunnelTable.h"
 
 namespace Tunnel::TunnelTable {
 namespace {
+
+FASTLOG_DEFAULT_HANDLE("TunnelRibBuilderSm")
 
 bool holdSameTunnels(const TunnelIdArray& a, const TunnelIdArray& b) {
   constexpr std::size_t fewIds = 16;  // up to here comparing each with each beats sorting copies
@@ -31,7 +35,12 @@ StagedTunnelRib::Staged* StagedTunnelRib::find(const Ipkit::IpGenPrefix& tep) {
   return at == touched_.end() ? nullptr : &*at;
 }
 
-StagedTunnelRib::Staged& StagedTunnelRib::stage(const Ipkit::IpGenPrefix& tep) {
+bool StagedTunnelRib::stage(const Ipkit::IpGenPrefix& tep) {
+  if (Staged* const kept = unwritten_.empty() ? nullptr : unwritten_.find(tep)) {
+    touched_.push_back(std::move(*kept));
+    unwritten_.erase(tep);
+    return true;
+  }
   Staged& staged = touched_.emplace_back();
   staged.tep = tep;
   try {
@@ -41,24 +50,50 @@ StagedTunnelRib::Staged& StagedTunnelRib::stage(const Ipkit::IpGenPrefix& tep) {
     staged.isDamaged = true;
   }
   staged.now = staged.standing;
-  return staged;
+  return !staged.isDamaged;
 }
 
 // Who hears of a write may come back for another review: what is staged leaves first.
 void StagedTunnelRib::write() {
   std::vector<Staged> touched;
   touched.swap(touched_);
-  for (const Staged& each : touched) {
-    if (each.now.tunnelIds() == 0) {
-      if (each.isDamaged || each.standing.tunnelIds() != 0) {
-        rib_->entryDel(each.tep);
+  for (Staged& each : touched) {
+    try {
+      write(each);
+    } catch (const Memtab::NoSpace& full) {
+      FASTLOG_TRACE(3, "No space for tep " << each.tep << " in rib id " << rib_->id() << ": " << full.what());
+      if (unwritten_.empty()) {
+        static Fastlog::RingMessage message("TunnelRibBuilderSm", __LINE__, "No space for tep %s in rib id %i: %s");
+        message.write(Zol::stringOf(each.tep), rib_->id(), full.what());
       }
-    } else if (each.isDamaged || !isSame(each.standing, each.now)) {
-      rib_->entryIs(each.now);
+      unwritten_.insertOrAssign(each.tep, std::move(each));
     }
   }
   touched.clear();
   touched_.swap(touched);  // keeps the memory
+}
+
+void StagedTunnelRib::write(const Staged& staged) {
+  if (staged.now.tunnelIds() == 0) {
+    if (staged.isDamaged || staged.standing.tunnelIds() != 0) {
+      rib_->entryDel(staged.tep);
+    }
+  } else if (staged.isDamaged || !isSame(staged.standing, staged.now)) {
+    rib_->entryIs(staged.now);
+  }
+}
+
+bool StagedTunnelRib::writeNext() {
+  auto it = unwritten_.from(next_);
+  if (!it) {
+    it = unwritten_.begin();
+  }
+  const Ipkit::IpGenPrefix tep = it.key();
+  ++it;
+  next_ = it ? it.key() : Ipkit::IpGenPrefix();
+  stage(tep);
+  write();
+  return !unwritten_.has(tep);
 }
 
 }  // namespace Tunnel::TunnelTable

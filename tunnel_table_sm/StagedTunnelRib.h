@@ -5,11 +5,15 @@
 //
 // An entry that cannot be read is damaged, which is not the same as absent: whoever stages it fills it anew from what
 // it knows, and it is written or deleted in any case.
+//
+// An entry that finds no space in the table is kept as it shall be. A review that touches its endpoint goes on from
+// there, and writes it; else the builder tries it again.
 #pragma once
 
 #include <utility>
 #include <vector>
 
+#include "runtime/Zol/HashCollection.h"
 #include "tunnel/TunnelRib.h"
 
 namespace Tunnel::TunnelTable {
@@ -27,11 +31,10 @@ class StagedTunnelRib {
 
   const Zol::Ptr<TunnelRib>& rib() const { return rib_; }
   // The entry of the endpoint, to read and to change. Good until the next call for another endpoint. refill is called
-  // once, when the entry turns out to be damaged, after it has been staged as empty.
+  // when the entry turns out to be damaged, after it has been staged as empty.
   template <class Refill>
   TunnelRibEntry& entry(const Ipkit::IpGenPrefix& tep, Refill&& refill) {
-    const bool isNew = find(tep) == nullptr;
-    if (isNew && stage(tep).isDamaged) {
+    if (find(tep) == nullptr && !stage(tep)) {
       refill();
     }
     return find(tep)->now;
@@ -40,12 +43,21 @@ class StagedTunnelRib {
   std::vector<Staged>& touched() { return touched_; }
   void write();
 
+  // How many entries found no space.
+  std::size_t unwritten() const { return unwritten_.size(); }
+  // Tries the next of them again, all in turn; false: there is still no space for it. Requires: unwritten() > 0.
+  bool writeNext();
+
  private:
   Staged* find(const Ipkit::IpGenPrefix& tep);
-  Staged& stage(const Ipkit::IpGenPrefix& tep);
+  // False when the entry cannot be read.
+  bool stage(const Ipkit::IpGenPrefix& tep);
+  void write(const Staged& staged);
 
   Zol::Ptr<TunnelRib> rib_;
   std::vector<Staged> touched_;
+  Zol::HashCollection<Ipkit::IpGenPrefix, Staged> unwritten_;
+  Ipkit::IpGenPrefix next_;  // where writeNext() goes on
 };
 
 }  // namespace Tunnel::TunnelTable

@@ -5,13 +5,22 @@
 //             ▲ bookmark            the scheduler says so; the next one goes on where it stopped
 //
 // An id leaves the set before its review: what is filed while it is reviewed, itself included, is reviewed again.
+//
+// A tunnel whose entry finds no space in the FIB stays filed. The others behind it have their turn, since a withdrawal
+// must not wait for it, and may make the space; once round, everything rests for a second.
+#include <utility>
+
+#include "runtime/Fastlog/RingMessage.h"
 #include "runtime/Fastlog/TraceHelper.h"
+#include "runtime/Memtab/Region.h"
 #include "tunnel_table_sm/TunnelFibSm.h"
 
 namespace Tunnel::TunnelTable {
 namespace {
 
 FASTLOG_DEFAULT_HANDLE("TunnelFibSm");
+
+constexpr double spaceRetryDelay = 1;  // seconds
 
 }  // namespace
 
@@ -67,21 +76,35 @@ void TunnelFibSm::fileDeferredDependants(const TunnelId& tunnelId) {
   });
 }
 
+void TunnelFibSm::review(const TunnelId tunnelId) {
+  tunnelForReviewDel(tunnelId);
+  try {
+    updateTunnelFibEntry(tunnelId);
+  } catch (const Memtab::NoSpace& full) {
+    FASTLOG_TRACE(3, "drainTunnelBacklog"
+                         << ": No space for tunnelId: " << tunnelId << ": " << full.what());
+    if (!std::exchange(isShortOfSpace_, true)) {
+      static Fastlog::RingMessage message("TunnelFibSm", __LINE__, "No space for tunnelId: %i: %s");
+      message.write(tunnelId.value(), full.what());
+    }
+    tunnelForReview_.insert(tunnelId);
+  }
+}
+
 void TunnelFibSm::drainSlice(std::size_t& reviewed) {
   struct Draining {
     explicit Draining(bool& flag) : flag_(flag) { flag_ = true; }
     ~Draining() { flag_ = false; }
     bool& flag_;
   } draining(draining_);
+  isShortOfSpace_ = isShortOfSpace_ && !!tunnelReviewBookmark_;  // until the round is over
   auto it = !tunnelReviewBookmark_ ? tunnelForReview_.begin() : tunnelForReview_.from(tunnelReviewBookmark_);
   tunnelReviewBookmark_ = TunnelId();
-  while (it || !tunnelForReview_.empty()) {
+  while (it || (!tunnelForReview_.empty() && !isShortOfSpace_)) {
     if (!it) {  // ids were filed behind the place, or the bookmark was behind them all
       it = tunnelForReview_.begin();
     }
-    const TunnelId tunnelId = it.key();
-    tunnelForReviewDel(tunnelId);
-    updateTunnelFibEntry(tunnelId);
+    review(it.key());
     ++reviewed;
     ++it;
     if (task_->taskShouldYield()) {
@@ -107,7 +130,11 @@ void TunnelFibSm::drainTunnelBacklog() {
   task_->taskWorkCountInc(reviewed);
   task_->taskWorkPendingIs(remaining);
   if (remaining != 0) {
-    scheduleTunnelReview();
+    if (isShortOfSpace_ && !tunnelReviewBookmark_) {
+      task_->scheduleTaskLowestDelay(spaceRetryDelay);
+    } else {
+      scheduleTunnelReview();
+    }
     return;
   }
   tunnelReviewBookmark_ = TunnelId();

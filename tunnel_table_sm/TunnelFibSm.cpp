@@ -92,6 +92,19 @@ void TunnelFibSm::removeStaleEntries() {
   }
 }
 
+// What an earlier table of the type has led to, when another one takes its place or none does.
+void TunnelFibSm::fileStanding(TunnelType type) {
+  const auto file = [this, type](const TunnelId& tunnelId) {
+    if (tunnelId.tunnelType() == type) {
+      tunnelForReviewIs(tunnelId, true);
+    }
+  };
+  walkSafely(tunnelFib_->entry(), true, [&](const auto& hint) { file(hint.key()); });
+  for (const auto& [tunnelId, value] : unprogrammableTunnelIds_->entry().members()) {
+    file(tunnelId);
+  }
+}
+
 void TunnelFibSm::tunnelFibEntryMarkedUnprocessedIs(const TunnelId& tunnelId, bool value) {
   if (value) {
     markedUnprocessed_.insertOrAssign(tunnelId, true);

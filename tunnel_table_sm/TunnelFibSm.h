@@ -72,9 +72,12 @@ class TunnelFibSm final : public Zol::Reactor {
   const Zol::Ptr<TunnelFibWriter>& tunnelFibWriter() const { return tunnelFibWriter_.ptr(); }
   bool initialized() const { return initialized_; }
 
-#define TUNNEL_FIB_ATTRIBUTE(attribute, Table, handler)                                         \
-  const Zol::PtrConst<Table>& attribute() const { return attribute##_.notifier(); }             \
-  void attribute##Is(Zol::PtrConst<Table> table) { attribute##_.notifierIs(std::move(table)); } \
+#define TUNNEL_FIB_ATTRIBUTE(attribute, Table, handler)                             \
+  const Zol::PtrConst<Table>& attribute() const { return attribute##_.notifier(); } \
+  void attribute##Is(Zol::PtrConst<Table> table) {                                  \
+    attribute##_.notifierIs(std::move(table));                                      \
+    fileStanding(Table::tableTunnelType);                                           \
+  }                                                                                 \
   void attribute##Del() { attribute##Is(nullptr); }
   TUNNEL_FIB_TABLES(TUNNEL_FIB_ATTRIBUTE)
 #undef TUNNEL_FIB_ATTRIBUTE
@@ -150,6 +153,7 @@ class TunnelFibSm final : public Zol::Reactor {
 
  private:
   void handleInitialized();
+  void fileStanding(TunnelType type);
   template <class F>
   bool visitTableEntry(const TunnelId& tunnelId, F&& f) const;
   template <class F, class... Tables>
@@ -168,6 +172,7 @@ class TunnelFibSm final : public Zol::Reactor {
   bool doesDefer(const TunnelId& tunnelId, const TunnelFibCalcResult& result) const;
   void fileDeferredDependants(const TunnelId& tunnelId);
   void drainSlice(std::size_t& reviewed);
+  void review(TunnelId tunnelId);
 
   const Zol::Ptr<TunnelFib> tunnelFib_;
   const Zol::Ptr<TunnelIdColl> unprogrammableTunnelIds_;
@@ -188,6 +193,7 @@ class TunnelFibSm final : public Zol::Reactor {
   std::unique_ptr<Quor::OwnedTask<TunnelFibSm>> task_;
   bool initialized_ = false;
   bool draining_ = false;
+  bool isShortOfSpace_ = false;  // some tunnel of this round through the backlog found no space in the FIB
 };
 
 // Creates the state machine of the tunnel FIB and switches it on.

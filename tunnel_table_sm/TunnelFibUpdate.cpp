@@ -3,7 +3,7 @@
 //   1. T's table entry is read, once; with it come T's direct next levels.
 //   2. They are recorded. If they changed, the tunnels that were and those that now are on a cycle with T go to review:
 //      they have vias whose verdict may have changed.
-//   3. The vias are computed (TunnelFibViaCalc).
+//   3. The vias are computed (TunnelFibViaCalc). Next levels that turn out to be unreviewed go to review.
 //   4. T is deferred while it has nothing to offer but a next level may soon have, or while what a next level has is
 //      start-up state and so is T's own. Its old entry stands.
 //   5. Else the entry is written or withdrawn, and whoever waits for T goes to review. A change of the entry reaches
@@ -45,6 +45,11 @@ void TunnelFibSm::updateTunnelFibEntry(const TunnelId& tunnelId) {
   } else if (!review_.nextLevels.empty()) {
     std::sort(review_.joined.begin(), review_.joined.end());
     dependencies_.joinedIs(tunnelId, review_.joined);
+  }
+  for (const TunnelId& next : review_.unreviewed) {
+    if (!isWaiting(next)) {
+      tunnelForReviewIs(next, true);
+    }
   }
   if (doesDefer(tunnelId, result)) {
     FASTLOG_TRACE(8,

@@ -45,8 +45,8 @@ const std::vector<TunnelFibReview::JoinableVia>& viasOf(const TunnelFibSm& sm, T
       const TunnelVia& via = entry.tunnelVia(i);
       LabelStackEncap encap;  // absent: reads as no labels
       const EncapType type = via.encapId().encapType();
-      if (type == EncapType::labelStack) {
-        readSafely(&sm.tunnelFib()->labelStackEncap(), via.encapId(), encap);
+      if (type == EncapType::labelStack && !readSafely(&sm.tunnelFib()->labelStackEncap(), via.encapId(), encap)) {
+        review.unreviewed.push_back(next);
       }
       review.nextLevelVias.push_back({via, encap.info(), type});
     }
@@ -54,8 +54,9 @@ const std::vector<TunnelFibReview::JoinableVia>& viasOf(const TunnelFibSm& sm, T
   return review.nextLevelVias;
 }
 
-// Why a next level has no vias.
-Result whyEmpty(const TunnelFibSm& sm, const TunnelId& next) {
+// Why a next level has no vias. One that could have some was reviewed if it is unprogrammable; else its table's
+// notification is still on its way, or its entry is damaged.
+Result whyEmpty(const TunnelFibSm& sm, TunnelFibReview& review, const TunnelId& next) {
   Result result;
   if (sm.tunnelTableEntryWasDeleted(next)) {
     FASTLOG_TRACE(7, "    Next-level tunnel " << next << " is missing its tunnel table entry");
@@ -63,9 +64,10 @@ Result whyEmpty(const TunnelFibSm& sm, const TunnelId& next) {
   } else if (!sm.tunnelContributesToTunnelFib(next)) {
     FASTLOG_TRACE(7, "    Next-level tunnel " << next << " is not contributing to tunnel FIB");
     result.recTunNonContribIs(true);
-  } else if (sm.isWaiting(next)) {
+  } else if (sm.isWaiting(next) || !sm.unprogrammableTunnelIds()->has(next)) {
     FASTLOG_TRACE(7, "    Next-level tunnel " << next << " is not ready");
     result.recTunNotReadyIs(true);
+    review.unreviewed.push_back(next);
   } else {
     FASTLOG_TRACE(7, "    Next-level tunnel " << next << " is unprogrammable");
     result.recTunUnprogrammableIs(true);
@@ -104,6 +106,7 @@ void TunnelFibReview::reset(const TunnelId& tunnelId) {
   joined.clear();
   cycle.clear();
   metMarked = false;
+  unreviewed.clear();
   isNextLevelRead = false;
 }
 
@@ -150,7 +153,7 @@ TunnelFibViaCalcResult calculateTunnelFibEntryMplsVia(const TunnelFibSm& sm, Tun
     return result;  // too many already, whatever else is joined
   }
   const auto& nextVias = viasOf(sm, review, next);
-  return nextVias.empty() ? whyEmpty(sm, next) : flatten(nextVias, next, via, review);
+  return nextVias.empty() ? whyEmpty(sm, review, next) : flatten(nextVias, next, via, review);
 }
 
 void calculateTunnelFibEntryBackupMplsVia(TunnelFibReview& review, const MplsVia& via) {

@@ -25,6 +25,7 @@ struct TunnelFibReview {
   std::vector<TunnelId> joined;      // those of them that vias were joined from
   std::vector<TunnelId> cycle;       // the tunnels on a cycle with the reviewed one: ascending
   bool metMarked = false;            // a next level is as an earlier run left it
+  std::vector<TunnelId> unreviewed;  // next levels whose FIB entry is not what their own review would make of it
   TunnelId nextLevel;                // whose vias are below
   bool isNextLevelRead = false;
   bool isNextLevelAsked = false;  // the last via's was, for its vias

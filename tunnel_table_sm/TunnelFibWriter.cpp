@@ -10,8 +10,6 @@
 // records are not swept, since one of them may be carried by what could not be read.
 #include "tunnel_table_sm/TunnelFibWriter.h"
 
-#include <vector>
-
 #include "runtime/Fastlog/TraceHelper.h"
 #include "tunnel/EncapKind.h"
 #include "tunnel/TunnelTable.h"
@@ -86,7 +84,7 @@ void TunnelFibWriter::countReferences() {
     for (const TunnelViaArray* vias : {&fibEntry.tunnelVia(), &fibEntry.backupTunnelVia()}) {
       for (const TunnelVia& via : *vias) {
         if (via.encapId().encapType() != EncapType::invalid) {
-          encapIdRefCountInc(via.encapId(), 1);
+          encapIdRefCount_.countIs(via.encapId(), encapIdRefCount(via.encapId()) + 1);
         }
       }
     }
@@ -132,17 +130,33 @@ void TunnelFibWriter::addFibEntry(const ConsolidatedTunnelFibEntry& consFibEntry
   });
 }
 
-// Entry and records change as one. When there is no space nothing was written, and the counts, which ran ahead, are
-// taken from the FIB again.
+// Entry and records change as one. When that fails nothing was written, and the counts, which ran ahead, go back: a
+// full FIB is tried again and again, so that must cost no more than the try.
 template <class F>
 void TunnelFibWriter::change(F&& f) {
+  const std::uint64_t sequence = tunnelFib_->entry().collectionControl().sequence();
+  countsBefore_.clear();
   try {
     tunnelFib_->entry().change(std::forward<F>(f));
-  } catch (const Memtab::NoSpace&) {
-    encapIdRefCountDelAll();
-    byContent_.clear();
-    handleInitialized();
+  } catch (...) {
+    if (tunnelFib_->entry().collectionControl().sequence() == sequence) {  // else whoever heard of the change raised it
+      takeCountsBack();
+    }
     throw;
+  }
+}
+
+// Records that were to be deleted stand, and are found again. The index may keep members of records that were not
+// created: it passes over them.
+void TunnelFibWriter::takeCountsBack() {
+  for (auto before = countsBefore_.rbegin(); before != countsBefore_.rend(); ++before) {
+    const EncapId id = before->first;
+    encapIdRefCount_.countIs(id, before->second);
+    withEncapKind(id.encapType(), [&](auto kind) {
+      if (const auto info = encapInfo(*tunnelFib_, kind, id)) {
+        byContent_.add(id, *info);
+      }
+    });
   }
 }
 
@@ -325,15 +339,17 @@ std::uint32_t TunnelFibWriter::nextEncapIndex(EncapType type) const {
 }
 
 std::uint32_t TunnelFibWriter::encapIdRefCountInc(EncapId id, std::uint32_t by) {
-  const std::uint32_t count = encapIdRefCount(id) + by;
-  encapIdRefCount_.countIs(id, count);
-  return count;
+  const std::uint32_t before = encapIdRefCount(id);
+  countsBefore_.emplace_back(id, before);
+  encapIdRefCount_.countIs(id, before + by);
+  return before + by;
 }
 
 std::uint32_t TunnelFibWriter::encapIdRefCountDec(EncapId id, std::uint32_t by) {
-  const std::uint32_t count = encapIdRefCount(id) - by;
-  encapIdRefCount_.countIs(id, count);
-  return count;
+  const std::uint32_t before = encapIdRefCount(id);
+  countsBefore_.emplace_back(id, before);
+  encapIdRefCount_.countIs(id, before - by);
+  return before - by;
 }
 
 }  // namespace Tunnel::TunnelTable

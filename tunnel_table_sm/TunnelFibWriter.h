@@ -10,6 +10,9 @@
 // the last. Writing what stands writes nothing. Scheduler thread only.
 #pragma once
 
+#include <utility>
+#include <vector>
+
 #include "runtime/Zol/HashCollection.h"
 #include "runtime/Zol/Reactor.h"
 #include "tunnel/ConsolidatedTunnelFibEntry.h"
@@ -75,6 +78,7 @@ class TunnelFibWriter final : public Zol::Reactor {
  private:
   template <class F>
   void change(F&& f);
+  void takeCountsBack();
   template <class Info>
   EncapId insertEncap(const Info& info);
   void handleInitialized();
@@ -89,6 +93,7 @@ class TunnelFibWriter final : public Zol::Reactor {
   Zol::HashCollection<EncapType, std::uint32_t> nextEncapIndex_;
   EncapRefCounts encapIdRefCount_;
   EncapContentIndex byContent_;
+  std::vector<std::pair<EncapId, std::uint32_t>> countsBefore_;  // what the change under way counted from, in order
   bool areCountsComplete_ = true;  // false: damage hid entries when references were counted
   bool initialized_ = false;
 };

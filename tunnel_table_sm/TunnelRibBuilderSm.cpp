@@ -17,6 +17,7 @@ constexpr auto preferenceSignature =
     "void Tunnel::TunnelTable::TunnelRibBuilderSm::handlePreference(const Tunnel::TunnelTable::TunnelId&)";
 constexpr auto initializedSignature = "virtual void Tunnel::TunnelTable::TunnelRibBuilderSm::handleInitialized()";
 constexpr Quor::TaskPriority reviewPriority = 2;
+constexpr double spaceRetryDelay = 1;  // seconds
 
 }  // namespace
 
@@ -55,13 +56,13 @@ void TunnelRibBuilderSm::handleInitialized() {
   ZOL_ASSERT(areSmTypesRegistered());
   taskIs(scheduler_, reviewPriority, "TunnelRibsm");
   internalTunnelRib_ = Zol::make<InternalTunnelRib>();
-  removeStaleEntries(tunnelRib());
+  removeStaleEntries(tunnelRib_);
   verifyProtoTunnelRibColl();
   handleTunnelTableEntity();
   deadline_.timeMinIs(Quor::Clock::never);
   handleBgpLuConverged();
   initialized_ = true;
-  if (!tunnelForReview_.empty()) {
+  if (!tunnelForReview_.empty() || unwritten() != 0) {
     scheduleTunnelReview();
   } else {
     tablesChanged_ = false;
@@ -126,7 +127,7 @@ void TunnelRibBuilderSm::drainTunnelBacklog() {
   FASTLOG_TRACE(8, "drainTunnelBacklog"
                        << ": " << tunnelForReview_.size() << " backlog entries for rib " << ribId());
   std::size_t reviewed = 0;
-  bool yields = false;
+  bool yields = writeUnwritten();
   auto it = tunnelForReview_.from(tunnelReviewBookmark_);
   while (reacts() && !yields && !tunnelForReview_.empty()) {
     if (!it) {
@@ -155,17 +156,47 @@ void TunnelRibBuilderSm::drainTunnelBacklog() {
                        << ": Reviewed " << reviewed << " tunnels. " << remaining << " remain in the backlog for rib "
                        << ribId());
   task_->taskWorkCountInc(reviewed);
-  task_->taskWorkPendingIs(remaining + held_.size());
-  if (task_->taskWorkPending() != 0) {
+  task_->taskWorkPendingIs(remaining + held_.size() + unwritten());
+  if (remaining + held_.size() != 0 || (yields && unwritten() != 0)) {
     scheduleTunnelReview();
     return;
   }
   tablesChanged_ = false;
   tunnelReviewBookmark_ = TunnelId();
+  if (unwritten() != 0) {
+    task_->scheduleTaskLowestDelay(spaceRetryDelay);
+    return;
+  }
   task_->unscheduleTask();
   if (waitingToNotifyConverged_) {
     maybeUpdateTunnelRibConvergenceSeqno();
   }
+}
+
+std::size_t TunnelRibBuilderSm::unwritten() const {
+  std::size_t all = tunnelRib_.unwritten();
+  for (const std::optional<StagedTunnelRib>& proto : protoTunnelRib_) {
+    all += proto ? proto->unwritten() : 0;
+  }
+  return all;
+}
+
+bool TunnelRibBuilderSm::writeUnwritten() {
+  bool yields = writeUnwritten(tunnelRib_);
+  for (std::optional<StagedTunnelRib>& proto : protoTunnelRib_) {
+    yields = yields || (proto && writeUnwritten(*proto));
+  }
+  return yields;
+}
+
+// One refusal is enough to know: the next try begins behind it.
+bool TunnelRibBuilderSm::writeUnwritten(StagedTunnelRib& ribs) {
+  while (reacts() && ribs.unwritten() != 0 && ribs.writeNext()) {
+    if (task_->taskShouldYield()) {
+      return true;
+    }
+  }
+  return false;
 }
 
 EncapsulatedTableEntry TunnelRibBuilderSm::freshEntry(const TunnelId& id) const {

@@ -19,6 +19,8 @@
 //
 // An endpoint has at most 512 tunnels in a RIB entry. A tunnel that finds its entry full waits as a candidate; when one
 // leaves, the waiting tunnel with the smallest id moves up.
+//
+// Entries that find no space in a RIB are kept, and tried again every second and whenever a review touches them.
 #pragma once
 
 #include <array>
@@ -99,7 +101,7 @@ class TunnelRibBuilderSm final : public TableEntrySm {
   StagedTunnelRib& assertProtoTunnelRib(TunnelType type);
 
   // What an earlier run left (TunnelRibStale.cpp). type: of a per-protocol RIB.
-  void removeStaleEntries(const Zol::Ptr<TunnelRib>& rib, std::optional<TunnelType> type = std::nullopt);
+  void removeStaleEntries(StagedTunnelRib& ribs, std::optional<TunnelType> type = std::nullopt);
   void verifyProtoTunnelRibColl();
 
   // Convergence (TunnelRibConvergence.cpp).
@@ -135,6 +137,11 @@ class TunnelRibBuilderSm final : public TableEntrySm {
   void doHoldEmptied(StagedTunnelRib::Staged& staged);
   // Deletes the entries that nobody has taken over, as many as fit in the slice.
   void sweepHeld();
+  // Entries of all RIBs that found no space.
+  std::size_t unwritten() const;
+  // True: the slice is used up, and some may find space.
+  bool writeUnwritten();
+  bool writeUnwritten(StagedTunnelRib& ribs);
 
   bool isLiveAt(const EncapsulatedTableEntry& entry, const Ipkit::IpGenPrefix& tep) const;
   TunnelRibEntry keptOf(const TunnelRibEntry& standing, std::optional<TunnelType> type);

@@ -6,7 +6,7 @@
 //     ▲                                         │ BGP restarted
 //     └─────────────────────────────────────────┘
 //
-// Caught up: no tunnel waits for review, and BGP's table has reached the sequence number that BGP declared. A builder
+// Caught up: no tunnel waits for review, no entry for space, and BGP's table has reached the sequence number that BGP declared. A builder
 // that takes the place of a waiting one waits until the same moment: configuring a RIB again and again does not put off
 // its announcement.
 
@@ -58,7 +58,7 @@ void TunnelRibBuilderSm::convergenceUpdateWaitTimeIs(double time) {
 }
 
 bool TunnelRibBuilderSm::maybeUpdateTunnelRibConvergenceSeqno() {
-  if (!tunnelForReview_.empty() || !held_.empty()) {
+  if (!tunnelForReview_.empty() || !held_.empty() || unwritten() != 0) {
     FASTLOG_TRACE(8, maybeSignature << ": backlog not empty");
     return false;
   }

@@ -52,19 +52,18 @@ TunnelRibEntry TunnelRibBuilderSm::keptOf(const TunnelRibEntry& standing, std::o
 }
 
 // An entry that cannot be read is refilled like one that holds nothing live.
-void TunnelRibBuilderSm::removeStaleEntries(const Zol::Ptr<TunnelRib>& rib, std::optional<TunnelType> type) {
+void TunnelRibBuilderSm::removeStaleEntries(StagedTunnelRib& ribs, std::optional<TunnelType> type) {
   Zol::HashCollection<Ipkit::IpGenPrefix, bool> emptied;
-  walkSafely(*rib, true, [&](const TunnelRib::Hint& hint) {
-    TunnelRibEntry standing;
-    readSafely(rib.get(), hint.key(), standing);
-    const TunnelRibEntry kept = keptOf(standing, type);
-    if (kept.tunnelIds() != 0) {
-      rib->entryIs(kept);
-    } else if (type) {
-      rib->entryDel(hint.key());
+  walkSafely(*ribs.rib(), true, [&](const TunnelRib::Hint& hint) {
+    TunnelRibEntry& ribEntry = ribs.entry(hint.key(), [] {});
+    const TunnelRibEntry kept = keptOf(ribEntry, type);
+    if (kept.tunnelIds() != 0 || type) {
+      ribEntry = kept;
     } else {
       emptied.insert(hint.key());
+      ribs.touched().clear();  // it stands until others take over
     }
+    ribs.write();
   });
   if (!emptied.empty()) {
     refillEmptied(emptied);
@@ -104,7 +103,7 @@ void TunnelRibBuilderSm::verifyProtoTunnelRibColl() {
     return;
   }
   for (auto it = protoTunnelRibColl_->protocolTunnelRib().begin(); it; ++it) {
-    removeStaleEntries(assertProtoTunnelRib(it.key()).rib(), it.key());
+    removeStaleEntries(assertProtoTunnelRib(it.key()), it.key());
   }
 }
 

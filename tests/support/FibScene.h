@@ -209,6 +209,31 @@ class FibScene {
     sweepDependencies();
   }
 
+  // Whether every reference is counted, every named record there, and no other.
+  void sweepReferences() {
+    std::map<EncapId, std::uint32_t> counts;
+    walkSafely(fib->entry(), true, [&](const auto& hint) {
+      const TunnelFibEntry fibEntry = fib->entry().value(hint.key());
+      for (const TunnelViaArray* vias : {&fibEntry.tunnelVia(), &fibEntry.backupTunnelVia()}) {
+        for (const TunnelVia& each : *vias) {
+          if (!!each.encapId()) {
+            ++counts[each.encapId()];
+          }
+        }
+      }
+    });
+    EXPECT_EQ(writer().encapIdRefCounts(), counts.size());
+    std::size_t records = 0;
+    for (const auto& [id, count] : counts) {
+      EXPECT_EQ(writer().encapIdRefCount(id), count) << id;
+      withEncapKind(id.encapType(), [&, encapId = id](auto kind) {
+        EXPECT_TRUE(decltype(kind)::encaps(*fib).has(encapId)) << encapId << " is named and missing";
+      });
+    }
+    forEachEncapKind([&](auto kind) { records += decltype(kind)::encaps(*fib).size(); });
+    EXPECT_EQ(records, counts.size()) << "records that nobody names";
+  }
+
   template <class Table>
   struct Holder {
     Zol::Ptr<Table> table = Zol::make<Table>("table");
@@ -247,30 +272,6 @@ class FibScene {
     sm = std::apply(
         [this](auto&... holder) { return tunnelFibSmFactory(fib, unprogrammable, holder.table..., scheduler); },
         tables);
-  }
-
-  void sweepReferences() {
-    std::map<EncapId, std::uint32_t> counts;
-    walkSafely(fib->entry(), true, [&](const auto& hint) {
-      const TunnelFibEntry fibEntry = fib->entry().value(hint.key());
-      for (const TunnelViaArray* vias : {&fibEntry.tunnelVia(), &fibEntry.backupTunnelVia()}) {
-        for (const TunnelVia& each : *vias) {
-          if (!!each.encapId()) {
-            ++counts[each.encapId()];
-          }
-        }
-      }
-    });
-    EXPECT_EQ(writer().encapIdRefCounts(), counts.size());
-    std::size_t records = 0;
-    for (const auto& [id, count] : counts) {
-      EXPECT_EQ(writer().encapIdRefCount(id), count) << id;
-      withEncapKind(id.encapType(), [&, encapId = id](auto kind) {
-        EXPECT_TRUE(decltype(kind)::encaps(*fib).has(encapId)) << encapId << " is named and missing";
-      });
-    }
-    forEachEncapKind([&](auto kind) { records += decltype(kind)::encaps(*fib).size(); });
-    EXPECT_EQ(records, counts.size()) << "records that nobody names";
   }
 
   void sweepDependencies() {

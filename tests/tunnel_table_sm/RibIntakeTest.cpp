@@ -132,10 +132,8 @@ TEST(Intake, interfaceTablesOfOtherNamesReadAsRsvp) {
   EXPECT_TRUE(listener->taken().empty()) << "it is no RSVP table: the watcher stays idle";
 
   Zol::AssertionTrap trap;
-  struct NamelessTable : TunnelTableBase {
-    NamelessTable() : TunnelTableBase("t", nullptr, 0, TunnelType::tunnelType4) {}
-  };
-  EXPECT_THROW(entities->tunnelTableIs("nameless", Zol::make<NamelessTable>()), Zol::AssertionException);
+  using NamelessTable = ProtocolTunnelTable<LdpTunnelTableEntry, TunnelType::tunnelType4>;
+  EXPECT_THROW(entities->tunnelTableIs("nameless", Zol::make<NamelessTable>("t")), Zol::AssertionException);
 }
 
 TEST(Intake, tablesAreMountedWhenDescribedAndWanted) {
