@@ -6,9 +6,9 @@
 //     ▲                                         │ BGP restarted
 //     └─────────────────────────────────────────┘
 //
-// Caught up: no tunnel waits for review, no entry for space, and BGP's table has reached the sequence number that BGP declared. A builder
-// that takes the place of a waiting one waits until the same moment: configuring a RIB again and again does not put off
-// its announcement.
+// Caught up: no tunnel waits for review, no entry for space, and BGP's table has reached the sequence number that BGP
+// declared. A builder that takes the place of a waiting one waits until the same moment: configuring a RIB again and
+// again does not put off its announcement.
 
 #include "runtime/Fastlog/TraceHelper.h"
 #include "tunnel_table_sm/TunnelRibBuilderSm.h"
