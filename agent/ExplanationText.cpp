@@ -153,6 +153,25 @@ class Unfolding {
     return isGood ? TextTree(name) : TextTree(name + ": " + standingWords(tunnel, explained), TextTree::Tone::fault);
   }
 
+  // The tunnel with what stands under it, or where that stands.
+  TextTree tunnelTree(const Model::TunnelId& tunnel, std::size_t level) {
+    TextTree tree = headOf(tunnel);
+    const auto place = places_.find(tunnel);
+    if (place == places_.end() && level < levelsMax) {
+      tree.children = below(tunnel, level);
+    } else if (place == places_.end() || place->second == Place::below) {
+      tree.text += " (see below)";
+    } else if (const auto& explained = explanation_.tunnels.at(tunnel);
+               !explained.finding.vias.empty() || !explained.vias.empty()) {
+      tree.text += " (see above)";
+    }
+    if (place == places_.end() && level >= levelsMax) {
+      places_[tunnel] = Place::below;
+      later_.push_back(tunnel);
+    }
+    return tree;
+  }
+
  private:
   enum class Place { above, below };
 
@@ -178,24 +197,6 @@ class Unfolding {
     return tree;
   }
 
-  TextTree tunnelTree(const Model::TunnelId& tunnel, std::size_t level) {
-    TextTree tree = headOf(tunnel);
-    const auto place = places_.find(tunnel);
-    if (place == places_.end() && level < levelsMax) {
-      tree.children = below(tunnel, level);
-    } else if (place == places_.end() || place->second == Place::below) {
-      tree.text += " (see below)";
-    } else if (const auto& explained = explanation_.tunnels.at(tunnel);
-               !explained.finding.vias.empty() || !explained.vias.empty()) {
-      tree.text += " (see above)";
-    }
-    if (place == places_.end() && level >= levelsMax) {
-      places_[tunnel] = Place::below;
-      later_.push_back(tunnel);
-    }
-    return tree;
-  }
-
   const Explanation& explanation_;
   const Follow follow_;
   std::map<Model::TunnelId, Place> places_;
@@ -212,6 +213,25 @@ std::string comparisonWords(const ExplainedRib& rib) {
   return "both have preference " + std::to_string(rib.pref) + ", default preference of the type " + own + " against " +
          other;
 }
+
+TextTree ribsTree(const Explanation& explanation) {
+  TextTree tree("RIBs");
+  for (const ExplainedRib& rib : explanation.ribs) {
+    tree.children.emplace_back(printable(rib.name) + ": " + ribWords(rib, explanation.tunnel),
+                               rib.standing == RibStanding::inEntry ? TextTree::Tone::plain : TextTree::Tone::fault);
+  }
+  return tree;
+}
+
+void writeAll(std::ostream& out, bool isColoured, TextTree top, Unfolding& unfolding) {
+  top.tone = TextTree::Tone::title;
+  top.write(out, isColoured);
+  for (const TextTree& tree : unfolding.rest()) {
+    tree.write(out, isColoured);
+  }
+}
+
+}  // namespace
 
 std::string ribWords(const ExplainedRib& rib, const Model::TunnelId& tunnel) {
   const std::string tep = Zol::stringOf(rib.tep);
@@ -245,29 +265,20 @@ std::string ribWords(const ExplainedRib& rib, const Model::TunnelId& tunnel) {
   return "no candidate, it is not in the FIB";
 }
 
-TextTree ribsTree(const Explanation& explanation) {
-  TextTree tree("RIBs");
-  for (const ExplainedRib& rib : explanation.ribs) {
-    tree.children.emplace_back(printable(rib.name) + ": " + ribWords(rib, explanation.tunnel),
-                               rib.standing == RibStanding::inEntry ? TextTree::Tone::plain : TextTree::Tone::fault);
-  }
-  return tree;
-}
-
-void writeAll(std::ostream& out, bool isColoured, TextTree top, Unfolding& unfolding) {
-  top.tone = TextTree::Tone::title;
-  top.write(out, isColoured);
-  for (const TextTree& tree : unfolding.rest()) {
-    tree.write(out, isColoured);
-  }
-}
-
-}  // namespace
-
 void writeWay(std::ostream& out, const Explanation& explanation, bool isColoured) {
   Unfolding unfolding(explanation, Follow::ways);
   TextTree top = unfolding.headOf(explanation.tunnel);
   top.children = unfolding.below(explanation.tunnel, 0);
+  writeAll(out, isColoured, std::move(top), unfolding);
+}
+
+void writeWays(std::ostream& out, const std::vector<Model::TunnelId>& tunnels, const std::string& title,
+               const Explanation& explanation, bool isColoured) {
+  Unfolding unfolding(explanation, Follow::ways);
+  TextTree top(title);
+  for (const Model::TunnelId& tunnel : tunnels) {
+    top.children.push_back(unfolding.tunnelTree(tunnel, 1));
+  }
   writeAll(out, isColoured, std::move(top), unfolding);
 }
 

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <ostream>
+#include <string>
+#include <vector>
 
 #include "agent/Explanation.h"
 
@@ -12,7 +14,14 @@ namespace Agent {
 // the labels that each adds, and what the FIB has of it.
 void writeWay(std::ostream& out, const Explanation& explanation, bool isColoured);
 
+// The same of several tunnels, below a title.
+void writeWays(std::ostream& out, const std::vector<Model::TunnelId>& tunnels, const std::string& title,
+               const Explanation& explanation, bool isColoured);
+
 // Why the tunnel is, or is not, in the FIB and in each RIB: only what went wrong is followed, down to its causes.
 void writeWhy(std::ostream& out, const Explanation& explanation, bool isColoured);
+
+// How the tunnel stands in one RIB: "lost 10.0.0.5/32 to ldpTunnel/5: preference 10 against 9".
+std::string ribWords(const ExplainedRib& rib, const Model::TunnelId& tunnel);
 
 }  // namespace Agent

@@ -20,14 +20,6 @@ OrderedJson tunnelsJson(const Model::TunnelRibEntry& entry) {
   return ids;
 }
 
-OrderedJson ribEntryJson(const Model::TunnelRibEntry& entry) {
-  const Model::TunnelMetrics& metrics = entry.metrics();
-  return {{"tep", Zol::stringOf(entry.tep())},
-          {"pref", entry.pref()},
-          {"metrics", {metrics.m(), metrics.m2(), metrics.p(), metrics.p2()}},
-          {"tunnels", tunnelsJson(entry)}};
-}
-
 OrderedJson protocolRibEntryJson(const Model::TunnelRibEntry& entry) {
   return {{"tep", Zol::stringOf(entry.tep())}, {"tunnels", tunnelsJson(entry)}};
 }
@@ -182,6 +174,14 @@ OrderedJson stateDocument(const AgentState& state, const DocumentFilter& filter)
   std::ostringstream text;
   writeStateDocument(text, state, filter);
   return OrderedJson::parse(text.str());
+}
+
+OrderedJson ribEntryJson(const Model::TunnelRibEntry& entry) {
+  const Model::TunnelMetrics& metrics = entry.metrics();
+  return {{"tep", Zol::stringOf(entry.tep())},
+          {"pref", entry.pref()},
+          {"metrics", {metrics.m(), metrics.m2(), metrics.p(), metrics.p2()}},
+          {"tunnels", tunnelsJson(entry)}};
 }
 
 std::vector<Model::TunnelId> sortedTunnelIds(const Model::TunnelRibEntry& entry) {

@@ -23,6 +23,9 @@ void writeStateDocument(std::ostream& out, const AgentState& state, const Docume
 // The same as a value.
 OrderedJson stateDocument(const AgentState& state, const DocumentFilter& filter = {});
 
+// One entry of a RIB, as the document has it.
+OrderedJson ribEntryJson(const Model::TunnelRibEntry& entry);
+
 // The members of a shared-memory map in the order of their keys. What cannot be read is left out.
 template <class Map>
 std::vector<typename Map::Key> sortedKeys(const Map& map) {

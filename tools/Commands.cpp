@@ -6,6 +6,7 @@
 
 #include "agent/AgentStatus.h"
 #include "agent/CommandLine.h"
+#include "agent/InputError.h"
 #include "agent/StateDocument.h"
 #include "tools/PublishCommand.h"
 #include "tunnel/TunnelTableIdentifier.h"
@@ -28,6 +29,14 @@ void addStateDirectory(CLI::App& command, std::string& stateDirectory) {
   command.add_option("--state-dir", stateDirectory, "Where the tables lie")
       ->type_name("DIR")
       ->default_val(Agent::stateDirectoryDefault);
+}
+
+Agent::TableId tableNamed(const std::string& name) {
+  const auto table = tableOf(name);
+  if (!table) {
+    throw Agent::InputError("NAME", "no table '" + Agent::printable(name) + "'");
+  }
+  return *table;
 }
 
 void addPublish(CLI::App& app, Action& action) {

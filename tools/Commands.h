@@ -5,6 +5,8 @@
 #include <functional>
 #include <string>
 
+#include "agent/ProtocolTables.h"
+
 namespace Tools {
 
 // What was chosen; returns the exit status. What it raises is told to the caller of the program.
@@ -17,7 +19,14 @@ constexpr int exitBadInput = 2;  // the command line or an input file is wrong
 // The option that nearly every command has.
 void addStateDirectory(CLI::App& command, std::string& stateDirectory);
 
+// The table of that name; raises InputError.
+Agent::TableId tableNamed(const std::string& name);
+
 void addPublish(CLI::App& app, Action& action);
 void addState(CLI::App& app, Action& action);
+void addShow(CLI::App& app, Action& action);
+void addResolve(CLI::App& app, Action& action);
+void addDiff(CLI::App& app, Action& action);
+void addGraph(CLI::App& app, Action& action);
 
 }  // namespace Tools

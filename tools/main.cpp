@@ -1,19 +1,30 @@
 // tunnelctl: the operator's program. It reads the tables of a state directory itself, whether or not an agent runs.
 
+#include <algorithm>
 #include <csignal>
 #include <exception>
 #include <iostream>
+#include <string_view>
 
 #include "agent/CommandLine.h"
 #include "agent/InputError.h"
+#include "agent/JsonText.h"
 #include "agent/Terminal.h"
 #include "tools/Commands.h"
+#include "tools/ShadowCommands.h"
 
 namespace {
 
+bool isJson = false;
+
 int fail(int status, const std::string& reason) {
   std::cout.flush();
-  std::cerr << "tunnelctl: " << reason << '\n';
+  if (isJson) {
+    const Agent::OrderedJson error = {{"error", {{"status", status}, {"reason", reason}}}};
+    std::cerr << Agent::textOf(error) << '\n';
+  } else {
+    std::cerr << "tunnelctl: " << reason << '\n';
+  }
   return status;
 }
 
@@ -45,9 +56,22 @@ int main(int argc, char** argv) {
   Tools::Action action;
   Tools::addPublish(app, action);
   Tools::addState(app, action);
+  Tools::addShow(app, action);
+  Tools::addResolve(app, action);
+  Tools::addDiff(app, action);
+  Tools::addGraph(app, action);
+  Tools::addWhy(app, action);
+  Tools::addDependents(app, action);
+  Tools::addVerify(app, action);
+  Tools::addCheck(app, action);
+  Tools::addWhatIf(app, action);
+  isJson = std::find(argv, argv + argc, std::string_view("--json")) != argv + argc;
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
+    if (isJson && error.get_exit_code() != 0) {
+      return fail(Tools::exitBadInput, error.what());
+    }
     return app.exit(error) == 0 ? Tools::exitDone : Tools::exitBadInput;
   }
   return run(action);

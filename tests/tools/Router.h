@@ -41,6 +41,21 @@ class Router {
   // Publishes to the end; the exit status.
   int publishAll(std::vector<std::string> options) const { return publish(std::move(options)).wait(); }
 
+  // What a command of tunnelctl on the state directory prints, standard error included, and its exit status.
+  struct Answer {
+    int status;
+    std::string text;
+    OrderedJson json() const { return OrderedJson::parse(text); }
+  };
+  Answer ask(std::vector<std::string> words) const {
+    static int number = 0;
+    words.insert(words.begin(), TUNNELCTL_PATH);
+    words.insert(words.end(), {"--state-dir", stateDirectory()});
+    Support::Process process(words, scratch_ / ("answer" + std::to_string(++number)));
+    const int status = process.wait();
+    return {status, process.output()};
+  }
+
   // A reader of all that is published.
   struct Reading {
     explicit Reading(const std::string& directory)

@@ -178,7 +178,7 @@ TEST_F(Serve, aReaderAtFullSpeedSeesNoGapWhileTheAgentIsKilled) {
     agent = std::make_unique<Support::Process>(serve());
   }
   std::cout << looks << " looks at " << ways.size() << " tunnels and " << ribEntries.size() << " endpoints\n";
-  EXPECT_GT(fib.entry().collectionControl().sequence(), 1000U) << "the agents had work to die in";
+  EXPECT_GT(fib.entry().collectionControl().sequence(), 100U) << "the agents had work to die in";
 }
 
 constexpr const char* ldp5 =

@@ -1,0 +1,47 @@
+// "check": whether the tables are sound in themselves.
+
+#include <iostream>
+#include <memory>
+
+#include "agent/InputError.h"
+#include "tools/ShadowCommands.h"
+#include "tools/StructureCheck.h"
+
+namespace Tools {
+namespace {
+
+using Agent::OrderedJson;
+
+int runCheck(const ShadowOptions& options) {
+  const std::vector<Problem> problems = checkStructure(options.stateDirectory);
+  OrderedJson list = OrderedJson::array();
+  for (std::size_t i = 0; i < problems.size() && i < options.limit; ++i) {
+    if (options.isJson) {
+      list.push_back({{"table", problems[i].table}, {"problem", problems[i].text}});
+    } else {
+      std::cout << problems[i].table << ": " << Agent::printable(problems[i].text, 300) << '\n';
+    }
+  }
+  if (options.isJson) {
+    std::cout << OrderedJson{{"sound", problems.empty()}, {"count", problems.size()}, {"problems", list}}.dump(1)
+              << '\n';
+  } else if (problems.empty()) {
+    std::cout << "all tables are sound\n";
+  } else {
+    std::cout << problems.size() << (problems.size() == 1 ? " problem\n" : " problems\n");
+  }
+  return problems.empty() ? exitDone : exitFailed;
+}
+
+}  // namespace
+
+void addCheck(CLI::App& app, Action& action) {
+  CLI::App& command =
+      *app.add_subcommand("check", "Look for damage, and for what does not fit together, in all tables");
+  const auto options = std::make_shared<ShadowOptions>();
+  addShadowOptions(command, *options);
+  addLimit(command, *options, 100);
+  command.callback([=, &action] { action = [=] { return runCheck(*options); }; });
+}
+
+}  // namespace Tools

@@ -1,0 +1,60 @@
+#include "tools/EntryFilter.h"
+
+#include <algorithm>
+
+namespace Tools {
+
+void EntryFilter::addOptions(CLI::App& command) {
+  command.add_option("--tep", tepText_, "This tunnel endpoint alone")->type_name("PREFIX");
+  command.add_option("--tunnel", tunnelText_, "This tunnel alone")->type_name("ID");
+  command.add_option("--type", typeText_, "Tunnels of this type alone")->type_name("TYPE");
+  command.add_option("--next-hop", nextHopText_, "What has a via to this next hop")->type_name("ADDRESS");
+  command.add_option("--intf", intfText_, "What has a via through this interface")->type_name("INTF");
+  command.add_option("--label", label_, "What has a via that pushes this label")
+      ->type_name("LABEL")
+      ->check(CLI::Range(Ipkit::MplsLabelOperation::labelMax));
+}
+
+void EntryFilter::read() {
+  const auto take = [](const char* option, const std::string& text, auto& value) {
+    if (!text.empty()) {
+      value = optionValue<typename std::remove_reference_t<decltype(value)>::value_type>(option, text);
+    }
+  };
+  take("--tep", tepText_, tep_);
+  take("--tunnel", tunnelText_, tunnel_);
+  take("--next-hop", nextHopText_, nextHop_);
+  take("--intf", intfText_, intf_);
+  if (!typeText_.empty()) {
+    try {
+      type_ = Model::tunnelTypeFromText(typeText_);
+    } catch (const Zol::Exception& error) {
+      throw Agent::InputError("--type", Agent::printable(error.what(), 200));
+    }
+  }
+}
+
+bool EntryFilter::doesFit(const Ipkit::MplsLabelOperation& labels) const {
+  const auto stack = Agent::topFirst(labels);
+  return !label_ || std::find(stack.begin(), stack.end(), *label_) != stack.end();
+}
+
+bool EntryFilter::doViasFit(const Fib::TunnelFib& fib, const Fib::TunnelFibEntry& entry) const {
+  if (!asksForVias()) {
+    return true;
+  }
+  const auto isFitting = [&](const Fib::TunnelVia& via) {
+    if (!doesFit(static_cast<const Model::Via&>(via))) {
+      return false;
+    }
+    Fib::LabelStackEncap encap;
+    return !label_ || (via.encapId().encapType() == Fib::EncapType::labelStack &&
+                       Model::readSafely(&fib.labelStackEncap(), via.encapId(), encap) && doesFit(encap.info()));
+  };
+  const auto hasFitting = [&](const Fib::TunnelViaArray& vias) {
+    return std::any_of(vias.begin(), vias.end(), isFitting);
+  };
+  return hasFitting(entry.tunnelVia()) || hasFitting(entry.backupTunnelVia());
+}
+
+}  // namespace Tools

@@ -1,0 +1,87 @@
+// What a list of entries is narrowed to, and the options that say so. Where several are given, all must fit; of next
+// hop, interface and label the same via.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "agent/FibView.h"
+#include "agent/InputError.h"
+#include "tunnel/TunnelTable.h"
+#include "tunnel_table_sm/TunnelFibTableEntry.h"
+
+namespace Tools {
+
+namespace Model = Tunnel::TunnelTable;
+namespace Fib = Tunnel::TunnelFib;
+
+// The value that an option's text stands for; raises InputError with the option's name.
+template <class T>
+T optionValue(const std::string& option, const std::string& text) {
+  try {
+    return Zol::fromText<T>(text);
+  } catch (const Zol::Exception& error) {
+    throw Agent::InputError(option, Agent::printable(error.what(), 200));
+  }
+}
+
+class EntryFilter {
+ public:
+  void addOptions(CLI::App& command);
+  // Takes the options' texts; raises InputError.
+  void read();
+
+  const std::optional<Ipkit::IpGenPrefix>& tep() const { return tep_; }
+  const std::optional<Model::TunnelId>& tunnel() const { return tunnel_; }
+  bool asksForVias() const { return nextHop_ || intf_ || label_; }
+
+  bool doesFit(const Model::TunnelId& tunnel) const {
+    return tunnel_.value_or(tunnel) == tunnel && type_.value_or(tunnel.tunnelType()) == tunnel.tunnelType();
+  }
+  bool doesFit(const Ipkit::IpGenPrefix& tep) const { return tep_.value_or(tep) == tep; }
+  bool doViasFit(const Fib::TunnelFib& fib, const Fib::TunnelFibEntry& entry) const;
+  // The record of a protocol table.
+  template <class Entry>
+  bool doesFitEntry(const Entry& entry) const {
+    return doesFit(entry.tunnelId()) && doesFit(entry.tep()) && (!asksForVias() || doPublishedViasFit(entry));
+  }
+
+ private:
+  bool doesFit(const Model::Via& via) const {
+    return nextHop_.value_or(via.nextHop()) == via.nextHop() && intf_.value_or(via.intf()) == via.intf();
+  }
+  bool doesFit(const Ipkit::MplsLabelOperation& labels) const;
+  template <class Entry>
+  bool doPublishedViasFit(const Entry& entry) const {
+    bool isFitting = false;
+    const auto look = [&](const Model::MplsVia& via) {
+      isFitting = isFitting || (doesFit(static_cast<const Model::Via&>(via)) && doesFit(via.labelOp()));
+    };
+    if constexpr (Model::IsMplsTunnel<Entry>) {
+      Model::forEachMplsVia(entry, look);
+    } else if constexpr (Model::IsInterfaceTunnel<Entry>) {
+      for (const Model::Via& via : entry.via()) {
+        look(Model::MplsVia(via, {}));
+      }
+    }
+    if constexpr (Model::HoldsBackupVias<Entry>) {
+      for (const Model::MplsVia& via : entry.backupVia()) {
+        look(via);
+      }
+    }
+    return isFitting;
+  }
+
+  std::string tepText_, tunnelText_, typeText_, nextHopText_, intfText_;
+  std::optional<std::uint32_t> label_;
+  std::optional<Ipkit::IpGenPrefix> tep_;
+  std::optional<Model::TunnelId> tunnel_;
+  std::optional<Model::TunnelType> type_;
+  std::optional<Ipkit::IpGenAddr> nextHop_;
+  std::optional<Ipkit::IntfId> intf_;
+};
+
+}  // namespace Tools

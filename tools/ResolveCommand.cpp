@@ -1,0 +1,75 @@
+// The command "tunnelctl resolve": where packets to an address go.
+
+#include <iostream>
+#include <memory>
+
+#include "agent/ExplanationJson.h"
+#include "agent/ExplanationText.h"
+#include "agent/StateDocument.h"
+#include "agent/Terminal.h"
+#include "tools/Commands.h"
+#include "tools/EntryFilter.h"
+#include "tools/StateReading.h"
+#include "tools/TableExplanation.h"
+
+namespace Tools {
+namespace {
+
+struct ResolveOptions {
+  std::string stateDirectory;
+  std::string address;
+  std::string rib = Model::TunnelRibNameIdMap::systemTunnelRibName;
+  bool isJson = false;
+};
+
+// The entry with the longest prefix that has the address in it: one look-up for each length.
+bool longestMatch(const Model::TunnelRib& rib, const Ipkit::IpGenAddr& address, Model::TunnelRibEntry& entry) {
+  for (unsigned length = address.bitCount() + 1; length-- > 0;) {
+    if (Model::readSafely(&rib, Ipkit::IpGenPrefix(address.masked(length), length), entry)) {
+      return true;
+    }
+  }
+  return false;
+}
+
+int resolve(const ResolveOptions& options) {
+  const auto address = optionValue<Ipkit::IpGenAddr>("ADDRESS", options.address);
+  StateReading reading(options.stateDirectory);
+  const auto rib = reading.rib(options.rib);
+  reading.status();
+  Model::TunnelRibEntry entry;
+  if (!longestMatch(*rib, address, entry)) {
+    throw std::runtime_error(options.address + ": no entry of RIB " + Agent::printable(options.rib) +
+                             " has this address");
+  }
+  const std::vector<Model::TunnelId> tunnels = Agent::sortedTunnelIds(entry);
+  const Agent::Explanation explanation = explainFromTables(reading.state(), tunnels);
+  if (options.isJson) {
+    Agent::OrderedJson json = {{"address", options.address}, {"rib", options.rib}};
+    json.update(Agent::ribEntryJson(entry));
+    json["resolution"] = explanationJson(explanation)["tunnels"];
+    std::cout << Agent::textOf(json) << '\n';
+    return exitDone;
+  }
+  writeWays(std::cout, tunnels,
+            options.address + ": " + Zol::stringOf(entry.tep()) + " in RIB " + Agent::printable(options.rib) +
+                ", preference " + std::to_string(entry.pref()),
+            explanation, Agent::isOutputColoured());
+  return exitDone;
+}
+
+}  // namespace
+
+void addResolve(CLI::App& app, Action& action) {
+  CLI::App* const command = app.add_subcommand("resolve", "Show where packets to an address go, down to the next hops");
+  const auto options = std::make_shared<ResolveOptions>();
+  addStateDirectory(*command, options->stateDirectory);
+  command->add_option("ADDRESS", options->address, "An IPv4 or IPv6 address")->required();
+  command->add_option("--rib", options->rib, "A RIB, or the tunnel type of a per-protocol one")
+      ->type_name("NAME")
+      ->capture_default_str();
+  command->add_flag("--json", options->isJson, "Print one JSON document");
+  command->callback([=, &action] { action = [options] { return resolve(*options); }; });
+}
+
+}  // namespace Tools

@@ -1,0 +1,57 @@
+#include "tools/Shadow.h"
+
+#include <stdexcept>
+
+namespace Tools {
+
+Shadow::Shadow(StateReading& reading) {
+  for (const TableFile& file : reading.files()) {
+    if (!file.mirror->trouble().empty()) {
+      throw std::runtime_error(file.mirror->trouble());
+    }
+  }
+  readTables(reading.state());
+  readConfiguration(reading);
+  host_.start();
+  settle();
+}
+
+void Shadow::readTables(const Agent::AgentState& state) {
+  Agent::forEachNamedTable([&](auto named) {
+    using Table = typename decltype(named)::Table;
+    const Table& from = *state.tables().table<Table>();
+    Table& to = *host_.tables().table<Table>();
+    typename Table::Record record;
+    Model::walkSafely(from, true, [&](const auto& hint) {
+      if (Model::readSafely(&from, hint.key(), record)) {
+        to.entryIs(record);
+      }
+    });
+  });
+}
+
+void Shadow::readConfiguration(StateReading& reading) {
+  for (const auto& [id, line] : reading.status().ribs()) {
+    host_.ribIds()->tunnelRibIdIs(line.name, id);
+    host_.ribConfigs()->configIs(Agent::ribConfig(line.name, line.tables));
+  }
+  if (reading.status().ribs().empty()) {
+    host_.ribConfigs()->configIs(Agent::defaultSystemConfig());
+  }
+  const auto declarations = Agent::statusTable<Agent::BgpLuDeclaration>(
+      *reading.state().entityManager(), Agent::bgpLuDeclarationPath, Statehub::Access::read);
+  Agent::BgpLuDeclaration declaration;
+  if (Model::readSafely(declarations.get(), 0U, declaration)) {
+    host_.bgpLuConvergence()->bgpLuConvergedIs(declaration.converged(), declaration.seqno());
+  }
+}
+
+std::map<std::string, std::uint64_t> sequencesOf(StateReading& reading) {
+  std::map<std::string, std::uint64_t> sequences;
+  for (const TableFile& file : reading.files()) {
+    sequences[file.name] = file.mirror->reader().sequence();
+  }
+  return sequences;
+}
+
+}  // namespace Tools

@@ -1,0 +1,24 @@
+#include "tools/ShadowCommands.h"
+
+namespace Tools {
+
+void addShadowOptions(CLI::App& command, ShadowOptions& options) {
+  addStateDirectory(command, options.stateDirectory);
+  command.add_flag("--json", options.isJson, "Print JSON");
+}
+
+void addLimit(CLI::App& command, ShadowOptions& options, std::uint64_t standard) {
+  command.add_option("--limit", options.limit, "Show at most N lines; everything counts")
+      ->type_name("N")
+      ->default_val(standard);
+}
+
+void addShadowCommands(CLI::App& app, Action& action) {
+  addWhy(app, action);
+  addDependents(app, action);
+  addVerify(app, action);
+  addCheck(app, action);
+  addWhatIf(app, action);
+}
+
+}  // namespace Tools

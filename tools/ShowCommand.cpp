@@ -1,0 +1,63 @@
+#include "tools/ShowCommand.h"
+
+#include <memory>
+
+#include "tools/Commands.h"
+
+namespace Tools {
+namespace {
+
+using Show = std::function<int(const ListOptions&)>;
+
+enum class Narrowing { none, after, filter };
+
+// One command below "show". show is called with the options read.
+CLI::App* addList(CLI::App& parent, Action& action, const char* name, const char* help, Narrowing narrowing,
+                  Show show) {
+  CLI::App* const command = parent.add_subcommand(name, help);
+  const auto options = std::make_shared<ListOptions>();
+  addStateDirectory(*command, options->stateDirectory);
+  command->add_flag("--json", options->isJson, "Print one JSON document");
+  command->add_option("--limit", options->limit, "At most N rows")->type_name("N");
+  if (narrowing != Narrowing::none) {
+    command->add_option("--after", options->after, "Go on behind this row")->type_name("KEY");
+  }
+  if (narrowing == Narrowing::filter) {
+    options->filter.addOptions(*command);
+  }
+  command->callback([=, &action] {
+    action = [=] {
+      options->filter.read();
+      return show(*options);
+    };
+  });
+  return command;
+}
+
+}  // namespace
+
+void addShow(CLI::App& app, Action& action) {
+  CLI::App& show = *app.add_subcommand("show", "Show what the tables hold, and how they are");
+  show.require_subcommand(1);
+  addList(show, action, "tables", "The tables: entries, sequence numbers, completeness, writers, files",
+          Narrowing::none, showTables);
+  addList(show, action, "ribs", "The RIBs and their configuration", Narrowing::none, showRibs);
+  addList(show, action, "fib", "Entries of the tunnel FIB", Narrowing::filter, showFib);
+  addList(show, action, "encaps", "Encapsulations, and how many vias share each", Narrowing::after, showEncaps);
+  addList(show, action, "unprogrammable", "Tunnels that cannot be programmed", Narrowing::filter, showUnprogrammable);
+  addList(show, action, "convergence", "How far the RIBs have followed BGP", Narrowing::none, showConvergence);
+  addList(show, action, "processes", "The processes that write the tables", Narrowing::none, showProcesses);
+
+  const auto table = std::make_shared<std::string>();
+  addList(show, action, "table", "Entries of a protocol's table", Narrowing::filter,
+          [table](const ListOptions& options) { return showTable(options, tableNamed(*table)); })
+      ->add_option("NAME", *table, "The table, such as ldp")
+      ->required();
+  const auto rib = std::make_shared<std::string>();
+  addList(show, action, "rib", "Entries of a RIB", Narrowing::filter,
+          [rib](const ListOptions& options) { return showRib(options, *rib); })
+      ->add_option("NAME", *rib, "A RIB, or the tunnel type of a per-protocol one")
+      ->required();
+}
+
+}  // namespace Tools

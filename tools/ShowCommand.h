@@ -1,0 +1,38 @@
+// The commands "tunnelctl show ...": what the tables of a state directory hold, and how they are.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "agent/ProtocolTables.h"
+#include "tools/EntryFilter.h"
+#include "tools/Rows.h"
+
+namespace Tools {
+
+struct ListOptions {
+  std::string stateDirectory;
+  bool isJson = false;
+  std::optional<std::uint64_t> limit;
+  std::string after;  // the key behind which a list begins; empty: at its begin
+  EntryFilter filter;
+};
+
+// Each writes to standard output and returns the exit status: 1 when damaged records had to be left out. They raise
+// runtime_error for what is not there or cannot be read, and InputError for options.
+//
+// Lists of entries come in the tables' own order. O(entries), but O(1) where the filter names the tunnel or endpoint.
+int showFib(const ListOptions& options);
+int showRib(const ListOptions& options, const std::string& name);
+int showTable(const ListOptions& options, Agent::TableId table);
+int showEncaps(const ListOptions& options);
+int showUnprogrammable(const ListOptions& options);
+
+// What these cost does not depend on the sizes of tables, RIBs and FIB.
+int showTables(const ListOptions& options);
+int showRibs(const ListOptions& options);
+int showConvergence(const ListOptions& options);
+int showProcesses(const ListOptions& options);
+
+}  // namespace Tools

@@ -1,0 +1,174 @@
+#include <algorithm>
+#include <iostream>
+#include <set>
+
+#include "agent/ChangeReport.h"
+#include "tools/Commands.h"
+#include "tools/EntryJson.h"
+#include "tools/ShowCommand.h"
+#include "tools/StateReading.h"
+#include "tools/TableWalk.h"
+#include "tunnel/TunnelTableInfo.h"
+
+namespace Tools {
+namespace {
+
+template <class Key>
+std::optional<Key> keyAfter(const ListOptions& options) {
+  return options.after.empty() ? std::nullopt : std::optional<Key>(optionValue<Key>("--after", options.after));
+}
+
+// The end of a list of the map's records.
+int finish(Rows& rows, const Memtab::MapBase& map, const std::string& path) {
+  rows.end();
+  if (map.corruptions() == 0) {
+    return exitDone;
+  }
+  std::cout.flush();
+  std::cerr << "tunnelctl: " << path << ": damaged; what cannot be read is left out\n";
+  return exitFailed;
+}
+
+std::string fullPath(const ListOptions& options, const std::string& path) {
+  return options.stateDirectory + "/" + path;
+}
+
+// The tunnels that any RIB has at the endpoint.
+std::vector<Model::TunnelId> tunnelsAt(StateReading& reading, const Ipkit::IpGenPrefix& tep) {
+  std::set<Model::TunnelId> tunnels;
+  for (const auto& rib : reading.ribs()) {
+    Model::TunnelRibEntry entry;
+    if (Model::readSafely(rib.get(), tep, entry)) {
+      tunnels.insert(entry.tunnelId().begin(), entry.tunnelId().end());
+    }
+  }
+  return {tunnels.begin(), tunnels.end()};
+}
+
+std::optional<std::vector<Model::TunnelId>> askedTunnels(StateReading& reading, const EntryFilter& filter) {
+  if (filter.tunnel()) {
+    return std::vector{*filter.tunnel()};
+  }
+  return filter.tep() ? std::optional(tunnelsAt(reading, *filter.tep())) : std::nullopt;
+}
+
+// The endpoint that the tunnel's table entry names; the zero prefix: none.
+Ipkit::IpGenPrefix tepOf(const Agent::AgentState& state, const Model::TunnelId& tunnel) {
+  Ipkit::IpGenPrefix tep;
+  visitEntry(state.tables(), tunnel, [&tep](const auto& entry) { tep = entry.tep(); });
+  return tep;
+}
+
+}  // namespace
+
+int showFib(const ListOptions& options) {
+  StateReading reading(options.stateDirectory);
+  reading.requireTable(Agent::fibPath);
+  const EntryFilter& filter = options.filter;
+  const Fib::TunnelFib& fib = *reading.state().fib();
+  Rows rows(std::cout, options.isJson, "fib", {"tunnel", "vias"}, options.limit);
+  // With both, the tunnel is looked up and must be at the endpoint.
+  const bool isElsewhere = filter.tunnel() && filter.tep() && tepOf(reading.state(), *filter.tunnel()) != *filter.tep();
+  auto keys = askedTunnels(reading, filter);
+  if (isElsewhere) {
+    keys->clear();
+  }
+  walk(fib.entry(), {keys, keyAfter<Model::TunnelId>(options)}, [&](const Fib::TunnelFibEntry& entry) {
+    return !filter.doesFit(entry.tunnelId()) || !filter.doViasFit(fib, entry) ||
+           rows.add(
+               entry.tunnelId(),
+               [&] {
+                 return Cells{Zol::stringOf(entry.tunnelId()), Agent::summaryOf(fib, entry)};
+               },
+               [&] { return Agent::fibEntryJson(fib, entry); });
+  });
+  return finish(rows, fib.entry(), fullPath(options, Agent::fibPath));
+}
+
+int showRib(const ListOptions& options, const std::string& name) {
+  StateReading reading(options.stateDirectory);
+  const auto rib = reading.rib(name);
+  const EntryFilter& filter = options.filter;
+  const Fib::TunnelFib& fib = *reading.state().fib();
+  const auto doesFit = [&](const Model::TunnelRibEntry& entry) {
+    return std::any_of(entry.tunnelId().begin(), entry.tunnelId().end(), [&](const Model::TunnelId& id) {
+      Fib::TunnelFibEntry fibEntry;
+      return filter.doesFit(id) && (!filter.asksForVias() ||
+                                    (Model::readSafely(&fib.entry(), id, fibEntry) && filter.doViasFit(fib, fibEntry)));
+    });
+  };
+  std::optional<std::vector<Ipkit::IpGenPrefix>> keys;
+  if (filter.tep() || filter.tunnel()) {
+    keys = {filter.tep() ? *filter.tep() : tepOf(reading.state(), *filter.tunnel())};
+  }
+  Rows rows(std::cout, options.isJson, "entries", {"tep", "tunnels (preference)"}, options.limit, {{"name", name}});
+  walk(*rib, {keys, keyAfter<Ipkit::IpGenPrefix>(options)}, [&](const Model::TunnelRibEntry& entry) {
+    return !doesFit(entry) || rows.add(
+                                  entry.tep(),
+                                  [&] {
+                                    return Cells{Zol::stringOf(entry.tep()), Agent::summaryOf(entry)};
+                                  },
+                                  [&] { return Agent::ribEntryJson(entry); });
+  });
+  return finish(rows, *rib, options.stateDirectory + ": RIB " + name);
+}
+
+int showTable(const ListOptions& options, Agent::TableId table) {
+  StateReading reading(options.stateDirectory);
+  const std::string path = Model::tunnelTableInfo(table).path;
+  reading.requireTable(path);
+  const EntryFilter& filter = options.filter;
+  int status = exitDone;
+  Rows rows(std::cout, options.isJson, "entries", {"tunnel", "tep", "pref", "vias"}, options.limit,
+            {{"table", Zol::stringOf(table)}});
+  reading.state().tables().withTable(table, [&](const auto& each) {
+    using Entry = typename std::remove_cvref_t<decltype(each)>::Record;
+    std::optional<std::vector<Model::TunnelId>> keys;
+    if (filter.tunnel()) {
+      keys = {*filter.tunnel()};
+    }
+    walk(each, {keys, keyAfter<Model::TunnelId>(options)}, [&](const Entry& entry) {
+      const auto cells = [&] {
+        return Cells{Zol::stringOf(entry.tunnelId()), !entry.tep() ? "-" : Zol::stringOf(entry.tep()),
+                     std::to_string(entry.pref()), viaWords(entry)};
+      };
+      return !filter.doesFitEntry(entry) || rows.add(entry.tunnelId(), cells, [&] { return entryJson(entry); });
+    });
+    status = finish(rows, each, fullPath(options, path));
+  });
+  return status;
+}
+
+int showEncaps(const ListOptions& options) {
+  StateReading reading(options.stateDirectory);
+  reading.requireTable(Agent::fibPath);
+  const Fib::TunnelFib& fib = *reading.state().fib();
+  const auto counts = Agent::encapRefCounts(fib);
+  auto after = keyAfter<Fib::EncapId>(options);
+  Rows rows(std::cout, options.isJson, "encaps", {"encapsulation", "vias", "fields"}, options.limit);
+  bool isOver = false;
+  const Memtab::MapBase* damaged = &fib.entry();
+  Model::forEachEncapKind([&](auto kind) {
+    const auto& encaps = kind.encaps(fib);
+    if (isOver || (after && after->encapType() != kind.type)) {
+      return;
+    }
+    walk(encaps, {std::nullopt, std::exchange(after, std::nullopt)}, [&](const auto& record) {
+      const auto count = counts.find(record.encapId());
+      const auto vias = count == counts.end() ? 0U : count->second;
+      const auto json = [&] { return Agent::encapJson(fib, record.encapId(), vias); };
+      const auto cells = [&] {
+        OrderedJson fields = json();
+        fields.erase("id");
+        fields.erase("refCount");
+        return Cells{Zol::stringOf(record.encapId()), std::to_string(vias), Agent::textOf(fields)};
+      };
+      isOver = !rows.add(record.encapId(), cells, json);
+      return !isOver;
+    });
+    damaged = encaps.corruptions() > 0 ? &encaps : damaged;
+  });
+  return finish(rows, *damaged, fullPath(options, Agent::fibPath));
+}
+
+}  // namespace Tools

@@ -1,0 +1,42 @@
+// StateComparison: in what RIBs, per-protocol RIBs, FIB and unprogrammable tunnels of two agents differ. Vias are
+// compared with what wraps their packets, not with the numbers that encapsulations happen to have.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "agent/AgentState.h"
+#include "agent/JsonText.h"
+
+namespace Tools {
+
+namespace Model = Tunnel::TunnelTable;
+using Agent::OrderedJson;
+
+// What one of the two has in a place; for people and for programs.
+struct Held {
+  std::string text;
+  OrderedJson json;
+};
+
+struct Difference {
+  std::string where;         // "fib", "rib system", "protocolRib ldpTunnel", "unprogrammable"
+  std::string key;           // a tunnel or an endpoint
+  std::string what;          // "entry", "via", "backup via", "tunnel", "preference", "metrics", "usable"
+  std::optional<Held> left;  // nothing: absent there
+  std::optional<Held> right;
+
+  static std::string textOf(const std::optional<Held>& held) { return held ? held->text : std::string(); }
+};
+
+using TellDifference = std::function<void(const Difference&)>;
+
+// Tells each difference. Walks in the tables' order; nothing is kept. Of an endpoint with more tunnels than an entry
+// holds, which ones have a place depends on who came first: there it suffices that each is one of the endpoint's.
+void compareStates(const Agent::AgentState& left, const Agent::AgentState& right, const TellDifference& tell);
+
+// {"where": ..., "key": ..., "what": ..., LEFT: ..., RIGHT: ...}; absent is null.
+OrderedJson differenceJson(const Difference& difference, const char* left, const char* right);
+
+}  // namespace Tools

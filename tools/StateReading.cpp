@@ -1,0 +1,120 @@
+#include "tools/StateReading.h"
+
+#include <filesystem>
+#include <stdexcept>
+
+#include "agent/InputError.h"
+#include "tunnel/TunnelTableInfo.h"
+#include "tunnel_table_sm/TunnelRibConfigDirSm.h"
+
+namespace Tools {
+namespace {
+
+const std::string& existing(const std::string& directory) {
+  std::error_code error;
+  if (!std::filesystem::is_directory(directory, error)) {
+    throw std::runtime_error(Agent::printable(directory, 200) + ": no such state directory" +
+                             (error && error.value() != ENOENT ? ", " + error.message() : ""));
+  }
+  return directory;
+}
+
+std::string customRibPath(Model::TunnelRibId id) { return Model::tunnelRibStatusPathPrefix + std::to_string(id); }
+
+}  // namespace
+
+StateReading::StateReading(const std::string& directory)
+    : state_(Zol::make<Statehub::EntityManager>(existing(directory)), Statehub::Access::read) {}
+
+const Agent::StatusReader& StateReading::status() {
+  if (!status_) {
+    status_.emplace(state_);
+  }
+  return *status_;
+}
+
+std::string StateReading::pathOfRib(const std::string& name) {
+  for (const auto& [type, wrapper] : state_.protocolRibs()->protocolTunnelRib()) {
+    if (Model::stringValue(type) == name) {
+      return Agent::protocolRibPathPrefix + name;
+    }
+  }
+  if (name == Model::TunnelRibNameIdMap::systemTunnelRibName) {
+    return Agent::systemRibPath;
+  }
+  status();
+  const auto id = state_.ribIds()->tunnelRibId(name);
+  if (!id) {
+    throw std::runtime_error(state_.entityManager()->stateDirectory() + ": no RIB '" + Agent::printable(name) + "'");
+  }
+  return customRibPath(*id);
+}
+
+Zol::Ptr<Model::TunnelRib> StateReading::rib(const std::string& name) {
+  const std::string path = pathOfRib(name);
+  requireTable(path);
+  return Zol::dynamicPtrCast<Model::TunnelRib>(state_.entityManager()->getEntity(path));
+}
+
+std::vector<Zol::Ptr<Model::TunnelRib>> StateReading::ribs() {
+  status();
+  std::vector<Zol::Ptr<Model::TunnelRib>> all;
+  for (const auto& [name, id] : state_.ribIds()->tunnelRibNames()) {
+    if (const auto rib = state_.rib(id)) {
+      all.push_back(rib);
+    }
+  }
+  for (const auto& [type, wrapper] : state_.protocolRibs()->protocolTunnelRib()) {
+    all.push_back(wrapper->tunnelRib());
+  }
+  return all;
+}
+
+std::vector<TableFile> StateReading::files() {
+  status();
+  Statehub::EntityManager& entityManager = *state_.entityManager();
+  std::vector<TableFile> all;
+  const auto add = [&](const std::string& name, const std::string& path) {
+    if (const Memtab::MirrorStore* const mirror = entityManager.mirror(path)) {
+      all.push_back({name, entityManager.stateDirectory() + "/" + path, mirror});
+    }
+  };
+  for (const Agent::TableId table : Agent::allTables()) {
+    add(Zol::stringOf(table), Model::tunnelTableInfo(table).path);
+  }
+  Agent::statusTable<Agent::BgpLuDeclaration>(entityManager, Agent::bgpLuDeclarationPath, Statehub::Access::read);
+  add("bgpLuConvergence", Agent::bgpLuDeclarationPath);
+  add("rib system", Agent::systemRibPath);
+  for (const auto& [name, id] : state_.ribIds()->tunnelRibNames()) {
+    if (id != 0) {
+      add("rib " + Agent::printable(name), customRibPath(id));
+    }
+  }
+  for (const Agent::TableId table : Agent::ribTables) {
+    const std::string type = Model::stringValue(state_.tables().table(table).tunnelType());
+    add("protocolRib " + type, Agent::protocolRibPathPrefix + type);
+  }
+  add("fib", Agent::fibPath);
+  add("status/ribs", Agent::ribStatusPath);
+  add("status/unprogrammable", Agent::unprogrammablePath);
+  add("status/convergence", Agent::convergencePath);
+  return all;
+}
+
+void StateReading::requireTable(const std::string& path) const {
+  const Memtab::MirrorStore* const mirror = state_.entityManager()->mirror(path);
+  if (mirror == nullptr || !mirror->isBound()) {
+    const std::string trouble = mirror == nullptr ? "" : mirror->trouble();
+    throw std::runtime_error(trouble.empty() ? state_.entityManager()->stateDirectory() + "/" + path + ": no such table"
+                                             : trouble);
+  }
+}
+
+std::string standingOf(const Memtab::MirrorStore& mirror) {
+  if (mirror.isBound()) {
+    return mirror.reader().ready() ? "complete" : "incomplete";
+  }
+  return mirror.trouble().empty() ? "absent" : mirror.trouble();
+}
+
+}  // namespace Tools

@@ -1,0 +1,52 @@
+// StateReading: the tables of a state directory as a command reads them, whether or not anybody writes them.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "agent/AgentStatus.h"
+
+namespace Tools {
+
+namespace Model = Tunnel::TunnelTable;
+
+// A file of the directory that holds a table.
+struct TableFile {
+  std::string name;  // "ldp", "rib system", "protocolRib ldpTunnel", "fib", "status/ribs"
+  std::string path;  // the whole of it
+  const Memtab::MirrorStore* mirror;
+};
+
+class StateReading {
+ public:
+  // Raises runtime_error when there is no such directory. Nothing but the mounts is done here: O(1) in the size of the
+  // tables.
+  explicit StateReading(const std::string& directory);
+
+  const Agent::AgentState& state() const { return state_; }
+  // RIB names, unprogrammable tunnels and convergence are in the state from the first call on.
+  const Agent::StatusReader& status();
+
+  // The RIB of that name, be it a configured one, "system", or the tunnel type of a per-protocol one. Raises
+  // runtime_error when there is none or its table cannot be read.
+  Zol::Ptr<Model::TunnelRib> rib(const std::string& name);
+  // Where that RIB lies, relative to the directory. Raises runtime_error when there is none.
+  std::string pathOfRib(const std::string& name);
+  // All RIBs that can be read.
+  std::vector<Zol::Ptr<Model::TunnelRib>> ribs();
+
+  // All files that belong to the state, those that are absent too.
+  std::vector<TableFile> files();
+  // Raises runtime_error, with the path, unless the table mounted there can be read.
+  void requireTable(const std::string& path) const;
+
+ private:
+  Agent::AgentState state_;
+  std::optional<Agent::StatusReader> status_;
+};
+
+// Whether the table is there, can be read, and is complete: "complete", "incomplete", "absent", or why not.
+std::string standingOf(const Memtab::MirrorStore& mirror);
+
+}  // namespace Tools

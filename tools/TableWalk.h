@@ -1,0 +1,79 @@
+// Walking a table for a list: all of it in its own order, or the few keys that are asked for.
+#pragma once
+
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "agent/Explanation.h"
+#include "agent/ProtocolTables.h"
+#include "runtime/Memtab/MemtabMap.h"
+#include "tunnel/TunnelTable.h"
+
+namespace Tools {
+
+// What a walk visits: these keys, or all; behind after, if that is given.
+template <class Key>
+struct Selection {
+  std::optional<std::vector<Key>> keys;
+  std::optional<Key> after;
+};
+
+// Visits the records until visit(record) is false. Damage is reported to the map, its record left out.
+template <class Map, class F>
+void walk(const Map& map, const Selection<typename Map::Key>& selection, F&& visit) {
+  typename Map::Record record;
+  if (selection.keys) {
+    bool isBehind = !selection.after;
+    for (const auto& key : *selection.keys) {
+      if (isBehind && Tunnel::TunnelTable::readSafely(&map, key, record) && !visit(record)) {
+        return;
+      }
+      isBehind = isBehind || key == *selection.after;
+    }
+    return;
+  }
+  const auto placeOf = [](const auto& key) {
+    Zol::ByteWriter bytes;
+    encodeValue(bytes, key);
+    return Map::hashOfKey(bytes.written());
+  };
+  bool isSkipping = selection.after.has_value();
+  const std::uint64_t last = isSkipping ? placeOf(*selection.after) : 0;
+  typename Map::Hint hint;
+  for (bool isStarted = false, isMore = true; isMore; isStarted = true) {
+    try {
+      isMore = isStarted ? map.next(hint) : map.first(hint);
+      if (!isMore || (isSkipping && placeOf(hint.key()) <= last)) {
+        continue;
+      }
+      isSkipping = false;  // the order is that of the places
+      record = hint.record(map);
+    } catch (const Memtab::CorruptionException& damage) {
+      map.corruptionDetected(damage.what());
+      continue;
+    }
+    if (!visit(record)) {
+      return;
+    }
+  }
+}
+
+// Calls f with the tunnel's record, of the first table that has one; false when none has.
+template <class F>
+bool visitEntry(const Agent::ProtocolTables& tables, const Tunnel::TunnelTable::TunnelId& tunnel, F&& f) {
+  bool isFound = false;
+  for (const Agent::TableId table : Agent::tablesOf(tunnel.tunnelType())) {
+    tables.withTable(table, [&](const auto& each) {
+      typename std::remove_cvref_t<decltype(each)>::Record entry;
+      if (!isFound && Tunnel::TunnelTable::readSafely(&each, tunnel, entry)) {
+        isFound = true;
+        f(std::as_const(entry));
+      }
+    });
+  }
+  return isFound;
+}
+
+}  // namespace Tools

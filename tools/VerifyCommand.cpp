@@ -1,0 +1,122 @@
+// "verify": compares what is published with what the tables say, once or again and again.
+
+#include <csignal>
+#include <ctime>
+#include <iostream>
+#include <memory>
+#include <optional>
+
+#include "agent/Terminal.h"
+#include "tools/ShadowCommands.h"
+#include "tools/Verification.h"
+
+namespace Tools {
+namespace {
+
+struct VerifyOptions : ShadowOptions {
+  std::optional<double> everySeconds;
+};
+
+bool isRight(const Verdict& verdict) { return verdict.wrong.empty() && verdict.incomplete.empty(); }
+
+const char* resultOf(const Verdict& verdict) {
+  if (!verdict.incomplete.empty()) {
+    return "incomplete";
+  }
+  if (!verdict.wrong.empty()) {
+    return "wrong";
+  }
+  return verdict.inFlight.empty() ? "same" : "inFlight";
+}
+
+std::string words(const Difference& difference) {
+  const std::string place = difference.where + " " + difference.key + ": " + difference.what;
+  if (!difference.left) {
+    return place + " missing: " + difference.right->text;
+  }
+  if (!difference.right) {
+    return place + " not due: " + difference.left->text;
+  }
+  return place + " " + difference.left->text + " should be " + difference.right->text;
+}
+
+OrderedJson listJson(const std::vector<Difference>& differences, std::uint64_t limit) {
+  OrderedJson list = OrderedJson::array();
+  for (std::size_t i = 0; i < differences.size() && i < limit; ++i) {
+    list.push_back(differenceJson(differences[i], "published", "recomputed"));
+  }
+  return list;
+}
+
+void writeJson(const Verdict& verdict, const VerifyOptions& options) {
+  const OrderedJson json = {{"result", resultOf(verdict)},
+                            {"agentRunning", verdict.isAgentRunning},
+                            {"fibEntries", verdict.fibEntries},
+                            {"incomplete", verdict.incomplete},
+                            {"wrongCount", verdict.wrong.size()},
+                            {"wrong", listJson(verdict.wrong, options.limit)},
+                            {"inFlightCount", verdict.inFlight.size()},
+                            {"inFlight", listJson(verdict.inFlight, options.limit)}};
+  std::cout << (options.everySeconds ? Agent::textOf(json) : json.dump(1)) << std::endl;
+}
+
+void writeList(const std::vector<Difference>& differences, const char* kind, std::uint64_t limit) {
+  for (std::size_t i = 0; i < differences.size() && i < limit; ++i) {
+    std::cout << kind << words(differences[i]) << '\n';
+  }
+  if (differences.size() > limit) {
+    std::cout << kind << differences.size() - limit << " more\n";
+  }
+}
+
+void writeText(const Verdict& verdict, const VerifyOptions& options) {
+  for (const std::string& line : verdict.incomplete) {
+    std::cout << "cannot be told: " << line << '\n';
+  }
+  writeList(verdict.wrong, "", options.limit);
+  writeList(verdict.inFlight, "in flight: ", options.limit);
+  if (verdict.incomplete.empty()) {
+    std::cout << verdict.fibEntries << " FIB entries, " << verdict.wrong.size() << " differences, "
+              << verdict.inFlight.size() << " in flight" << (verdict.isAgentRunning ? "" : "; no agent is running")
+              << std::endl;
+  }
+}
+
+// Whether a signal that ends the program came meanwhile.
+bool waitsToEnd(double seconds) {
+  sigset_t ending;
+  sigemptyset(&ending);
+  sigaddset(&ending, SIGTERM);
+  sigaddset(&ending, SIGINT);
+  sigprocmask(SIG_BLOCK, &ending, nullptr);
+  timespec time{};
+  time.tv_sec = static_cast<std::time_t>(seconds);
+  time.tv_nsec = static_cast<long>((seconds - static_cast<double>(time.tv_sec)) * 1e9);
+  return sigtimedwait(&ending, nullptr, &time) > 0;
+}
+
+int runVerify(const VerifyOptions& options) {
+  bool wasRight = true;
+  do {
+    const Verdict verdict = verify(options.stateDirectory);
+    wasRight = wasRight && isRight(verdict);
+    options.isJson ? writeJson(verdict, options) : writeText(verdict, options);
+  } while (options.everySeconds && std::cout && !waitsToEnd(*options.everySeconds));
+  return wasRight ? exitDone : exitFailed;
+}
+
+}  // namespace
+
+void addVerify(CLI::App& app, Action& action) {
+  CLI::App& command = *app.add_subcommand("verify", "Compare RIBs and FIB with what the tables say");
+  const auto options = std::make_shared<VerifyOptions>();
+  addShadowOptions(command, *options);
+  addLimit(command, *options, 100);
+  command
+      .add_option("--every", options->everySeconds, "Again and again, with a pause of SECONDS, until a signal ends it")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(0.0, 1e9));
+  command.callback([=, &action] { action = [=] { return runVerify(*options); }; });
+}
+
+}  // namespace Tools
