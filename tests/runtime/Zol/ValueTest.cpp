@@ -106,7 +106,7 @@ TEST(Value, badTextIsNamed) {
     std::string from, to, named;
   };
   for (const Case& c :
-       {Case{__LINE__, "Test::Route", "Test::Rout", "expected 'Value('Test::Route', ** {'"},
+       {Case{__LINE__, "Test::Route", "Test::Rout", "expected 'Test::Route' at 'Test::Rout'"},
         Case{__LINE__, "'metric'", "'metrics'", "'metric'"},
         Case{__LINE__, "False", "false", "expected 'False' at 'false"},
         Case{__LINE__, "green", "blue", "expected 'red' at 'blue"},
