@@ -105,6 +105,7 @@ void ServeCommand::startIfReady() {
     for (const std::string& each : waitingFor_) {
       log(LogLevel::notice, "waiting: " + each);
     }
+    service_.look();
   }
 }
 
@@ -116,6 +117,7 @@ void ServeCommand::start() {
   status_.publishRibs(*host_.ribConfigs());
   log(LogLevel::info, "started over " + options_.stateDirectory + " with " + std::to_string(config_.size()) +
                           (config_.size() == 1 ? " RIB" : " RIBs"));
+  service_.look();
 }
 
 void ServeCommand::handleFirstDrain() {
@@ -129,7 +131,21 @@ void ServeCommand::handleFirstDrain() {
   for (const auto& [type, wrapper] : host_.protocolRibs()->protocolTunnelRib()) {
     wrapper->tunnelRib()->collectionReadyIs(true);
   }
-  log(LogLevel::info, "ready: " + std::to_string(host_.fib()->entry().size()) + " FIB entries");
+  log(LogLevel::info, statusText());
+  service_.ready();
+}
+
+std::string ServeCommand::statusText() const {
+  if (gate_) {
+    std::string text = "waiting: ";
+    for (const std::string& each : waitingFor_) {
+      text += (&each == &waitingFor_.front() ? "" : "; ") + each;
+    }
+    return text;
+  }
+  const std::size_t entries = host_.fib()->entry().size();
+  return (isReady_ ? "ready: " : "working off the backlog: ") + std::to_string(entries) +
+         (entries == 1 ? " FIB entry" : " FIB entries");
 }
 
 void ServeCommand::readDeclaration() {
@@ -145,16 +161,21 @@ void ServeCommand::handleSignal() {
     if (info.ssi_signo == SIGHUP) {
       reload();
     } else {
+      service_.stopping();
       loop_.stop();
     }
   }
 }
 
 void ServeCommand::reload() {
+  service_.reloading();
   try {
     config_ = configOf(options_);
   } catch (const ScenarioError& error) {
     log(LogLevel::error, std::string(error.what()) + "; the configuration stays as it was");
+    if (isReady_) {
+      service_.ready();
+    }
     return;
   }
   applyConfig(config_, *host_.ribConfigs());

@@ -14,6 +14,7 @@
 #include "agent/AgentHost.h"
 #include "agent/AgentStatus.h"
 #include "agent/CommandLine.h"
+#include "agent/ServiceManager.h"
 #include "agent/StartGate.h"
 #include "runtime/Memtab/Descriptor.h"
 #include "runtime/Quor/EventLoop.h"
@@ -53,6 +54,7 @@ class ServeCommand final : private Quor::NewsSource {
   void startIfReady();
   void start();
   void handleFirstDrain();
+  std::string statusText() const;
   void readDeclaration();
   void handleSignal();
   void reload();
@@ -67,6 +69,7 @@ class ServeCommand final : private Quor::NewsSource {
   Zol::Ptr<BgpLuDeclarationTable> declaration_;
   DeclarationListener declarationListener_{*this};
   Quor::EventLoop loop_;
+  ServiceManager service_{host_.scheduler(), [this] { return statusText(); }};
   std::unique_ptr<Statehub::TableFeed> feed_;
   std::optional<StartGate> gate_;  // until the start
   std::unique_ptr<WaitLimit> waitLimit_;

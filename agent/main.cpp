@@ -6,6 +6,7 @@
 #include <string>
 
 #include "agent/CommandLine.h"
+#include "agent/Log.h"
 #include "agent/RunCommand.h"
 #include "agent/ServeCommand.h"
 #include "agent/Terminal.h"
@@ -15,7 +16,7 @@ namespace {
 
 int fail(int status, const std::string& reason) {
   std::cout.flush();
-  std::cerr << reason << '\n';
+  std::cerr << Agent::journalPrefix(Agent::LogLevel::error) << reason << '\n';
   return status;
 }
 
