@@ -67,6 +67,7 @@ void addRunOptions(CLI::App& app, RunOptions& options, Texts& texts) {
 void addServeOptions(CLI::App& app, ServeOptions& options, std::vector<std::string>& traces) {
   app.add_option("--state-dir", options.stateDirectory, "Where the tables lie")
       ->type_name("DIR")
+      ->check([](const std::string& path) { return path.empty() ? "no name of a directory" : ""; })
       ->default_val(stateDirectoryDefault);
   app.add_option("--config", options.configFile, "The RIBs to build, a rib line each; read again at SIGHUP")
       ->type_name("FILE");

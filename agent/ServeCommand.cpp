@@ -51,15 +51,21 @@ ServeCommand::ServeCommand(ServeOptions options)
     : options_(std::move(options)),
       config_(configOf(options_)),
       signals_(signalDescriptor()),
+      misfits_(misfits(options_.stateDirectory)),
       host_(time_, slicePolicy_, Zol::make<Statehub::EntityManager>(options_.stateDirectory)),
       status_(host_),
       declaration_(statusTable<BgpLuDeclaration>(*host_.entityManager(), bgpLuDeclarationPath, Statehub::Access::read)),
       loop_(host_.scheduler()) {
+  for (const std::string& misfit : misfits_) {
+    log(LogLevel::warning, misfit + "; it is set aside, and a new table takes its place");
+  }
   forEachNamedTable([this](auto named) { host_.tables().table<typename decltype(named)::Table>()->follow(); });
   declaration_->follow();
   declarationListener_.channelIs(&declaration_->entryChannel());
   feed_ = std::make_unique<Statehub::TableFeed>(host_.entityManager(), host_.scheduler(), loop_,
                                                 std::vector<std::string>{"tunnel/table", "tunnel"});
+  feed_->rescannedCallbackIs([this] { troubles_.look(); });
+  troubles_.look();
   loop_.newsSourceIs(this);
   loop_.fdIs(signals_.get(), [this] { handleSignal(); });
   applyConfig(config_, *host_.ribConfigs());

@@ -16,6 +16,7 @@
 #include "agent/CommandLine.h"
 #include "agent/ServiceManager.h"
 #include "agent/StartGate.h"
+#include "agent/TableTroubles.h"
 #include "runtime/Memtab/Descriptor.h"
 #include "runtime/Quor/EventLoop.h"
 #include "runtime/Quor/RealTimeSource.h"
@@ -62,9 +63,11 @@ class ServeCommand final : private Quor::NewsSource {
   const ServeOptions options_;
   AgentConfig config_;
   Memtab::Descriptor signals_;
+  const std::vector<std::string> misfits_;  // found before the host took the tables over
   Quor::RealTimeSource time_;
   Quor::TimeSlicePolicy slicePolicy_{time_, sliceSeconds};
   AgentHost host_;
+  TableTroubles troubles_{host_};
   StatusWriter status_;
   Zol::Ptr<BgpLuDeclarationTable> declaration_;
   DeclarationListener declarationListener_{*this};

@@ -33,6 +33,9 @@ int run(const Options& options) {
     return fail(Agent::exitBadInput, error.what());
   } catch (const Agent::InputError& error) {
     return fail(Agent::exitBadInput, std::string("tunnel-agent: ") + error.what());
+  } catch (const Memtab::TableBusy& error) {
+    return fail(Agent::exitCannotWrite,
+                std::string("tunnel-agent: another agent serves this directory: ") + error.what());
   } catch (const std::exception& error) {
     return fail(Agent::exitCannotWrite, std::string("tunnel-agent: ") + error.what());
   }

@@ -28,6 +28,7 @@ std::optional<Agent::TableId> tableOf(const std::string& name) {
 void addStateDirectory(CLI::App& command, std::string& stateDirectory) {
   command.add_option("--state-dir", stateDirectory, "Where the tables lie")
       ->type_name("DIR")
+      ->check([](const std::string& path) { return path.empty() ? "no name of a directory" : ""; })
       ->default_val(Agent::stateDirectoryDefault);
 }
 

@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <utility>
 
+#include "runtime/Memtab/DirectoryOwner.h"
+
 namespace Memtab {
 namespace {
 
@@ -82,7 +84,11 @@ void DoorbellListener::open() {
   slot_.reset();
   bell_.reset();
   try {
-    bell_ = std::make_unique<Bell>(stateDirectory_, owners_);
+    Owners owners = owners_;
+    for (const uid_t owner : directoryOwner(stateDirectory_)) {
+      owners.push_back(owner);
+    }
+    bell_ = std::make_unique<Bell>(stateDirectory_, owners);
     for (unsigned n = 0; n < Bell::slots && !slot_; ++n) {
       if (bell_->claim(n)) {
         slot_ = n;

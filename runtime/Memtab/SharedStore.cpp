@@ -4,6 +4,8 @@
 
 #include <cerrno>
 
+#include "runtime/Memtab/DirectoryOwner.h"
+
 namespace Memtab {
 namespace {
 
@@ -86,7 +88,8 @@ MirrorStore::MirrorStore(const std::string& stateDirectory, const std::string& n
 std::unique_ptr<ReaderFile> MirrorStore::open() {
   trouble_.clear();
   try {
-    return std::make_unique<ReaderFile>(stateDirectory_, name_, fingerprint_, hashes_.size());
+    return std::make_unique<ReaderFile>(stateDirectory_, name_, fingerprint_, hashes_.size(),
+                                        directoryOwner(stateDirectory_));
   } catch (const FileAbsent&) {
     return nullptr;
   } catch (const Zol::Exception& refused) {

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <sstream>
 
 namespace Memtab {
 namespace {
@@ -56,7 +57,12 @@ void makeAbove(const std::string& path) {
 Descriptor openDirectory(int at, const std::string& component, const std::string& path, const Owners& owners) {
   Descriptor directory(openat(at, component.c_str(), directoryFlags | O_NOFOLLOW));
   if (!directory) {
-    raiseError(errno == ELOOP || errno == ENOTDIR ? "not a directory" : "directory cannot be opened", path, errno);
+    const int error = errno;
+    struct stat facts {};
+    if (fstatat(at, component.c_str(), &facts, AT_SYMLINK_NOFOLLOW) == 0 && !S_ISDIR(facts.st_mode)) {
+      throw FileRefused(path + ": refused: not a directory" + (S_ISLNK(facts.st_mode) ? ", but a symbolic link" : ""));
+    }
+    raiseError("directory cannot be opened", path, error);
   }
   struct stat facts {};
   if (fstat(directory.get(), &facts) != 0) {
@@ -92,7 +98,9 @@ void refuseUnsafe(const struct stat& facts, bool isTable, const std::string& pat
     refuse("it belongs to user " + std::to_string(facts.st_uid) + ", we are " + std::to_string(geteuid()));
   }
   if ((facts.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-    refuse("group or world may write to it");
+    std::ostringstream mode;
+    mode << std::oct << (facts.st_mode & 0777U);
+    refuse("group or world may write to it (mode " + mode.str() + ")");
   }
   if (isTable && facts.st_nlink != 1) {
     refuse("it has " + std::to_string(facts.st_nlink) + " links");

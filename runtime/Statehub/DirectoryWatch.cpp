@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "runtime/Memtab/StateDirectory.h"
+#include "runtime/Memtab/DirectoryOwner.h"
 #include "runtime/Zol/Exception.h"
 
 namespace Statehub {
@@ -28,7 +28,7 @@ DirectoryWatch::DirectoryWatch(const std::string& stateDirectory, const std::vec
   }
   for (const std::string& path : paths) {
     // The directory of any name in it.
-    Memtab::placeOf(stateDirectory, path + "/any", true, {});
+    Memtab::placeOf(stateDirectory, path + "/any", true, Memtab::directoryOwner(stateDirectory));
     const std::string directory = stateDirectory + "/" + path;
     if (inotify_add_watch(inotify_.get(), directory.c_str(), placesChanged) < 0) {
       fail(directory);
