@@ -2,6 +2,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include "agent/CommandPages.h"
+
 namespace Agent {
 namespace {
 
@@ -123,6 +125,9 @@ CommandLine CommandLine::parse(int argc, const char* const* argv) {
   ServeOptions serveOptions;
   std::vector<std::string> serveTraces;
   addServeOptions(*serve, serveOptions, serveTraces);
+  if (const auto status = answerPages(app, argc, argv, [](const ValuePlace&) { return std::vector<std::string>(); })) {
+    return {std::nullopt, std::nullopt, *status};
+  }
   try {
     app.parse(argc, argv);
     if (serve->parsed()) {

@@ -11,7 +11,7 @@ exec 1>&2
 packages=(cmake ninja-build g++ libcli11-dev nlohmann-json3-dev libgtest-dev libbenchmark-dev libabsl-dev)
 case ${1-} in
   '') ;;
-  --ci) packages+=(clang clang-format) ;;
+  --ci) packages+=(clang clang-format dpkg-dev) ;;
   *)
     echo "usage: ${BASH_SOURCE[0]} [--ci]"
     exit 2

@@ -12,6 +12,7 @@
 #include "agent/Terminal.h"
 #include "tools/Commands.h"
 #include "tools/ShadowCommands.h"
+#include "tools/ValueNames.h"
 
 namespace {
 
@@ -65,6 +66,9 @@ int main(int argc, char** argv) {
   Tools::addVerify(app, action);
   Tools::addCheck(app, action);
   Tools::addWhatIf(app, action);
+  if (const auto status = Agent::answerPages(app, argc, argv, Tools::valueNames)) {
+    return *status;
+  }
   isJson = std::find(argv, argv + argc, std::string_view("--json")) != argv + argc;
   try {
     app.parse(argc, argv);

@@ -1,0 +1,14 @@
+// What may stand where an option of tunnelctl takes a value, for completion in a shell.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "agent/CommandPages.h"
+
+namespace Tools {
+
+// Tables, tunnel types, and the RIBs of the state directory. Nothing for other places, and when nothing can be read.
+std::vector<std::string> valueNames(const Agent::ValuePlace& place);
+
+}  // namespace Tools
