@@ -16,6 +16,8 @@ constexpr size_t lineUnits = lineBytes / unitBytes;
 constexpr size_t wholeLinesFrom = 512 / unitBytes;
 constexpr size_t headerUnits = headerBytes / unitBytes;
 constexpr size_t bitsPerWord = 64;
+constexpr size_t laneUnits = 16;  // a quarter of a word of bits
+constexpr uint64_t laneLowBits = 0x0001'0001'0001'0001;
 
 // Small or large: what is large starts at a line, has a limit of its own, and is searched for by itself.
 constexpr size_t kindOf(size_t units) { return units >= wholeLinesFrom ? 1 : 0; }
@@ -112,14 +114,33 @@ size_t Allocator::reuse(size_t sizeClass, size_t units) {
   return nowhere;
 }
 
+// Where the free units begin that hold the first wholly free lane in [from, to).
+size_t Allocator::firstFreeLane(size_t from, size_t to) const {
+  for (size_t word = from / bitsPerWord; word * bitsPerWord < to; ++word) {
+    const size_t skipped = from > word * bitsPerWord ? from - word * bitsPerWord : 0;
+    const uint64_t used = bits_[word] | ((uint64_t{1} << skipped) - 1);
+    if (const uint64_t lanes = (used - laneLowBits) & ~used & (laneLowBits << (laneUnits - 1)); lanes != 0) {
+      size_t at = word * bitsPerWord + static_cast<size_t>(std::countr_zero(lanes)) / laneUnits * laneUnits;
+      while (at > from && isFree((at - 1) * unitBytes, at * unitBytes)) {
+        --at;
+      }
+      return at;
+    }
+  }
+  return to;
+}
+
+// Between small pieces lie many holes of a few units. A large piece needs a whole lane at least, by which it is found
+// without looking into them.
 size_t Allocator::find(size_t from, size_t units) const {
+  static_assert(wholeLinesFrom >= 2 * laneUnits - 1);
   const size_t end = limit(units);
   for (size_t at = aligned(from, units); at + units <= end;) {
     const size_t used = firstUsed(at, at + units);
     if (used == at + units) {
       return at;
     }
-    at = aligned(firstFree(used, end), units);
+    at = aligned(kindOf(units) != 0 ? firstFreeLane(used, end) : firstFree(used, end), units);
   }
   return nowhere;
 }

@@ -74,6 +74,7 @@ class Allocator {
     return at + units <= limit(units) && firstUsed(at, at + units) == at + units;
   }
   size_t find(size_t from, size_t units) const;
+  size_t firstFreeLane(size_t from, size_t to) const;
   size_t search(size_t units);
   size_t extend(size_t units);
   void rewind();

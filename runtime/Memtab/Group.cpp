@@ -15,6 +15,8 @@ int rankOf(const Group::Item& item, uint32_t referred) {
   return !isReferred ? 1 : item.outcome == Group::Outcome::put ? 0 : 2;
 }
 
+bool mayNeedPlace(const Group::Item& item) { return item.outcome == Group::Outcome::put && !item.found.standing; }
+
 }  // namespace
 
 void Group::begin() {
@@ -99,10 +101,18 @@ std::span<Group::Item* const> Group::changes(uint32_t referred) {
   return changes_;
 }
 
+uint32_t Group::growing() const {
+  uint32_t collections = 0;
+  for (const Item& item : items_) {
+    collections |= mayNeedPlace(item) ? uint32_t{1} << item.collection : 0;
+  }
+  return collections;
+}
+
 std::span<const uint64_t> Group::newHashes(unsigned collection) {
   newHashes_.clear();
   for (const Item& item : items_) {
-    if (item.collection == collection && item.outcome == Outcome::put && !item.found.standing) {
+    if (item.collection == collection && mayNeedPlace(item)) {
       newHashes_.push_back(item.hash);
     }
   }

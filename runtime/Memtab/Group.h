@@ -70,7 +70,9 @@ class Group {
   // The items that change something, in the order in which they are made.
   // referred: one bit for each collection whose records others refer to.
   std::span<Item* const> changes(uint32_t referred);
-  // The hashes of the items that may need a place in collection, ascending.
+  // The collections with items that may need a place, one bit each.
+  uint32_t growing() const;
+  // The hashes of those of collection, ascending.
   std::span<const uint64_t> newHashes(unsigned collection);
 
  private:

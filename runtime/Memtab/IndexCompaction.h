@@ -94,7 +94,9 @@ auto Index<Stores>::compactSegment(size_t first, Compacted& place, size_t& effor
     if (isSuspect && !moveBlock(slot, effort)) {
       return Compaction::noRoom;
     }
-    effort -= place.slot % bucketWords == 0 && effort != 0 ? 1 : 0;
+    if (place.slot % bucketWords == 0 && effort != 0) {
+      --effort;
+    }
   }
   return Compaction::done;
 }

@@ -163,8 +163,9 @@ void Index<Stores>::split(uint64_t hash) {
   const size_t second = first + (size_t{1} << (depth_ - depth));
   items_.clear();
   gather(hash);
-  const Image left = imageOf(hashAt(first), depth, 0);
-  const Image right = imageOf(hashAt(second), depth, 0);
+  // Not smaller than half of it: keys that come in the order of their hashes leave one half empty, to fill it next.
+  const Image left = imageOf(hashAt(first), depth, old.sizeLog2 - 1u);
+  const Image right = imageOf(hashAt(second), depth, old.sizeLog2 - 1u);
   Claim<Stores> leftClaim(*pen_, left.bytes());
   Claim<Stores> rightClaim(*pen_, right.bytes());
   const Segment leftSegment = write(leftClaim, left);

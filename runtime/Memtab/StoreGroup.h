@@ -75,7 +75,8 @@ Lookup BasicStore<Stores>::staged(const Group::Item& item, Buffer& buffer) const
 // Throws NoSpace; then the pieces are free again. Segments that have grown stay so, which changes no content.
 template <class Stores>
 void BasicStore<Stores>::claimSpace(std::span<Group::Item* const> changes) {
-  for (unsigned collection = 0; collection < indexes_.size(); ++collection) {
+  for (uint32_t growing = group_.growing(); growing != 0; growing &= growing - 1) {
+    const auto collection = static_cast<unsigned>(std::countr_zero(growing));
     for (std::span<const uint64_t> hashes = group_.newHashes(collection); !hashes.empty();) {
       hashes = hashes.subspan(index(collection).makeRoom(hashes));
     }
