@@ -99,6 +99,7 @@ void fill(benchmark::State& state) {
     state.counters["machineBytes/tunnel"] =
         static_cast<double>(router->sm->dependencies().bytesUsed() + router->sm->tunnelFibWriter()->bytesUsed()) /
         tunnels;
+    state.counters["fibBytes/tunnel"] = static_cast<double>(router->fib->entry().bytesUsed()) / tunnels;
     state.counters["heapBytes/tunnel"] = static_cast<double>(heapBytes() - router->heapBefore) / tunnels;
     router.reset();
     state.ResumeTiming();

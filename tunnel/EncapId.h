@@ -5,7 +5,9 @@
 
 #include <compare>
 #include <cstdint>
+#include <cstring>
 #include <ostream>
+#include <span>
 #include <string_view>
 
 #include "runtime/Zol/Bytes.h"
@@ -43,11 +45,15 @@ class EncapId {
   // One to one. Ids are handed out in ascending order: the low bits of the index go to the top, so that few ids spread
   // over the whole range, except for the lowest seven, which keep neighbours together.
   constexpr std::uint32_t hash() const {
-    std::uint32_t spread = 0;
-    for (std::uint32_t bit = 0, group = index() >> 7; bit < 21; ++bit, group >>= 1) {
-      spread = (spread << 1) | (group & 1);
+    return reversed(index() >> 7) | (static_cast<std::uint32_t>(encapType()) << 7) | (index() & 0x7F);
+  }
+  // The hash of the id with these encoded bytes, whether or not they are one.
+  static std::uint32_t hashOfEncoded(std::span<const std::byte> bytes) {
+    std::uint32_t value = 0;
+    if (bytes.size() == sizeof value) {
+      std::memcpy(&value, bytes.data(), sizeof value);
     }
-    return (spread << 11) | (static_cast<std::uint32_t>(encapType()) << 7) | (index() & 0x7F);
+    return EncapId(value).hash();
   }
 
   bool operator!() const { return value_ == 0; }
@@ -59,6 +65,15 @@ class EncapId {
   friend void decodeValue(Zol::ByteReader& in, EncapId& id) { id.value_ = in.word<std::uint32_t>(); }
 
  private:
+  // The bits from the other end.
+  static constexpr std::uint32_t reversed(std::uint32_t bits) {
+    bits = (bits >> 1 & 0x55555555) | (bits & 0x55555555) << 1;
+    bits = (bits >> 2 & 0x33333333) | (bits & 0x33333333) << 2;
+    bits = (bits >> 4 & 0x0F0F0F0F) | (bits & 0x0F0F0F0F) << 4;
+    bits = (bits >> 8 & 0x00FF00FF) | (bits & 0x00FF00FF) << 8;
+    return bits >> 16 | bits << 16;
+  }
+
   std::uint32_t value_ = 0;
 };
 

@@ -77,6 +77,7 @@ void TunnelFibSm::fileDeferredDependants(const TunnelId& tunnelId) {
 }
 
 void TunnelFibSm::review(const TunnelId tunnelId) {
+  ++reviewed_;
   tunnelForReviewDel(tunnelId);
   try {
     updateTunnelFibEntry(tunnelId);
@@ -91,7 +92,27 @@ void TunnelFibSm::review(const TunnelId tunnelId) {
   }
 }
 
-void TunnelFibSm::drainSlice(std::size_t& reviewed) {
+// The next levels of the tunnel under review that wait for their own have it first, and theirs before them: otherwise
+// the tunnel would be deferred, and computed twice. A few for each turn in the backlog, whatever leads to whatever, so
+// that slices and the stack stay short; without it everything comes right too. A new tunnel has not been recorded as
+// their dependant yet, so what they write does not file it.
+void TunnelFibSm::reviewNextLevels() {
+  struct Interruption {
+    explicit Interruption(TunnelFibSm& owner) : sm(owner) { std::swap(sm.review_, sm.interrupted_[sm.depth_++]); }
+    ~Interruption() { std::swap(sm.review_, sm.interrupted_[--sm.depth_]); }
+    TunnelFibSm& sm;
+  };
+  for (std::size_t i = 0; i < review_.nextLevels.size() && innerReviewsLeft_ > 0; ++i) {
+    const TunnelId next = review_.nextLevels[i];
+    if (tunnelForReview_.has(next)) {
+      --innerReviewsLeft_;
+      const Interruption interruption(*this);
+      review(next);
+    }
+  }
+}
+
+void TunnelFibSm::drainSlice() {
   struct Draining {
     explicit Draining(bool& flag) : flag_(flag) { flag_ = true; }
     ~Draining() { flag_ = false; }
@@ -104,8 +125,8 @@ void TunnelFibSm::drainSlice(std::size_t& reviewed) {
     if (!it) {  // ids were filed behind the place, or the bookmark was behind them all
       it = tunnelForReview_.begin();
     }
+    innerReviewsLeft_ = innerReviewsMax;
     review(it.key());
-    ++reviewed;
     ++it;
     if (task_->taskShouldYield()) {
       FASTLOG_TRACE(6, "drainTunnelBacklog"
@@ -122,12 +143,12 @@ void TunnelFibSm::drainTunnelBacklog() {
   }
   FASTLOG_TRACE(6, "void Tunnel::TunnelTable::TunnelFibSm::drainTunnelBacklog()"
                        << ": " << tunnelForReview_.size() << " backlog entries");
-  std::size_t reviewed = 0;
-  drainSlice(reviewed);
+  reviewed_ = 0;
+  drainSlice();
   const std::size_t remaining = tunnelForReview_.size();
   FASTLOG_TRACE(6, "drainTunnelBacklog"
-                       << ": Reviewed " << reviewed << " tunnels. " << remaining << " remain in the backlog.");
-  task_->taskWorkCountInc(reviewed);
+                       << ": Reviewed " << reviewed_ << " tunnels. " << remaining << " remain in the backlog.");
+  task_->taskWorkCountInc(reviewed_);
   task_->taskWorkPendingIs(remaining);
   if (remaining != 0) {
     if (isShortOfSpace_ && !tunnelReviewBookmark_) {

@@ -16,6 +16,7 @@
 // the backlog and its drain. Scheduler thread only.
 #pragma once
 
+#include <array>
 #include <memory>
 #include <string>
 
@@ -171,8 +172,9 @@ class TunnelFibSm final : public Zol::Reactor {
   bool wasUnprogrammable(const TunnelId& tunnelId) const;
   bool doesDefer(const TunnelId& tunnelId, const TunnelFibCalcResult& result) const;
   void fileDeferredDependants(const TunnelId& tunnelId);
-  void drainSlice(std::size_t& reviewed);
+  void drainSlice();
   void review(TunnelId tunnelId);
+  void reviewNextLevels();
 
   const Zol::Ptr<TunnelFib> tunnelFib_;
   const Zol::Ptr<TunnelIdColl> unprogrammableTunnelIds_;
@@ -190,6 +192,12 @@ class TunnelFibSm final : public Zol::Reactor {
   Zol::HashCollection<TunnelId> deferred_;  // reviewed, left as they are until a next level has been reviewed
   TunnelFibDependencies dependencies_;
   TunnelFibReview review_;  // kept between reviews for its memory
+  // Reviews within reviews: those interrupted, innermost last, and how many the outermost may still hold.
+  static constexpr std::size_t innerReviewsMax = 8;
+  std::array<TunnelFibReview, innerReviewsMax> interrupted_;
+  std::size_t depth_ = 0;
+  std::size_t innerReviewsLeft_ = 0;
+  std::size_t reviewed_ = 0;  // in the slice under way
   std::unique_ptr<Quor::OwnedTask<TunnelFibSm>> task_;
   bool initialized_ = false;
   bool draining_ = false;

@@ -1,11 +1,12 @@
 // The review of one tunnel T:
 //
-//   1. T's table entry is read, once; with it come T's direct next levels.
+//   1. T's table entry is read, once; with it come T's direct next levels. Those that wait for review have it now, up
+//      to a limit.
 //   2. They are recorded. If they changed, the tunnels that were and those that now are on a cycle with T go to review:
 //      they have vias whose verdict may have changed.
 //   3. The vias are computed (TunnelFibViaCalc). Next levels that turn out to be unreviewed go to review.
-//   4. T is deferred while it has nothing to offer but a next level may soon have, or while what a next level has is
-//      start-up state and so is T's own. Its old entry stands.
+//   4. T is deferred while it has nothing to offer but a next level may soon have, while what a next level has is
+//      start-up state and so is T's own, or until unreviewed next levels have been reviewed. Its old entry stands.
 //   5. Else the entry is written or withdrawn, and whoever waits for T goes to review. A change of the entry reaches
 //      T's dependants through the FIB's notification; here they hear of a lost mark and of (un)programmability.
 //
@@ -35,6 +36,7 @@ void TunnelFibSm::updateTunnelFibEntry(const TunnelId& tunnelId) {
     result.tunnelContributingIs(contributesToTunnelFib(entry));
     if (result.tunnelContributing()) {
       doCollectNextLevels(entry);
+      reviewNextLevels();
       doUpdateDependencies(tunnelId);
       calculateTunnelFibEntry(entry, review_, result, [](const MplsVia&, const TunnelFibViaCalcResult&) {});
     }
@@ -195,6 +197,10 @@ bool TunnelFibSm::wasUnprogrammable(const TunnelId& tunnelId) const {
 
 bool TunnelFibSm::doesDefer(const TunnelId& tunnelId, const TunnelFibCalcResult& result) const {
   if (review_.metMarked && isFromEarlierRun(tunnelId)) {
+    return true;
+  }
+  // Once: what their reviews cannot put right is used as it can be read.
+  if (!review_.unreviewed.empty() && !deferred_.has(tunnelId)) {
     return true;
   }
   return result.tunnelContributing() && result.viaResult().recTunNotReady() && review_.consFibEntry.viaInfo().empty();

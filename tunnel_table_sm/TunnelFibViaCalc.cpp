@@ -67,7 +67,9 @@ Result whyEmpty(const TunnelFibSm& sm, TunnelFibReview& review, const TunnelId& 
   } else if (sm.isWaiting(next) || !sm.unprogrammableTunnelIds()->has(next)) {
     FASTLOG_TRACE(7, "    Next-level tunnel " << next << " is not ready");
     result.recTunNotReadyIs(true);
-    review.unreviewed.push_back(next);
+    if (!sm.isWaiting(next)) {
+      review.unreviewed.push_back(next);
+    }
   } else {
     FASTLOG_TRACE(7, "    Next-level tunnel " << next << " is unprogrammable");
     result.recTunUnprogrammableIs(true);

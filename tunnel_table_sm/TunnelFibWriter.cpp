@@ -6,8 +6,8 @@
 //                   ──▶ references of the replaced entry given back; records that nobody carries any more are deleted
 //
 // Counts live in memory. A start counts the vias that stand in the FIB; ids are then handed out anew from index 0,
-// stepping over those in use. Damage met while counting leaves vias uncounted: their release later is passed over, and
-// records are not swept, since one of them may be carried by what could not be read.
+// stepping over those in use. Damage met while counting leaves vias uncounted: until the next start no record is
+// deleted or swept, since what could not be read may carry it.
 #include "tunnel_table_sm/TunnelFibWriter.h"
 
 #include "runtime/Fastlog/TraceHelper.h"
@@ -64,7 +64,9 @@ void TunnelFibWriter::handleInitialized() {
   countReferences();
   forEachEncapKind([this](auto kind) {
     const auto& encaps = decltype(kind)::encaps(*tunnelFib_);
+    std::uint32_t& inheritedEnd = inheritedEnd_[static_cast<std::size_t>(kind.type)];
     walkSafely(encaps, true, [&](const auto& hint) {
+      inheritedEnd = std::max(inheritedEnd, hint.key().index() + 1);
       if (const auto info = encapInfo(*tunnelFib_, kind, hint.key())) {
         byContent_.add(hint.key(), *info);
       }
@@ -282,11 +284,16 @@ void TunnelFibWriter::releaseEncap(EncapId encapId) {
   if (encapId.encapType() == EncapType::invalid) {
     return;  // such a via took no reference
   }
-  if (!areCountsComplete_ && encapIdRefCount(encapId) == 0) {
-    FASTLOG_TRACE(6, "  encapId " << encapId << " was not counted, no deletion done.");
+  if (areCountsComplete_) {
+    decrementEncapRef(encapId);
     return;
   }
-  decrementEncapRef(encapId);
+  // This reference may be one that was not counted, and the count that of another via: the record stays.
+  const std::uint32_t count = encapIdRefCount(encapId);
+  if (count > 0) {
+    encapIdRefCountDec(encapId, 1);
+  }
+  FASTLOG_TRACE(6, "  encapId " << encapId << " counted: " << count << ", no deletion done.");
 }
 
 void TunnelFibWriter::decrementEncapRef(EncapId encapId) {
@@ -324,10 +331,12 @@ EncapId TunnelFibWriter::nextFreeEncapId(EncapType type) {
   return candidateEncapId;
 }
 
+// The table is asked only where a record may stand without a count.
 bool TunnelFibWriter::encapIdUsed(EncapId encapId) const {
-  bool isUsed = false;
+  bool isUsed = encapIdRefCount(encapId) > 0;
   const bool isOfAKind = withEncapKind(encapId.encapType(), [&](auto kind) {
-    isUsed = encapIdRefCount(encapId) > 0 || hasSafely(decltype(kind)::encaps(*tunnelFib_), encapId);
+    const bool mayStand = !areCountsComplete_ || encapId.index() < inheritedEnd_[static_cast<std::size_t>(kind.type)];
+    isUsed = isUsed || (mayStand && hasSafely(decltype(kind)::encaps(*tunnelFib_), encapId));
   });
   ZOL_ASSERT_TEXT(isOfAKind, "0 && \"This function should not be used for checking invalidEncaps.\"");
   return isUsed;

@@ -10,6 +10,7 @@
 // the last. Writing what stands writes nothing. Scheduler thread only.
 #pragma once
 
+#include <array>
 #include <utility>
 #include <vector>
 
@@ -94,7 +95,8 @@ class TunnelFibWriter final : public Zol::Reactor {
   EncapRefCounts encapIdRefCount_;
   EncapContentIndex byContent_;
   std::vector<std::pair<EncapId, std::uint32_t>> countsBefore_;  // what the change under way counted from, in order
-  bool areCountsComplete_ = true;  // false: damage hid entries when references were counted
+  std::array<std::uint32_t, 5> inheritedEnd_{};  // by type: records from before the start have lower indexes
+  bool areCountsComplete_ = true;                // false: damage hid entries when references were counted
   bool initialized_ = false;
 };
 
