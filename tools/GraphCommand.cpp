@@ -35,7 +35,10 @@ void writeEdge(std::ostream& out, const Model::TunnelId& from, const std::string
   out << "  " << quoted(Zol::stringOf(from)) << " -> " << quoted(to) << " [label=" << quoted(label) << style << "];\n";
 }
 
-std::string labelsOf(const Ipkit::MplsLabelOperation& operation) { return Agent::textOf(Agent::topFirst(operation)); }
+std::string labelsOf(const Ipkit::MplsLabelOperation& operation) {
+  const auto labels = Agent::topFirst(operation);
+  return labels.empty() ? "" : Agent::textOf(labels);
+}
 
 std::string encapOf(const Agent::FibVia& via) {
   return via.encapId.encapType() == Fib::EncapType::labelStack ? labelsOf(via.via.labelStack())

@@ -15,6 +15,7 @@ class ShadowExample : public testing::TestWithParam<const char*>, protected Shad
 // Fails if shadow and agent read configuration or tables differently, or if a comparison sees what is no difference.
 TEST_P(ShadowExample, whatRealProcessesPublishIsRightAndSound) {
   Support::Process agent = serveExample(GetParam());
+  ASSERT_TRUE(agent.says("ready")) << "or else verify finds nobody who could be behind";
   Support::Process publisher = publish({exampleFile(GetParam()), "--step"});
   const auto settles = [&publisher] {
     const std::string said = publisher.output();
@@ -27,7 +28,6 @@ TEST_P(ShadowExample, whatRealProcessesPublishIsRightAndSound) {
   }
   publisher.stop(SIGKILL);
   ASSERT_EQ(publishAll({exampleFile(GetParam())}), 0);
-  ASSERT_TRUE(agent.says("ready"));
   ASSERT_TRUE(Support::becomes([&] { return isSame(); }, 60)) << agentLog();
   const Answer running = ask({"check"});
   EXPECT_EQ(running.status, 0) << running.text;
