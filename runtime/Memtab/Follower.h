@@ -13,6 +13,9 @@
 // generation is the low 16 bits of the number of its change: a word that could have been stored again since the last
 // look, with the same generation, is compared by the head of its block (checksum and length) too.
 //
+// Who is told also reads by itself, and then sees what it will only be told of: a record that is deleted again before
+// it was examined, say. handleRead() keeps in mind that the key must be reported, whatever it is found to be.
+//
 // What cannot be read is reported as damage and what is known of it is kept: an unreadable table is never an empty one.
 //
 // Requires: the upper half of the collection's hash is Zol::hashOf(key). One thread; the Reader must outlive it.
@@ -63,6 +66,14 @@ class Follower {
     beginComparison();
   }
 
+  // Who is told of changes has looked the key up, and found a record or none.
+  void handleRead(const Key& key, bool isFound) {
+    const bool isAhead = isBehind() || reader_->intent() != sequence_;
+    if (isAhead && isFound != known_.has(key)) {
+      known_.insertOrAssign(key, Known());
+    }
+  }
+
   // Whether poll() has something to do. Two loads when it has not.
   bool isBehind() const {
     return comparison_ || nextCandidate_ != candidates_.size() || !again_.empty() || reader_->sequence() != sequence_ ||
@@ -84,7 +95,8 @@ class Follower {
   static constexpr size_t segmentCost = 64;  // in examined keys: how long it takes to compare a segment without news
   static constexpr size_t prefetchAhead = 16;
 
-  // Which record is known: the version that its index word tells, and its block's length and checksum.
+  // Which record is known: the version that its index word tells, and its block's length and checksum. Known() is no
+  // record's: whatever is found is news.
   struct Known {
     uint32_t units = 0;  // 0: the word is of another file and proves nothing
     uint32_t checksum = 0;

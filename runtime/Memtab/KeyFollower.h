@@ -24,6 +24,8 @@ class KeyFollower {
   // Notifies about keysMax keys that changed; whether there is more.
   virtual bool poll(size_t keysMax, Zol::Channel<Key>& channel) = 0;
   virtual void rebind(const Reader& reader) = 0;
+  // See Follower.
+  virtual void handleRead(const Key& key, bool isFound) = 0;
 };
 
 // A follower that takes what stands for known. O(size).

@@ -23,6 +23,7 @@ class KeyFollowerOf final : public KeyFollower<Key> {
         keysMax, [&channel](const Key& key) { channel.notify(key); }, onDamage_);
   }
   void rebind(const Reader& reader) override { follower_.rebind(reader); }
+  void handleRead(const Key& key, bool isFound) override { follower_.handleRead(key, isFound); }
 
  private:
   Follower<Key> follower_;

@@ -166,6 +166,9 @@ class MemtabMap : public Base {
     }
     const Bytes bytes = encodedKey(key);
     const Lookup found = this->store().get(this->collection(), hashOfKey(bytes), bytes);
+    if (follower_ != nullptr) {
+      follower_->handleRead(key, found.state != Found::absent);
+    }
     if (found.state == Found::absent) {
       return std::nullopt;
     }

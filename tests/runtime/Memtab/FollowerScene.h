@@ -62,16 +62,24 @@ class Mirror {
   Numbers numbers;
   std::vector<std::string> damages;
 
+  // Sees the key as it is now, whatever was reported.
+  void readAhead(uint64_t key) { follower.handleRead(key, read(key)); }
+
  private:
   void take(uint64_t key) {
     reported_.push_back(key);
+    follower.handleRead(key, read(key));
+  }
+  // Whether there is a record.
+  bool read(uint64_t key) {
     const Lookup found = reader_->get(collection_, numberHashes[0](bytesOf(key)), bytesOf(key));
-    ASSERT_TRUE(found.state == Found::found || found.state == Found::absent) << found.damage.text();
-    if (found.state == Found::found) {
-      numbers[key] = textOf(found.record);
-    } else {
+    EXPECT_TRUE(found.state == Found::found || found.state == Found::absent) << found.damage.text();
+    if (found.state != Found::found) {
       numbers.erase(key);
+      return false;
     }
+    numbers[key] = textOf(found.record);
+    return true;
   }
 
   const Reader* reader_;

@@ -22,8 +22,8 @@ void flipByteOf(const Store& store, uint64_t key) {
   const_cast<std::byte*>(store.view().base)[offset] ^= std::byte{1};
 }
 
-// Random writes with polls of random size in between. Fails if a change is lost or reported twice, if nothing changed
-// and something is reported, or if another collection's changes are mistaken for ours.
+// Random writes with polls and reads ahead of them in between. Fails if a change is lost or reported twice, if nothing
+// changed and something is reported, or if another collection's changes are mistaken for ours.
 TEST(MemtabFollower, mirrorEqualsTable) {
   size_t ringFollowed = 0;
   size_t compared = 0;
@@ -47,6 +47,9 @@ TEST(MemtabFollower, mirrorEqualsTable) {
         }
         if (isPolled && random() % 50 == 0) {
           mirror.poll(random() % 20);
+        }
+        if (isPolled && random() % 3 == 0) {
+          mirror.readAhead(random() % 2 == 0 ? key : random() % 40);
         }
       }
       const uint64_t comparisons = mirror.follower.comparisons();
