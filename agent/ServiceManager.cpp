@@ -17,7 +17,7 @@ namespace Agent {
 namespace {
 
 constexpr unsigned backlogPriority = 2;
-constexpr timeval sendTime{0, 100'000};  // a supervisor that hangs costs us this, not the forwarding
+constexpr timeval patience{5, 0};  // with a supervisor that hangs
 
 std::string_view environment(const char* name) {
   const char* const text = std::getenv(name);
@@ -41,7 +41,7 @@ double beatSeconds() {
 
 Memtab::Descriptor datagramSocket() {
   Memtab::Descriptor made(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  setsockopt(made.get(), SOL_SOCKET, SO_SNDTIMEO, &sendTime, sizeof sendTime);
+  setsockopt(made.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
   return made;
 }
 
@@ -81,7 +81,7 @@ auto ServiceManager::address() -> std::optional<Address> {
 
 void ServiceManager::look() {
   if (const std::string status = newStatus(); !status.empty()) {
-    send(status);
+    send(status, MSG_DONTWAIT);
   }
 }
 
@@ -100,7 +100,7 @@ void ServiceManager::reloading() {
 void ServiceManager::stopping() { send("STOPPING=1\nSTATUS=stopping; RIBs and FIB stay\n"); }
 
 void ServiceManager::doSignOfLife() {
-  send("WATCHDOG=1\n" + newStatus());
+  send("WATCHDOG=1\n" + newStatus(), MSG_DONTWAIT);
   beat_.timeMinIs(beat_.clock()->now() + beatSeconds_);
 }
 
@@ -113,12 +113,13 @@ std::string ServiceManager::newStatus() {
   return "STATUS=" + status_ + "\n";
 }
 
-void ServiceManager::send(const std::string& message) {
+void ServiceManager::send(const std::string& message, int flags) {
   if (!address_) {
     return;
   }
   const auto* const name = reinterpret_cast<const sockaddr*>(&address_->name);
-  const bool isSent = sendto(socket_.get(), message.data(), message.size(), MSG_NOSIGNAL, name, address_->size) >= 0;
+  const bool isSent =
+      sendto(socket_.get(), message.data(), message.size(), MSG_NOSIGNAL | flags, name, address_->size) >= 0;
   if (!isSent && !hasFailed_) {
     log(LogLevel::warning, std::string("NOTIFY_SOCKET: nobody can be told: ") + std::strerror(errno));
   }

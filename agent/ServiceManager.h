@@ -45,7 +45,8 @@ class ServiceManager {
   static std::optional<Address> address();
 
   void doSignOfLife();
-  void send(const std::string& message);
+  // Waits for a while if the receiver is behind: that we are ready must not get lost. Not with MSG_DONTWAIT.
+  void send(const std::string& message, int flags = 0);
   // A line of a message with the status text, if it has changed.
   std::string newStatus();
 
