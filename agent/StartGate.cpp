@@ -2,18 +2,40 @@
 
 #include <algorithm>
 
+#include "agent/Explanation.h"
 #include "tunnel/TunnelTableInfo.h"
 
 namespace Agent {
 namespace {
 
-using Counts = std::map<Model::TunnelType, std::size_t>;
+using Counts = std::map<TableId, std::size_t>;
+
+// The table of an interface tunnel is told by what wraps its packets; without any it is one of three.
+std::vector<TableId> sourcesOf(const Model::TunnelFibEntry& entry) {
+  const auto encap = entry.tunnelVias() == 0 ? Fib::EncapType::invalid : entry.tunnelVia(0).encapId().encapType();
+  if (entry.tunnelId().tunnelType() == Model::TunnelType::l3IntfTunnel) {
+    switch (encap) {
+      case Fib::EncapType::gre:
+        return {TableId::greTunnelInterface};
+      case Fib::EncapType::ipsecVti:
+        return {TableId::ipsecVtiTunnelInterface};
+      case Fib::EncapType::ipsecGre:
+        return {TableId::ipsecGreTunnelInterface};
+      case Fib::EncapType::labelStack:
+      case Fib::EncapType::invalid:
+        break;
+    }
+  }
+  return tablesOf(entry.tunnelId().tunnelType());
+}
 
 void countRib(const Model::TunnelRib& rib, Counts& counts) {
   Model::walkSafely(rib, true, [&](const auto& hint) {
     Model::TunnelRibEntry entry;
     if (Model::readSafely(&rib, hint.key(), entry) && entry.tunnelIds() > 0) {
-      ++counts[entry.tunnelId(0).tunnelType()];
+      for (const TableId table : tablesOf(entry.tunnelId(0).tunnelType())) {
+        ++counts[table];
+      }
     }
   });
 }
@@ -30,16 +52,22 @@ StartGate::StartGate(const AgentState& state) : state_(state) {
   if (state.ribIds()->tunnelRibNames().empty()) {
     countRib(*state.rib(0), ribs);
   }
-  Model::walkSafely(state.fib()->entry(), true, [this](const auto& hint) { ++held_[hint.key().tunnelType()]; });
-  for (const auto& [type, count] : ribs) {
-    held_[type] = std::max(held_[type], count);
+  Model::walkSafely(state.fib()->entry(), true, [&](const auto& hint) {
+    Model::TunnelFibEntry entry(hint.key());
+    Model::readSafely(&state.fib()->entry(), hint.key(), entry);
+    for (const TableId table : sourcesOf(entry)) {
+      ++held_[table];
+    }
+  });
+  for (const auto& [table, count] : ribs) {
+    held_[table] = std::max(held_[table], count);
   }
 }
 
 std::vector<std::string> StartGate::waitingFor() const {
   std::vector<std::string> lines;
   for (const TableId table : allTables()) {
-    const auto held = held_.find(state_.tables().table(table).tunnelType());
+    const auto held = held_.find(table);
     const std::string trouble = held == held_.end() ? "" : this->trouble(table);
     if (!trouble.empty()) {
       lines.push_back("table " + Zol::stringOf(table) + " " + trouble + ", " + std::to_string(held->second) +

@@ -26,7 +26,7 @@ class StartGate {
   std::string trouble(TableId table) const;
 
   const AgentState& state_;
-  std::map<Model::TunnelType, std::size_t> held_;  // FIB entries, or RIB entries where there are more
+  std::map<TableId, std::size_t> held_;  // FIB entries, or RIB entries where there are more
 };
 
 }  // namespace Agent
