@@ -103,6 +103,12 @@ Zol::Ptr<StatusTable<Record>> statusTable(Statehub::EntityManager& entityManager
   ZOL_ASSERT(table != nullptr);
   return table;
 }
+template Zol::Ptr<RibStatusTable> statusTable<RibStatus>(Statehub::EntityManager&, const std::string&,
+                                                         Statehub::Access);
+template Zol::Ptr<UnprogrammableTable> statusTable<UnprogrammableStatus>(Statehub::EntityManager&, const std::string&,
+                                                                         Statehub::Access);
+template Zol::Ptr<ConvergenceTable> statusTable<ConvergenceStatus>(Statehub::EntityManager&, const std::string&,
+                                                                   Statehub::Access);
 template Zol::Ptr<BgpLuDeclarationTable> statusTable<BgpLuDeclaration>(Statehub::EntityManager&, const std::string&,
                                                                        Statehub::Access);
 

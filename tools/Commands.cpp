@@ -4,11 +4,11 @@
 #include <memory>
 #include <sstream>
 
-#include "agent/AgentStatus.h"
 #include "agent/CommandLine.h"
 #include "agent/InputError.h"
 #include "agent/StateDocument.h"
 #include "tools/PublishCommand.h"
+#include "tools/StateReading.h"
 #include "tunnel/TunnelTableIdentifier.h"
 
 namespace Tools {
@@ -30,6 +30,10 @@ void addStateDirectory(CLI::App& command, std::string& stateDirectory) {
       ->type_name("DIR")
       ->check([](const std::string& path) { return path.empty() ? "no name of a directory" : ""; })
       ->default_val(Agent::stateDirectoryDefault);
+}
+
+void addLimit(CLI::App& command, std::optional<std::uint64_t>& limit, const char* help) {
+  command.add_option("--limit", limit, help)->type_name("N")->check(CLI::PositiveNumber);
 }
 
 Agent::TableId tableNamed(const std::string& name) {
@@ -69,9 +73,9 @@ void addState(CLI::App& app, Action& action) {
   addStateDirectory(*command, *stateDirectory);
   command->callback([=, &action] {
     action = [stateDirectory] {
-      Agent::AgentState state(Zol::make<Statehub::EntityManager>(*stateDirectory), Statehub::Access::read);
-      const Agent::StatusReader status(state);
-      Agent::writeStateDocument(std::cout, state);
+      StateReading reading(*stateDirectory);
+      reading.status();
+      Agent::writeStateDocument(std::cout, reading.state());
       return exitDone;
     };
   });

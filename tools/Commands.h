@@ -2,7 +2,9 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 
 #include "agent/ProtocolTables.h"
@@ -19,6 +21,9 @@ constexpr int exitBadInput = 2;  // the command line or an input file is wrong
 // The option that nearly every command has.
 void addStateDirectory(CLI::App& command, std::string& stateDirectory);
 
+// At most so many rows, at least one.
+void addLimit(CLI::App& command, std::optional<std::uint64_t>& limit, const char* help);
+
 // The table of that name; raises InputError.
 Agent::TableId tableNamed(const std::string& name);
 
@@ -28,5 +33,6 @@ void addShow(CLI::App& app, Action& action);
 void addResolve(CLI::App& app, Action& action);
 void addDiff(CLI::App& app, Action& action);
 void addGraph(CLI::App& app, Action& action);
+void addWatch(CLI::App& app, Action& action);
 
 }  // namespace Tools

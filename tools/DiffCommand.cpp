@@ -175,7 +175,7 @@ void addDiff(CLI::App& app, Action& action) {
       ->required();
   command->add_option("AFTER", options->after, "The same")->required();
   command->add_flag("--json", options->isJson, "Print one JSON document");
-  command->add_option("--limit", options->limit, "At most N changes")->type_name("N");
+  addLimit(*command, options->limit, "At most N changes");
   command->callback([=, &action] { action = [options] { return diff(*options); }; });
 }
 

@@ -2,10 +2,13 @@
 
 #include <algorithm>
 
+#include "tools/TableWalk.h"
+
 namespace Tools {
 
 void EntryFilter::addOptions(CLI::App& command) {
-  command.add_option("--tep", tepText_, "This tunnel endpoint alone")->type_name("PREFIX");
+  command.add_option("--tep", tepText_, "This tunnel endpoint alone, or the longest prefix that holds the address")
+      ->type_name("PREFIX|ADDRESS");
   command.add_option("--tunnel", tunnelText_, "This tunnel alone")->type_name("ID");
   command.add_option("--type", typeText_, "Tunnels of this type alone")->type_name("TYPE");
   command.add_option("--next-hop", nextHopText_, "What has a via to this next hop")->type_name("ADDRESS");
@@ -21,7 +24,12 @@ void EntryFilter::read() {
       value = optionValue<typename std::remove_reference_t<decltype(value)>::value_type>(option, text);
     }
   };
-  take("--tep", tepText_, tep_);
+  if (tepText_.empty() || tepText_.find('/') != std::string::npos) {
+    take("--tep", tepText_, tep_);
+  } else {
+    take("--tep", tepText_, tepAddress_);
+    tep_ = Ipkit::IpGenPrefix(*tepAddress_, tepAddress_->bitCount());
+  }
   take("--tunnel", tunnelText_, tunnel_);
   take("--next-hop", nextHopText_, nextHop_);
   take("--intf", intfText_, intf_);
@@ -37,6 +45,29 @@ void EntryFilter::read() {
 bool EntryFilter::doesFit(const Ipkit::MplsLabelOperation& labels) const {
   const auto stack = Agent::topFirst(labels);
   return !label_ || std::find(stack.begin(), stack.end(), *label_) != stack.end();
+}
+
+EntryFilter EntryFilter::among(const std::vector<Zol::Ptr<Model::TunnelRib>>& ribs) const {
+  EntryFilter filter = *this;
+  Model::TunnelRibEntry entry;
+  bool isFound = false;
+  for (const auto& rib : ribs) {
+    if (tepAddress_ && longestMatch(*rib, *tepAddress_, entry) &&
+        (!isFound || entry.tep().length() > filter.tep_->length())) {
+      isFound = true;
+      filter.tepIs(entry.tep());
+    }
+  }
+  return filter;
+}
+
+bool EntryFilter::doesFitRibEntry(const Fib::TunnelFib& fib, const Model::TunnelRibEntry& entry) const {
+  return doesFit(entry.tep()) &&
+         std::any_of(entry.tunnelId().begin(), entry.tunnelId().end(), [&](const Model::TunnelId& id) {
+           Fib::TunnelFibEntry fibEntry;
+           return doesFit(id) &&
+                  (!asksForVias() || (Model::readSafely(&fib.entry(), id, fibEntry) && doViasFit(fib, fibEntry)));
+         });
 }
 
 bool EntryFilter::doViasFit(const Fib::TunnelFib& fib, const Fib::TunnelFibEntry& entry) const {

@@ -10,6 +10,7 @@
 
 #include "agent/FibView.h"
 #include "agent/InputError.h"
+#include "tunnel/TunnelRib.h"
 #include "tunnel/TunnelTable.h"
 #include "tunnel_table_sm/TunnelFibTableEntry.h"
 
@@ -35,6 +36,12 @@ class EntryFilter {
   void read();
 
   const std::optional<Ipkit::IpGenPrefix>& tep() const { return tep_; }
+  // An address was given for the endpoint: whoever knows the endpoints says which has the longest prefix that holds it.
+  // Until then it stands for the address alone.
+  const std::optional<Ipkit::IpGenAddr>& tepAddress() const { return tepAddress_; }
+  void tepIs(const Ipkit::IpGenPrefix& tep) { tep_ = tep; }
+  // With the endpoint that it is among those of the RIBs.
+  EntryFilter among(const std::vector<Zol::Ptr<Model::TunnelRib>>& ribs) const;
   const std::optional<Model::TunnelId>& tunnel() const { return tunnel_; }
   bool asksForVias() const { return nextHop_ || intf_ || label_; }
 
@@ -42,6 +49,10 @@ class EntryFilter {
     return tunnel_.value_or(tunnel) == tunnel && type_.value_or(tunnel.tunnelType()) == tunnel.tunnelType();
   }
   bool doesFit(const Ipkit::IpGenPrefix& tep) const { return tep_.value_or(tep) == tep; }
+  // Nothing was asked for: all fits.
+  bool isEmpty() const { return !tep_ && !tunnel_ && !type_ && !asksForVias(); }
+  // Of a RIB entry the FIB's vias count.
+  bool doesFitRibEntry(const Fib::TunnelFib& fib, const Model::TunnelRibEntry& entry) const;
   bool doViasFit(const Fib::TunnelFib& fib, const Fib::TunnelFibEntry& entry) const;
   // The record of a protocol table.
   template <class Entry>
@@ -78,6 +89,7 @@ class EntryFilter {
   std::string tepText_, tunnelText_, typeText_, nextHopText_, intfText_;
   std::optional<std::uint32_t> label_;
   std::optional<Ipkit::IpGenPrefix> tep_;
+  std::optional<Ipkit::IpGenAddr> tepAddress_;
   std::optional<Model::TunnelId> tunnel_;
   std::optional<Model::TunnelType> type_;
   std::optional<Ipkit::IpGenAddr> nextHop_;

@@ -11,6 +11,7 @@
 #include "tools/EntryFilter.h"
 #include "tools/StateReading.h"
 #include "tools/TableExplanation.h"
+#include "tools/TableWalk.h"
 
 namespace Tools {
 namespace {
@@ -21,16 +22,6 @@ struct ResolveOptions {
   std::string rib = Model::TunnelRibNameIdMap::systemTunnelRibName;
   bool isJson = false;
 };
-
-// The entry with the longest prefix that has the address in it: one look-up for each length.
-bool longestMatch(const Model::TunnelRib& rib, const Ipkit::IpGenAddr& address, Model::TunnelRibEntry& entry) {
-  for (unsigned length = address.bitCount() + 1; length-- > 0;) {
-    if (Model::readSafely(&rib, Ipkit::IpGenPrefix(address.masked(length), length), entry)) {
-      return true;
-    }
-  }
-  return false;
-}
 
 int resolve(const ResolveOptions& options) {
   const auto address = optionValue<Ipkit::IpGenAddr>("ADDRESS", options.address);

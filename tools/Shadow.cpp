@@ -46,10 +46,10 @@ void Shadow::readConfiguration(StateReading& reading) {
   }
 }
 
-std::map<std::string, std::uint64_t> sequencesOf(StateReading& reading) {
-  std::map<std::string, std::uint64_t> sequences;
+Sequences sequencesOf(StateReading& reading) {
+  Sequences sequences;
   for (const TableFile& file : reading.files()) {
-    sequences[file.name] = file.mirror->reader().sequence();
+    sequences[file.name] = {file.mirror->reader().sequence(), file.mirror->reader().epoch()};
   }
   return sequences;
 }

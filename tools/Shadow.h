@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <utility>
 
 #include "agent/AgentHost.h"
 #include "agent/ScenarioPlayer.h"
@@ -36,7 +37,8 @@ class Shadow {
   Agent::ScenarioPlayer player_{host_, time_};
 };
 
-// By file name the number of changes that each table of the directory has seen.
-std::map<std::string, std::uint64_t> sequencesOf(StateReading& reading);
+// By file name the number of changes that each table of the directory has seen, and that of its present writer.
+using Sequences = std::map<std::string, std::pair<std::uint64_t, std::uint64_t>>;
+Sequences sequencesOf(StateReading& reading);
 
 }  // namespace Tools

@@ -13,12 +13,4 @@ void addLimit(CLI::App& command, ShadowOptions& options, std::uint64_t standard)
       ->default_val(standard);
 }
 
-void addShadowCommands(CLI::App& app, Action& action) {
-  addWhy(app, action);
-  addDependents(app, action);
-  addVerify(app, action);
-  addCheck(app, action);
-  addWhatIf(app, action);
-}
-
 }  // namespace Tools

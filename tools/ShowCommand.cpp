@@ -1,8 +1,10 @@
 #include "tools/ShowCommand.h"
 
+#include <iterator>
 #include <memory>
 
 #include "tools/Commands.h"
+#include "tunnel/TunnelFibViaCalcResult.h"
 
 namespace Tools {
 namespace {
@@ -18,7 +20,7 @@ CLI::App* addList(CLI::App& parent, Action& action, const char* name, const char
   const auto options = std::make_shared<ListOptions>();
   addStateDirectory(*command, options->stateDirectory);
   command->add_flag("--json", options->isJson, "Print one JSON document");
-  command->add_option("--limit", options->limit, "At most N rows")->type_name("N");
+  addLimit(*command, options->limit, "At most N rows");
   if (narrowing != Narrowing::none) {
     command->add_option("--after", options->after, "Go on behind this row")->type_name("KEY");
   }
@@ -34,6 +36,31 @@ CLI::App* addList(CLI::App& parent, Action& action, const char* name, const char
   return command;
 }
 
+void addFib(CLI::App& show, Action& action) {
+  const auto rib = std::make_shared<std::string>();
+  addList(show, action, "fib", "Entries of the tunnel FIB", Narrowing::filter,
+          [rib](ListOptions options) {
+            options.rib = *rib;
+            return showFib(options);
+          })
+      ->add_option("--rib", *rib, "Of tunnels in this RIB")
+      ->type_name("NAME");
+}
+
+void addUnprogrammable(CLI::App& show, Action& action) {
+  const auto reason = std::make_shared<std::string>();
+  std::vector<std::string> reasons = {"any"};
+  reasons.insert(reasons.end(), std::begin(Model::TunnelFibViaCalcResult::flagNames),
+                 std::end(Model::TunnelFibViaCalcResult::flagNames));
+  addList(show, action, "unprogrammable", "Tunnels that cannot be programmed", Narrowing::filter,
+          [reason](ListOptions options) {
+            options.reason = *reason;
+            return showUnprogrammable(options);
+          })
+      ->add_option("--reason", *reason, "Those with this reason, and all their reasons; any: whatever it is")
+      ->check(CLI::IsMember(reasons));
+}
+
 }  // namespace
 
 void addShow(CLI::App& app, Action& action) {
@@ -42,9 +69,9 @@ void addShow(CLI::App& app, Action& action) {
   addList(show, action, "tables", "The tables: entries, sequence numbers, completeness, writers, files",
           Narrowing::none, showTables);
   addList(show, action, "ribs", "The RIBs and their configuration", Narrowing::none, showRibs);
-  addList(show, action, "fib", "Entries of the tunnel FIB", Narrowing::filter, showFib);
+  addFib(show, action);
   addList(show, action, "encaps", "Encapsulations, and how many vias share each", Narrowing::after, showEncaps);
-  addList(show, action, "unprogrammable", "Tunnels that cannot be programmed", Narrowing::filter, showUnprogrammable);
+  addUnprogrammable(show, action);
   addList(show, action, "convergence", "How far the RIBs have followed BGP", Narrowing::none, showConvergence);
   addList(show, action, "processes", "The processes that write the tables", Narrowing::none, showProcesses);
 

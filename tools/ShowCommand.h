@@ -15,14 +15,17 @@ struct ListOptions {
   std::string stateDirectory;
   bool isJson = false;
   std::optional<std::uint64_t> limit;
-  std::string after;  // the key behind which a list begins; empty: at its begin
+  std::optional<std::string> after;  // the key behind which a list begins; without: at its begin
   EntryFilter filter;
+  std::string rib;     // of FIB entries: those of this RIB's tunnels; empty: all
+  std::string reason;  // of unprogrammable tunnels: a flag of their vias, or "any", both with all reasons; empty: none
 };
 
 // Each writes to standard output and returns the exit status: 1 when damaged records had to be left out. They raise
 // runtime_error for what is not there or cannot be read, and InputError for options.
 //
 // Lists of entries come in the tables' own order. O(entries), but O(1) where the filter names the tunnel or endpoint.
+// Reasons are those of a shadow.
 int showFib(const ListOptions& options);
 int showRib(const ListOptions& options, const std::string& name);
 int showTable(const ListOptions& options, Agent::TableId table);

@@ -15,7 +15,7 @@ namespace {
 
 template <class Key>
 std::optional<Key> keyAfter(const ListOptions& options) {
-  return options.after.empty() ? std::nullopt : std::optional<Key>(optionValue<Key>("--after", options.after));
+  return options.after ? std::optional<Key>(optionValue<Key>("--after", *options.after)) : std::nullopt;
 }
 
 // The end of a list of the map's records.
@@ -45,6 +45,23 @@ std::vector<Model::TunnelId> tunnelsAt(StateReading& reading, const Ipkit::IpGen
   return {tunnels.begin(), tunnels.end()};
 }
 
+// With --tep ADDRESS: the endpoint among those of a table.
+template <class Table>
+EntryFilter filterAmong(const Table& table, EntryFilter filter) {
+  bool isFound = false;
+  if (filter.tepAddress()) {
+    walk(table, {}, [&](const auto& entry) {
+      if (!!entry.tep() && entry.tep().contains(*filter.tepAddress()) &&
+          (!isFound || entry.tep().length() > filter.tep()->length())) {
+        isFound = true;
+        filter.tepIs(entry.tep());
+      }
+      return true;
+    });
+  }
+  return filter;
+}
+
 std::optional<std::vector<Model::TunnelId>> askedTunnels(StateReading& reading, const EntryFilter& filter) {
   if (filter.tunnel()) {
     return std::vector{*filter.tunnel()};
@@ -52,20 +69,21 @@ std::optional<std::vector<Model::TunnelId>> askedTunnels(StateReading& reading, 
   return filter.tep() ? std::optional(tunnelsAt(reading, *filter.tep())) : std::nullopt;
 }
 
-// The endpoint that the tunnel's table entry names; the zero prefix: none.
-Ipkit::IpGenPrefix tepOf(const Agent::AgentState& state, const Model::TunnelId& tunnel) {
-  Ipkit::IpGenPrefix tep;
-  visitEntry(state.tables(), tunnel, [&tep](const auto& entry) { tep = entry.tep(); });
-  return tep;
-}
-
 }  // namespace
 
 int showFib(const ListOptions& options) {
+  const auto after = keyAfter<Model::TunnelId>(options);
   StateReading reading(options.stateDirectory);
   reading.requireTable(Agent::fibPath);
-  const EntryFilter& filter = options.filter;
+  const EntryFilter filter = options.filter.tepAddress() ? options.filter.among(reading.ribs()) : options.filter;
   const Fib::TunnelFib& fib = *reading.state().fib();
+  const auto rib = options.rib.empty() ? nullptr : reading.rib(options.rib);
+  const auto isInRib = [&](const Model::TunnelId& tunnel) {
+    Model::TunnelRibEntry entry;
+    return rib == nullptr ||
+           (Model::readSafely(rib.get(), tepOf(reading.state(), tunnel), entry) &&
+            std::find(entry.tunnelId().begin(), entry.tunnelId().end(), tunnel) != entry.tunnelId().end());
+  };
   Rows rows(std::cout, options.isJson, "fib", {"tunnel", "vias"}, options.limit);
   // With both, the tunnel is looked up and must be at the endpoint.
   const bool isElsewhere = filter.tunnel() && filter.tep() && tepOf(reading.state(), *filter.tunnel()) != *filter.tep();
@@ -73,8 +91,8 @@ int showFib(const ListOptions& options) {
   if (isElsewhere) {
     keys->clear();
   }
-  walk(fib.entry(), {keys, keyAfter<Model::TunnelId>(options)}, [&](const Fib::TunnelFibEntry& entry) {
-    return !filter.doesFit(entry.tunnelId()) || !filter.doViasFit(fib, entry) ||
+  walk(fib.entry(), {keys, after}, [&](const Fib::TunnelFibEntry& entry) {
+    return !filter.doesFit(entry.tunnelId()) || !filter.doViasFit(fib, entry) || !isInRib(entry.tunnelId()) ||
            rows.add(
                entry.tunnelId(),
                [&] {
@@ -86,48 +104,44 @@ int showFib(const ListOptions& options) {
 }
 
 int showRib(const ListOptions& options, const std::string& name) {
+  const auto after = keyAfter<Ipkit::IpGenPrefix>(options);
   StateReading reading(options.stateDirectory);
   const auto rib = reading.rib(name);
-  const EntryFilter& filter = options.filter;
+  const EntryFilter filter = options.filter.among({rib});
   const Fib::TunnelFib& fib = *reading.state().fib();
-  const auto doesFit = [&](const Model::TunnelRibEntry& entry) {
-    return std::any_of(entry.tunnelId().begin(), entry.tunnelId().end(), [&](const Model::TunnelId& id) {
-      Fib::TunnelFibEntry fibEntry;
-      return filter.doesFit(id) && (!filter.asksForVias() ||
-                                    (Model::readSafely(&fib.entry(), id, fibEntry) && filter.doViasFit(fib, fibEntry)));
-    });
-  };
   std::optional<std::vector<Ipkit::IpGenPrefix>> keys;
   if (filter.tep() || filter.tunnel()) {
     keys = {filter.tep() ? *filter.tep() : tepOf(reading.state(), *filter.tunnel())};
   }
   Rows rows(std::cout, options.isJson, "entries", {"tep", "tunnels (preference)"}, options.limit, {{"name", name}});
-  walk(*rib, {keys, keyAfter<Ipkit::IpGenPrefix>(options)}, [&](const Model::TunnelRibEntry& entry) {
-    return !doesFit(entry) || rows.add(
-                                  entry.tep(),
-                                  [&] {
-                                    return Cells{Zol::stringOf(entry.tep()), Agent::summaryOf(entry)};
-                                  },
-                                  [&] { return Agent::ribEntryJson(entry); });
+  walk(*rib, {keys, after}, [&](const Model::TunnelRibEntry& entry) {
+    return !filter.doesFitRibEntry(fib, entry) ||
+           rows.add(
+               entry.tep(),
+               [&] {
+                 return Cells{Zol::stringOf(entry.tep()), Agent::summaryOf(entry)};
+               },
+               [&] { return Agent::ribEntryJson(entry); });
   });
   return finish(rows, *rib, options.stateDirectory + ": RIB " + name);
 }
 
 int showTable(const ListOptions& options, Agent::TableId table) {
+  const auto after = keyAfter<Model::TunnelId>(options);
   StateReading reading(options.stateDirectory);
   const std::string path = Model::tunnelTableInfo(table).path;
   reading.requireTable(path);
-  const EntryFilter& filter = options.filter;
   int status = exitDone;
   Rows rows(std::cout, options.isJson, "entries", {"tunnel", "tep", "pref", "vias"}, options.limit,
             {{"table", Zol::stringOf(table)}});
   reading.state().tables().withTable(table, [&](const auto& each) {
     using Entry = typename std::remove_cvref_t<decltype(each)>::Record;
+    const EntryFilter filter = filterAmong(each, options.filter);
     std::optional<std::vector<Model::TunnelId>> keys;
     if (filter.tunnel()) {
       keys = {*filter.tunnel()};
     }
-    walk(each, {keys, keyAfter<Model::TunnelId>(options)}, [&](const Entry& entry) {
+    walk(each, {keys, after}, [&](const Entry& entry) {
       const auto cells = [&] {
         return Cells{Zol::stringOf(entry.tunnelId()), !entry.tep() ? "-" : Zol::stringOf(entry.tep()),
                      std::to_string(entry.pref()), viaWords(entry)};
@@ -140,11 +154,11 @@ int showTable(const ListOptions& options, Agent::TableId table) {
 }
 
 int showEncaps(const ListOptions& options) {
+  auto after = keyAfter<Fib::EncapId>(options);
   StateReading reading(options.stateDirectory);
   reading.requireTable(Agent::fibPath);
   const Fib::TunnelFib& fib = *reading.state().fib();
   const auto counts = Agent::encapRefCounts(fib);
-  auto after = keyAfter<Fib::EncapId>(options);
   Rows rows(std::cout, options.isJson, "encaps", {"encapsulation", "vias", "fields"}, options.limit);
   bool isOver = false;
   const Memtab::MapBase* damaged = &fib.entry();

@@ -1,6 +1,5 @@
 #include <fstream>
 #include <iostream>
-#include <set>
 
 #include "agent/InputError.h"
 #include "runtime/Memtab/Owner.h"
@@ -110,27 +109,6 @@ int showRibs(const ListOptions& options) {
     if (!isMore) {
       break;
     }
-  }
-  return finish(rows);
-}
-
-int showUnprogrammable(const ListOptions& options) {
-  StateReading reading(options.stateDirectory);
-  reading.status();
-  reading.requireTable(Agent::unprogrammablePath);
-  std::set<Model::TunnelId> ids;
-  for (const auto& [id, isThere] : reading.state().unprogrammable()->entry()) {
-    if (options.filter.doesFit(id)) {
-      ids.insert(id);
-    }
-  }
-  Rows rows(std::cout, options.isJson, "unprogrammable", {"tunnel"}, options.limit);
-  auto at =
-      options.after.empty() ? ids.begin() : ids.upper_bound(optionValue<Model::TunnelId>("--after", options.after));
-  while (at != ids.end() &&
-         rows.add(
-             *at, [&] { return Cells{Zol::stringOf(*at)}; }, [&] { return OrderedJson(Zol::stringOf(*at)); })) {
-    ++at;
   }
   return finish(rows);
 }

@@ -11,10 +11,14 @@ namespace Tools {
 namespace {
 
 const std::string& existing(const std::string& directory) {
+  Memtab::corruptionDirectoryIs("/dev/null");  // who asks is told of damage; a question leaves no files
   std::error_code error;
   if (!std::filesystem::is_directory(directory, error)) {
     throw std::runtime_error(Agent::printable(directory, 200) + ": no such state directory" +
                              (error && error.value() != ENOENT ? ", " + error.message() : ""));
+  }
+  if (!std::filesystem::is_directory(directory + "/tunnel", error)) {
+    throw std::runtime_error(Agent::printable(directory, 200) + ": no tables in it");
   }
   return directory;
 }
@@ -31,6 +35,11 @@ const Agent::StatusReader& StateReading::status() {
     status_.emplace(state_);
   }
   return *status_;
+}
+
+void StateReading::reread() {
+  status();
+  status_->read();
 }
 
 std::string StateReading::pathOfRib(const std::string& name) {

@@ -20,13 +20,15 @@ struct TableFile {
 
 class StateReading {
  public:
-  // Raises runtime_error when there is no such directory. Nothing but the mounts is done here: O(1) in the size of the
-  // tables.
+  // Raises runtime_error when there is no such directory, or nothing in it. Nothing but the mounts is done here: O(1)
+  // in the size of the tables.
   explicit StateReading(const std::string& directory);
 
   const Agent::AgentState& state() const { return state_; }
   // RIB names, unprogrammable tunnels and convergence are in the state from the first call on.
   const Agent::StatusReader& status();
+  // They are as the tables are now.
+  void reread();
 
   // The RIB of that name, be it a configured one, "system", or the tunnel type of a per-protocol one. Raises
   // runtime_error when there is none or its table cannot be read.

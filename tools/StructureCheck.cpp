@@ -36,6 +36,7 @@ class StructureCheck {
   // Calls f with each record. Whether all could be read.
   template <class Map, class F>
   bool checkRecords(const std::string& table, const Map& map, F&& f) {
+    const std::uint64_t sequence = map.collectionControl().sequence();
     const std::size_t counted = map.size();
     std::size_t damaged = 0;
     std::size_t found = 0;
@@ -53,7 +54,8 @@ class StructureCheck {
         damaged += checkRecord(table, map, hint.key(), f) ? 0U : 1U;
       }
     }
-    if (found != counted && damaged == 0) {
+    const bool isStill = map.collectionControl().sequence() == sequence;
+    if (found != counted && damaged == 0 && isStill) {
       add(table, std::to_string(found) + " entries, its header counts " + std::to_string(counted));
     }
     return damaged == 0;
@@ -192,7 +194,12 @@ class StructureCheck {
               }
             });
     const auto pass = [](const std::string&, const auto&) {};
-    records("status/convergence", Agent::convergencePath, Agent::ConvergenceStatus(), pass);
+    records("status/convergence", Agent::convergencePath, Agent::ConvergenceStatus(),
+            [&](const std::string& id, const auto& status) {
+              if (!reading_.status().ribs().contains(status.ribId())) {
+                add("status/convergence", id + ": there is no such RIB");
+              }
+            });
     records("bgpLuConvergence", Agent::bgpLuDeclarationPath, Agent::BgpLuDeclaration(), pass);
   }
 
@@ -207,6 +214,9 @@ class StructureCheck {
     const bool isShared = tunnelTypes_.contains(Model::TunnelType::l3IntfTunnel);
     for (const TableFile& file : reading_.files()) {
       const std::string standing = standingOf(*file.mirror);
+      if (file.mirror->isBound() && file.mirror->reader().ringSlots() == 0) {
+        add(file.name, "its list of changes is damaged");
+      }
       if (standing == "complete" || (standing == "absent" && excused.contains(file.name))) {
         continue;
       }

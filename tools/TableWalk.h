@@ -6,9 +6,11 @@
 #include <string>
 #include <vector>
 
+#include "agent/AgentState.h"
 #include "agent/Explanation.h"
 #include "agent/ProtocolTables.h"
 #include "runtime/Memtab/MemtabMap.h"
+#include "tunnel/TunnelRib.h"
 #include "tunnel/TunnelTable.h"
 
 namespace Tools {
@@ -74,6 +76,24 @@ bool visitEntry(const Agent::ProtocolTables& tables, const Tunnel::TunnelTable::
     });
   }
   return isFound;
+}
+
+// The entry with the longest prefix that has the address in it: one look-up for each length.
+inline bool longestMatch(const Tunnel::TunnelTable::TunnelRib& rib, const Ipkit::IpGenAddr& address,
+                         Tunnel::TunnelTable::TunnelRibEntry& entry) {
+  for (unsigned length = address.bitCount() + 1; length-- > 0;) {
+    if (Tunnel::TunnelTable::readSafely(&rib, Ipkit::IpGenPrefix(address.masked(length), length), entry)) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// The endpoint that the tunnel's table entry names; the zero prefix: none.
+inline Ipkit::IpGenPrefix tepOf(const Agent::AgentState& state, const Tunnel::TunnelTable::TunnelId& tunnel) {
+  Ipkit::IpGenPrefix tep;
+  visitEntry(state.tables(), tunnel, [&tep](const auto& entry) { tep = entry.tep(); });
+  return tep;
 }
 
 }  // namespace Tools

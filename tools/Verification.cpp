@@ -1,6 +1,7 @@
 #include "tools/Verification.h"
 
 #include <chrono>
+#include <map>
 #include <set>
 #include <thread>
 #include <tuple>
@@ -12,25 +13,52 @@
 namespace Tools {
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
+using Place = std::pair<std::string, std::string>;
+using Words = std::tuple<std::string, std::string, std::string>;
+
+Place placeOf(const Difference& each) { return {each.where, each.key}; }
+
+// All that differs in each place.
+std::map<Place, std::set<Words>> byPlace(const std::vector<Difference>& differences) {
+  std::map<Place, std::set<Words>> places;
+  for (const Difference& each : differences) {
+    places[placeOf(each)].emplace(each.what, Difference::textOf(each.left), Difference::textOf(each.right));
+  }
+  return places;
+}
+
 struct Split {
-  std::vector<Difference> known;
+  std::vector<Difference> standing;
   std::vector<Difference> fresh;
 };
 
-// Which of found are also in before.
+// Those in places that differ as they did before, and the others.
 Split splitBy(const std::vector<Difference>& before, std::vector<Difference> found) {
-  const auto wordsOf = [](const Difference& each) {
-    return std::tuple(each.where, each.key, each.what, Difference::textOf(each.left), Difference::textOf(each.right));
-  };
-  std::set<decltype(wordsOf(found[0]))> known;
-  for (const Difference& each : before) {
-    known.insert(wordsOf(each));
-  }
+  const auto was = byPlace(before);
+  const auto is = byPlace(found);
   Split split;
   for (Difference& each : found) {
-    (known.contains(wordsOf(each)) ? split.known : split.fresh).push_back(std::move(each));
+    const auto present = was.find(placeOf(each));
+    const bool isStanding = present != was.end() && present->second == is.at(placeOf(each));
+    (isStanding ? split.standing : split.fresh).push_back(std::move(each));
   }
   return split;
+}
+
+// Whether some table of the directory is not as it was; a running agent gets time to act.
+bool moves(StateReading& reading, const Sequences& since, bool isAgentRunning) {
+  const auto end = Clock::now() + (isAgentRunning ? verifyAgentTime : verifyStillTime);
+  for (;;) {
+    if (sequencesOf(reading) != since) {
+      return true;
+    }
+    if (Clock::now() >= end) {
+      return false;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
 }
 
 }  // namespace
@@ -40,7 +68,7 @@ Verdict verify(const std::string& stateDirectory) {
   std::vector<Difference> standing;
   for (unsigned tries = 1;; ++tries) {
     StateReading reading(stateDirectory);
-    const auto sequences = sequencesOf(reading);
+    const Sequences sequences = sequencesOf(reading);
     verdict.isAgentRunning = reading.state().entityManager()->mirror(Agent::fibPath)->isOwned();
     verdict.fibEntries = reading.state().fib()->entry().size();
     verdict.incomplete = Agent::StartGate(reading.state()).waitingFor();
@@ -52,18 +80,18 @@ Verdict verify(const std::string& stateDirectory) {
     if (found.empty() && verdict.incomplete.empty()) {
       return verdict;
     }
-    std::this_thread::sleep_for(std::chrono::duration<double>(verifyPauseSeconds));
-    if (sequencesOf(reading) == sequences) {
+    if (!moves(reading, sequences, verdict.isAgentRunning)) {
       verdict.wrong = std::move(found);
       return verdict;
     }
     Split split = tries == 1 ? Split{std::move(found), {}} : splitBy(standing, std::move(found));
-    standing = std::move(split.known);
+    standing = std::move(split.standing);
     if (tries == verifyTries) {
       verdict.wrong = std::move(standing);
       verdict.inFlight = std::move(split.fresh);
       return verdict;
     }
+    std::this_thread::sleep_for(verifyPause);
   }
 }
 

@@ -2,13 +2,14 @@
 //
 //     read tables ──▶ shadow ──▶ compare ──nothing differs──▶ same
 //         ▲                         │
-//         │                    wait a moment
+//         │                    give a running agent a second
 //         └──some table moved───────┴──no table moved──▶ wrong: who should have written has had his time
 //
-// What differs at every try, in the same way, is wrong however much else moves; what differs only at the last is in
-// flight.
+// A tunnel or endpoint that differs at every try, in the same way, is wrong however much else moves. Where what is
+// published or what is due changed in between, it is in flight.
 #pragma once
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -25,7 +26,10 @@ struct Verdict {
 };
 
 constexpr unsigned verifyTries = 5;
-constexpr double verifyPauseSeconds = 0.3;
+constexpr std::chrono::milliseconds verifyPause{300};
+// How long all tables must stand still before a running agent has missed something; without one, before they do.
+constexpr std::chrono::milliseconds verifyAgentTime{1000};
+constexpr std::chrono::milliseconds verifyStillTime{50};
 
 // Raises runtime_error for a directory or a file that cannot be read.
 Verdict verify(const std::string& stateDirectory);

@@ -76,32 +76,45 @@ void writeText(const Verdict& verdict, const VerifyOptions& options) {
   writeList(verdict.wrong, "", options.limit);
   writeList(verdict.inFlight, "in flight: ", options.limit);
   if (verdict.incomplete.empty()) {
-    std::cout << verdict.fibEntries << " FIB entries, " << verdict.wrong.size() << " differences, "
-              << verdict.inFlight.size() << " in flight" << (verdict.isAgentRunning ? "" : "; no agent is running")
-              << std::endl;
+    std::cout << verdict.fibEntries << " FIB entries, " << verdict.wrong.size()
+              << (verdict.wrong.size() == 1 ? " difference, " : " differences, ") << verdict.inFlight.size()
+              << " in flight" << (verdict.isAgentRunning ? "" : "; no agent is running") << std::endl;
   }
 }
 
-// Whether a signal that ends the program came meanwhile.
-bool waitsToEnd(double seconds) {
+// From now on a signal to end waits until it is asked for.
+sigset_t withheldSignals() {
   sigset_t ending;
   sigemptyset(&ending);
   sigaddset(&ending, SIGTERM);
   sigaddset(&ending, SIGINT);
   sigprocmask(SIG_BLOCK, &ending, nullptr);
+  return ending;
+}
+
+// Whether one of the signals came within the time.
+bool comes(const sigset_t& signals, double seconds) {
   timespec time{};
   time.tv_sec = static_cast<std::time_t>(seconds);
   time.tv_nsec = static_cast<long>((seconds - static_cast<double>(time.tv_sec)) * 1e9);
-  return sigtimedwait(&ending, nullptr, &time) > 0;
+  return sigtimedwait(&signals, nullptr, &time) > 0;
+}
+
+bool tellVerdict(const VerifyOptions& options) {
+  const Verdict verdict = verify(options.stateDirectory);
+  options.isJson ? writeJson(verdict, options) : writeText(verdict, options);
+  return isRight(verdict);
 }
 
 int runVerify(const VerifyOptions& options) {
+  if (!options.everySeconds) {
+    return tellVerdict(options) ? exitDone : exitFailed;
+  }
+  const sigset_t ending = withheldSignals();
   bool wasRight = true;
   do {
-    const Verdict verdict = verify(options.stateDirectory);
-    wasRight = wasRight && isRight(verdict);
-    options.isJson ? writeJson(verdict, options) : writeText(verdict, options);
-  } while (options.everySeconds && std::cout && !waitsToEnd(*options.everySeconds));
+    wasRight = tellVerdict(options) && wasRight;
+  } while (std::cout && !comes(ending, *options.everySeconds));
   return wasRight ? exitDone : exitFailed;
 }
 

@@ -210,6 +210,7 @@ int runDependents(const WhyOptions& options) {
     }
     depths.push_back({{"depth", depths.size() + 1}, {"count", level.size()}, {"tunnels", std::move(ids)}});
     tree.children.emplace_back("depth " + std::to_string(depths.size()) + ", " + std::to_string(level.size()) +
+                               (level.size() == 1 ? " tunnel" : " tunnels") +
                                (shown == 0 ? "" : ": " + Agent::listOf(level, std::max<std::size_t>(shown, 2))));
   }
   if (options.isJson) {

@@ -61,6 +61,7 @@ int main(int argc, char** argv) {
   Tools::addResolve(app, action);
   Tools::addDiff(app, action);
   Tools::addGraph(app, action);
+  Tools::addWatch(app, action);
   Tools::addWhy(app, action);
   Tools::addDependents(app, action);
   Tools::addVerify(app, action);

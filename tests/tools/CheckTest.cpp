@@ -1,6 +1,6 @@
 // "tunnelctl check" finds what is wrong with tables in themselves.
 
-#include <fcntl.h>
+#include <cstring>
 
 #include "runtime/Memtab/Layout.h"
 #include "tests/tools/ShadowRouter.h"
@@ -47,19 +47,82 @@ auto turned(const char* file, std::vector<std::uint8_t> pattern) {
     std::ofstream(path, std::ios::binary | std::ios::in).write(bytes.data(), std::streamsize(bytes.size()));
   };
 }
+std::uint64_t wordAt(const std::string& bytes, std::size_t offset) {
+  std::uint64_t word = 0;
+  std::memcpy(&word, bytes.data() + offset, sizeof word);
+  return word;
+}
+void putWord(const std::string& path, std::size_t offset, std::uint64_t word) {
+  std::fstream out(path, std::ios::binary | std::ios::in | std::ios::out);
+  out.seekp(std::streamoff(offset));
+  out.write(reinterpret_cast<const char*>(&word), sizeof word);
+}
 // Writes a word of the file's header.
 auto header(const char* file, std::size_t offset, std::uint64_t word) {
+  return [=](const std::string& directory) { putWord(directory + "/" + file, offset, word); };
+}
+// Turns a bit of the word at the place that where(bytes) finds.
+auto turnedBit(const char* file, unsigned bit, std::function<std::size_t(const std::string& bytes)> where) {
   return [=](const std::string& directory) {
-    std::fstream out(directory + "/" + file, std::ios::binary | std::ios::in | std::ios::out);
-    out.seekp(std::streamoff(offset));
-    out.write(reinterpret_cast<const char*>(&word), sizeof word);
+    const std::string path = directory + "/" + file;
+    const std::string bytes = Support::contentsOf(path);
+    const std::size_t at = where(bytes);
+    putWord(path, at, wordAt(bytes, at) ^ std::uint64_t(1) << bit);
   };
+}
+std::size_t directoryWord(const std::string& bytes) {
+  return Memtab::Place::of(wordAt(bytes, Memtab::descriptorsAt)).offset();
+}
+std::size_t indexWord(const std::string& bytes) {
+  std::size_t at = Memtab::Place::of(wordAt(bytes, directoryWord(bytes))).offset();
+  while (!Memtab::isLive(wordAt(bytes, at))) {
+    at += sizeof(std::uint64_t);
+  }
+  return at;
+}
+// The block that the index word names.
+std::size_t block(const std::string& bytes) {
+  return Memtab::unitsOf(wordAt(bytes, indexWord(bytes))) * Memtab::unitBytes;
 }
 auto removed(const char* file) {
   return [=](const std::string& directory) { std::filesystem::remove(directory + "/" + file); };
 }
 auto cut(const char* file) {
   return [=](const std::string& directory) { std::filesystem::resize_file(directory + "/" + file, 1000); };
+}
+
+auto moded(const char* file, unsigned mode) {
+  return [=](const std::string& directory) {
+    std::filesystem::permissions(directory + "/" + file, std::filesystem::perms(mode));
+  };
+}
+// Has make(other, path) put something in the file's place.
+template <class Make>
+auto replaced(const char* file, Make make) {
+  return [=](const std::string& directory) {
+    std::filesystem::rename(directory + "/" + file, directory + "/other");
+    make(directory + "/other", directory + "/" + file);
+  };
+}
+template <class Record>
+auto statusWritten(const char* path, Record record) {
+  return [=](const std::string& directory) {
+    Statehub::EntityManager entityManager(directory);
+    const auto table = Agent::statusTable<Record>(entityManager, path, Statehub::Access::write);
+    table->entryIs(record);
+    table->collectionReadyIs(true);
+  };
+}
+// A record that the publisher's own table would have refused.
+void smuggle(const std::string& directory) {
+  using Map = Memtab::MemtabMap<Model::LdpTunnelTableEntry>;
+  Map map("ldp",
+          Zol::Ptr<Memtab::SharedStore>(Zol::make<Memtab::FileStore>(directory, "tunnel/table/ldp", Map::layout())),
+          0U);
+  Model::LdpTunnelTableEntry entry;
+  entry.tunnelIdIs(Model::TunnelId::fromText("srTunnel/777"));
+  map.entryIs(entry);
+  map.collectionReadyIs(true);
 }
 
 Model::TunnelId id(const char* text) { return Model::TunnelId::fromText(text); }
@@ -75,6 +138,17 @@ void rib(Agent::AgentState& state, const std::vector<const char*>& tunnels) {
   }
   entry.tunnelIdIs(ids);
   state.rib(0)->entryIs(entry);
+}
+
+Agent::UnprogrammableStatus unprogrammable(const char* tunnel) {
+  Agent::UnprogrammableStatus status;
+  status.tunnelIdIs(id(tunnel));
+  return status;
+}
+Agent::ConvergenceStatus converged(Model::TunnelRibId rib) {
+  Agent::ConvergenceStatus status;
+  status.ribIdIs(rib);
+  return status;
 }
 
 const std::vector<std::uint8_t> nextHop = {10, 64, 0, 15};
@@ -115,8 +189,18 @@ const std::vector<Damage> damages = {
     {__LINE__, "ldp", "has not called it complete", header("tunnel/table/ldp", Memtab::readyAt, 0)},
     {__LINE__, "ldp", "its header counts 77", header("tunnel/table/ldp", Memtab::entriesAt, 77)},
     {__LINE__, "fib", "its header counts 77", header("tunnel/tunnelFib", Memtab::entriesAt, 77)},
-    {__LINE__, "ldp", "ldp", header("tunnel/table/ldp", Memtab::magicAt, 77)},
-    {__LINE__, "rib system", "system", header("tunnel/tunnelRibs/system", Memtab::magicAt, 77)},
+    {__LINE__, "ldp", "magic number is", header("tunnel/table/ldp", Memtab::magicAt, 77)},
+    {__LINE__, "rib system", "format version is", header("tunnel/tunnelRibs/system", Memtab::versionAt, 77)},
+    {__LINE__, "status/ribs", "record fingerprint is", header("tunnel/status/ribs", Memtab::fingerprintAt, 77)},
+    {__LINE__, "fib", "descriptor of collection 0", header("tunnel/tunnelFib", Memtab::descriptorsAt, 77)},
+    {__LINE__, "ldp", "its list of changes is damaged", header("tunnel/table/ldp", Memtab::ringAt, 77)},
+    {__LINE__, "fib", "its list of changes is damaged", header("tunnel/tunnelFib", Memtab::ringAt, 0)},
+    {__LINE__, "ldp", "directory word damaged", turnedBit("tunnel/table/ldp", 3, directoryWord)},
+    {__LINE__, "ldp", "index word names another key's block", turnedBit("tunnel/table/ldp", 50, indexWord)},
+    {__LINE__, "rib system", "block outside the region", turnedBit("tunnel/tunnelRibs/system", 30, indexWord)},
+    {__LINE__, "rib system", "checksum differs", turnedBit("tunnel/tunnelRibs/system", 3, block)},
+    {__LINE__, "rib system", "block of another collection", turnedBit("tunnel/tunnelRibs/system", 53, block)},
+    {__LINE__, "ldp", "srTunnel/777: ", smuggle},
     {__LINE__, "ldp", "checksum", turned("tunnel/table/ldp", nextHop)},
     {__LINE__, "fib", "checksum", turned("tunnel/tunnelFib", nextHop)},
     {__LINE__, "greTunnelInterface", "checksum", turned("tunnel/table/greTunnelInterface", nextHop)},
@@ -124,8 +208,46 @@ const std::vector<Damage> damages = {
     {__LINE__, "ldp", "no such table", removed("tunnel/table/ldp")},
     {__LINE__, "rib te-custom", "no such table", removed("tunnel/tunnelRibs/status/1")},
     {__LINE__, "status/ribs", "no such table", removed("tunnel/status/ribs")},
-    {__LINE__, "ldp", "ldp", cut("tunnel/table/ldp")},
+    {__LINE__, "ldp", "too few for a table", cut("tunnel/table/ldp")},
+    {__LINE__, "ldp", "group or world may write to it", moded("tunnel/table/ldp", 0666)},
+    {__LINE__, "sr", "group or world may write to it", moded("tunnel/table", 0777)},
+    {__LINE__, "ldp", "not a regular file",
+     replaced("tunnel/table/ldp",
+              [](const auto& other, const auto& path) { std::filesystem::create_symlink(other, path); })},
+    {__LINE__, "ldp", "it has 2 links",
+     replaced("tunnel/table/ldp",
+              [](const auto& other, const auto& path) { std::filesystem::create_hard_link(other, path); })},
+    {__LINE__, "fib", "not a regular file",
+     replaced("tunnel/tunnelFib", [](const auto&, const auto& path) { std::filesystem::create_directory(path); })},
+    {__LINE__, "ldp", "record fingerprint is",
+     [](const std::string& directory) {
+       const std::string tables = directory + "/tunnel/table/";
+       std::filesystem::copy_file(tables + "sr", tables + "ldp", std::filesystem::copy_options::overwrite_existing);
+     }},
+    {__LINE__, "status/unprogrammable", "ldpTunnel/1: is in the FIB",
+     statusWritten(Agent::unprogrammablePath, unprogrammable("ldpTunnel/1"))},
+    {__LINE__, "status/convergence", "9: there is no such RIB", statusWritten(Agent::convergencePath, converged(9))},
+    {__LINE__, "status/ribs", "no configuration of a RIB", statusWritten(Agent::ribStatusPath, Agent::RibStatus())},
 };
+
+TEST_F(Check, namesEveryPlantedDamage) {
+  publishExample("abilene");
+  const std::string sound = copied();
+  written([](auto&) {})(sound);
+  EXPECT_TRUE(checkStructure(sound).empty());
+  for (const Damage& each : damages) {
+    SCOPED_TRACE("case in line " + std::to_string(each.line));
+    const std::string directory = copied();
+    each.inflict(directory);
+    std::string all;
+    bool isNamed = false;
+    for (const Problem& problem : checkStructure(directory)) {
+      all += problem.table + ": " + problem.text + "\n";
+      isNamed = isNamed || (problem.table == each.table && problem.text.find(each.text) != std::string::npos);
+    }
+    EXPECT_TRUE(isNamed) << all;
+  }
+}
 
 TEST_F(Check, saysSoByItsExitStatus) {
   publishExample("abilene");

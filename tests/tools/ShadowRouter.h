@@ -4,6 +4,7 @@
 #include "agent/AgentHost.h"
 #include "agent/ScenarioReader.h"
 #include "tests/tools/Router.h"
+#include "tools/Shadow.h"
 #include "tools/Verification.h"
 
 namespace Tools {
@@ -45,6 +46,19 @@ class ShadowRouter : protected Router {
   bool isSame() const {
     const Verdict verdict = verify(stateDirectory());
     return verdict.wrong.empty() && verdict.inFlight.empty() && verdict.incomplete.empty();
+  }
+  // What is foretold after change(shadow).
+  template <class Change>
+  OrderedJson foretold(Change&& change) const {
+    StateReading reading(stateDirectory());
+    Shadow shadow(reading);
+    change(shadow);
+    shadow.settle();
+    return withoutEncapIndexes(Agent::stateDocument(shadow.host()));
+  }
+  static OrderedJson comparable(OrderedJson document) {
+    document.erase("convergence");  // tells the publisher's sequence numbers
+    return document;
   }
   // A copy of the state directory that can be spoilt.
   std::string copied() const {

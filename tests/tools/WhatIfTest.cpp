@@ -10,15 +10,6 @@ class WhatIf : public testing::Test, protected ShadowRouter {
  protected:
   void SetUp() override { publishExample("abilene"); }
 
-  // What is foretold after change(shadow).
-  template <class Change>
-  OrderedJson foretold(Change&& change) const {
-    StateReading reading(stateDirectory());
-    Shadow shadow(reading);
-    change(shadow);
-    shadow.settle();
-    return withoutEncapIndexes(Agent::stateDocument(shadow.host()));
-  }
   // The differences that the tables show between then and now.
   std::size_t differencesTo(const std::string& before) const {
     StateReading then(before);
@@ -28,10 +19,6 @@ class WhatIf : public testing::Test, protected ShadowRouter {
     std::size_t count = 0;
     compareStates(then.state(), now.state(), [&](const Difference&) { ++count; });
     return count;
-  }
-  static OrderedJson comparable(OrderedJson document) {
-    document.erase("convergence");  // tells the publisher's sequence numbers
-    return document;
   }
   // The agent runs again, change is made, and what comes of it is as foretold, and as the command says it.
   template <class Make>
@@ -70,6 +57,34 @@ TEST_F(WhatIf, aScenarioDoesWhatWasForetold) {
   const std::string all =
       scratch().fileWith("all.jsonl", Support::contentsOf(exampleFile("abilene")) + "\n" + Support::contentsOf(change));
   expectForetold(expected, answer, [&] { EXPECT_EQ(publishAll({all}), 0); });
+}
+
+TEST_F(WhatIf, anInterfaceFailsAsForetold) {
+  const auto intf = Ipkit::IntfId::fromText("if12");
+  std::size_t entries = 0;
+  const OrderedJson expected = foretold([&](Shadow& shadow) { failIntf(shadow.host().tables(), intf, entries); });
+  EXPECT_GT(entries, 0U);
+  expectForetold(expected, ask({"what-if", "--fail-intf", "if12", "--json"}), [&] {
+    Statehub::EntityManager publisher(stateDirectory());
+    const std::set<Agent::TableId> all(Agent::allTables().begin(), Agent::allTables().end());
+    const Agent::ProtocolTables tables(publisher, all, Statehub::Access::write);
+    failIntf(tables, intf, entries);
+    Agent::forEachNamedTable(
+        [&](auto named) { tables.table<typename decltype(named)::Table>()->collectionReadyIs(true); });
+  });
+}
+
+TEST_F(WhatIf, aTunnelFailsAsForetold) {
+  const auto tunnel = Model::TunnelId::fromText("tiLfaTunnel/2");
+  std::size_t entries = 0;
+  const OrderedJson expected = foretold([&](Shadow& shadow) { failTunnel(shadow.host().tables(), tunnel, entries); });
+  EXPECT_EQ(entries, 1U);
+  expectForetold(expected, ask({"what-if", "--fail-tunnel", "tiLfaTunnel/2", "--json"}), [&] {
+    Statehub::EntityManager publisher(stateDirectory());
+    const Agent::ProtocolTables tables(publisher, {Agent::TableId::tiLfa}, Statehub::Access::write);
+    tables.table<Model::TiLfaTunnelTable>()->entryDel(tunnel);
+    tables.table<Model::TiLfaTunnelTable>()->collectionReadyIs(true);
+  });
 }
 
 // Fails if one interface's failure is not taken back before the next.

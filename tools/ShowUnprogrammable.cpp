@@ -1,0 +1,89 @@
+// "show unprogrammable": the tunnels that have a table entry and no way, and for what reasons.
+
+#include <algorithm>
+#include <iostream>
+#include <iterator>
+#include <set>
+
+#include "tools/Commands.h"
+#include "tools/Shadow.h"
+#include "tools/ShowCommand.h"
+#include "tools/TableWalk.h"
+
+namespace Tools {
+namespace {
+
+std::set<Model::TunnelId> listed(StateReading& reading, const EntryFilter& filter) {
+  std::set<Model::TunnelId> ids;
+  for (const auto& [id, isThere] : reading.state().unprogrammable()->entry()) {
+    bool isFitting = filter.isEmpty();
+    if (!isFitting && filter.doesFit(id)) {
+      visitEntry(reading.state().tables(), id, [&](const auto& entry) { isFitting = filter.doesFitEntry(entry); });
+    }
+    if (isFitting) {
+      ids.insert(id);
+    }
+  }
+  return ids;
+}
+
+// The flags of its vias; without any, how it stands.
+std::vector<std::string> reasonsOf(const Shadow& shadow, const Model::TunnelId& tunnel) {
+  const Agent::AgentHost& host = shadow.host();
+  const Agent::Explanation explanation =
+      Agent::explain(*host.fibSm(), *host.ribConfigDirSm(), *host.ribIds(), tunnel, Agent::Follow::ways);
+  const Agent::ExplainedTunnel& explained = explanation.tunnels.at(tunnel);
+  std::vector<std::string> reasons;
+  for (unsigned bit = 0; bit < std::size(Model::TunnelFibViaCalcResult::flagNames); ++bit) {
+    const auto& vias = explained.finding.vias;
+    if (std::any_of(vias.begin(), vias.end(), [bit](const auto& via) { return via.result.flag(bit); })) {
+      reasons.emplace_back(Model::TunnelFibViaCalcResult::flagNames[bit]);
+    }
+  }
+  return reasons.empty() ? std::vector{Agent::stringValue(explained.standing)} : reasons;
+}
+
+std::string joined(const std::vector<std::string>& words) {
+  std::string text;
+  for (const std::string& word : words) {
+    text += (text.empty() ? "" : ", ") + word;
+  }
+  return text;
+}
+
+}  // namespace
+
+int showUnprogrammable(const ListOptions& options) {
+  const auto after =
+      options.after ? std::optional(optionValue<Model::TunnelId>("--after", *options.after)) : std::nullopt;
+  StateReading reading(options.stateDirectory);
+  reading.status();
+  reading.requireTable(Agent::unprogrammablePath);
+  const std::set<Model::TunnelId> ids = listed(reading, options.filter);
+  std::optional<Shadow> shadow;
+  if (!options.reason.empty()) {
+    shadow.emplace(reading);
+  }
+  Rows rows(std::cout, options.isJson, "unprogrammable",
+            shadow ? Cells{"tunnel", "tep", "reasons"} : Cells{"tunnel", "tep"}, options.limit);
+  auto at = after ? ids.upper_bound(*after) : ids.begin();
+  for (bool isMore = true; isMore && at != ids.end(); ++at) {
+    const std::vector<std::string> reasons = shadow ? reasonsOf(*shadow, *at) : std::vector<std::string>();
+    if (shadow && options.reason != "any" &&
+        std::find(reasons.begin(), reasons.end(), options.reason) == reasons.end()) {
+      continue;
+    }
+    const auto cells = [&] {
+      const Ipkit::IpGenPrefix tep = tepOf(reading.state(), *at);
+      return Cells{Zol::stringOf(*at), !tep ? "-" : Zol::stringOf(tep), joined(reasons)};
+    };
+    isMore = rows.add(*at, cells, [&] {
+      return shadow ? OrderedJson{{"tunnel", Zol::stringOf(*at)}, {"reasons", reasons}}
+                    : OrderedJson(Zol::stringOf(*at));
+    });
+  }
+  rows.end();
+  return exitDone;
+}
+
+}  // namespace Tools
