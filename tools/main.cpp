@@ -74,6 +74,10 @@ int main(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
+    const std::vector<std::string> unknown = app.remaining(true);
+    if (error.get_exit_code() == int(CLI::ExitCodes::RequiredError) && !unknown.empty()) {
+      return fail(Tools::exitBadInput, "'" + Agent::printable(unknown[0]) + "' is not known; see --help");
+    }
     if (isJson && error.get_exit_code() != 0) {
       return fail(Tools::exitBadInput, error.what());
     }

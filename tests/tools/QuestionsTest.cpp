@@ -84,10 +84,10 @@ TEST_F(Questions, thatMakeNoSenseAreRefused) {
   };
   const std::string wrong = scratch().fileWith("wrong.jsonl", "{\"settle\": true}\n{\"table\": \"ldp\"}\n");
   for (const Row& row : {
-           Row{__LINE__, {}, 2, "subcommand is required"},
-           {__LINE__, {"shew"}, 2, "shew"},
-           {__LINE__, {"show"}, 2, "subcommand is required"},
-           {__LINE__, {"show", "fibs"}, 2, "fibs"},
+           Row{__LINE__, {}, 2, "is not known"},
+           {__LINE__, {"shew"}, 2, "'shew' is not known"},
+           {__LINE__, {"show"}, 2, "is not known"},
+           {__LINE__, {"show", "fibs"}, 2, "'fibs' is not known"},
            {__LINE__, {"show", "rib"}, 2, "NAME"},
            {__LINE__, {"show", "rib", "blue"}, 1, "no RIB 'blue'"},
            {__LINE__, {"show", "table", "gre"}, 2, "no table 'gre'"},
@@ -107,7 +107,7 @@ TEST_F(Questions, thatMakeNoSenseAreRefused) {
            {__LINE__, {"resolve"}, 2, "ADDRESS"},
            {__LINE__, {"resolve", "10.0.0.0/8"}, 2, "ADDRESS"},
            {__LINE__, {"resolve", "10.0.0.7", "--rib", "blue"}, 1, "no RIB 'blue'"},
-           {__LINE__, {"resolve", "172.16.0.1"}, 1, "no entry of RIB system"},
+           {__LINE__, {"resolve", "192.168.0.1"}, 1, "no entry of RIB system"},
            {__LINE__, {"why", "nonsense"}, 2, "neither a tunnel"},
            {__LINE__, {"why", "10.0.0.1/8"}, 2, "neither a tunnel"},
            {__LINE__, {"dependents", "10.0.0.7/32"}, 2, "is no tunnel"},
