@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <vector>
 
 #include "agent/AgentStatus.h"
 #include "agent/ScenarioReader.h"
@@ -51,23 +50,36 @@ AgentConfig readConfigFile(const std::string& path) {
   return readConfig(in, path);
 }
 
-void applyConfig(const AgentConfig& config, Model::TunnelRibConfigDir& configs) {
-  std::vector<std::string> gone;
+std::set<std::string> ribNames(const AgentConfig& config, const Model::TunnelRibConfigDir& configs) {
+  std::set<std::string> names;
   for (auto it = configs.config().begin(); it; ++it) {
-    if (!config.contains(it.key())) {
-      gone.push_back(it.key());
-    }
-  }
-  for (const std::string& name : gone) {
-    configs.configDel(name);
+    names.insert(it.key());
   }
   for (const auto& [name, line] : config) {
-    const auto wanted = ribConfig(name, line.tables);
-    const auto standing = configs.config(name);
-    if (!standing || ribLineText(*standing) != ribLineText(*wanted)) {
-      configs.configIs(wanted);
-    }
+    names.insert(name);
+  }
+  return names;
+}
+
+void applyRib(const AgentConfig& config, const std::string& name, Model::TunnelRibConfigDir& configs) {
+  const auto line = config.find(name);
+  if (line == config.end()) {
+    configs.configDel(name);
+    return;
+  }
+  const auto wanted = ribConfig(name, line->second.tables);
+  const auto standing = configs.config(name);
+  if (!standing || ribLineText(*standing) != ribLineText(*wanted)) {
+    configs.configIs(wanted);
   }
 }
+
+void applyConfig(const AgentConfig& config, Model::TunnelRibConfigDir& configs) {
+  for (const std::string& name : ribNames(config, configs)) {
+    applyRib(config, name, configs);
+  }
+}
+
+OrderedJson ribJson(const RibLine& line) { return OrderedJson::parse(ribLineText(*ribConfig(line.name, line.tables))); }
 
 }  // namespace Agent

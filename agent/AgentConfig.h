@@ -3,9 +3,11 @@
 
 #include <istream>
 #include <map>
+#include <set>
 #include <string>
 
 #include "agent/AgentHost.h"
+#include "agent/JsonText.h"
 #include "agent/ScenarioLine.h"
 
 namespace Agent {
@@ -20,7 +22,15 @@ AgentConfig readConfig(std::istream& in, const std::string& name);
 // The same of the file at path.
 AgentConfig readConfigFile(const std::string& path);
 
-// Makes the host's configuration equal; RIBs whose configuration stays are not touched.
+// Names of the RIBs that are configured or wanted.
+std::set<std::string> ribNames(const AgentConfig& config, const Model::TunnelRibConfigDir& configs);
+// Makes the configuration of the RIB of that name as config wants it, which may be: none. One that is right already is
+// not touched.
+void applyRib(const AgentConfig& config, const std::string& name, Model::TunnelRibConfigDir& configs);
+// All of them.
 void applyConfig(const AgentConfig& config, Model::TunnelRibConfigDir& configs);
+
+// A RIB as its line: {"rib": NAME, "tables": {...}}.
+OrderedJson ribJson(const RibLine& line);
 
 }  // namespace Agent

@@ -6,6 +6,7 @@
 #include <csignal>
 #include <utility>
 
+#include "agent/AgentStats.h"
 #include "agent/InputError.h"
 #include "agent/Log.h"
 
@@ -29,6 +30,10 @@ AgentConfig configOf(const ServeOptions& options) {
   return options.configFile.empty() ? readConfig(none, "") : readConfigFile(options.configFile);
 }
 
+std::string configSourceOf(const ServeOptions& options) {
+  return options.configFile.empty() ? "default" : options.configFile;
+}
+
 }  // namespace
 
 // Ends the wait for tables.
@@ -50,6 +55,7 @@ class ServeCommand::WaitLimit final : public Quor::TimerTask {
 ServeCommand::ServeCommand(ServeOptions options)
     : options_(std::move(options)),
       config_(configOf(options_)),
+      configSource_(configSourceOf(options_)),
       signals_(signalDescriptor()),
       misfits_(misfits(options_.stateDirectory)),
       host_(time_, slicePolicy_, Zol::make<Statehub::EntityManager>(options_.stateDirectory)),
@@ -68,6 +74,7 @@ ServeCommand::ServeCommand(ServeOptions options)
   troubles_.look();
   loop_.newsSourceIs(this);
   loop_.fdIs(signals_.get(), [this] { handleSignal(); });
+  openControlSocket();
   applyConfig(config_, *host_.ribConfigs());
   gate_.emplace(host_);
   startIfReady();
@@ -81,6 +88,16 @@ ServeCommand::~ServeCommand() {
   host_.stop();
 }
 
+// An agent that cannot be asked still forwards.
+void ServeCommand::openControlSocket() {
+  try {
+    control_.emplace(options_.stateDirectory, host_.scheduler(), loop_,
+                     [methods = controlMethods(*this)](std::string_view line) { return answerRpc(line, methods); });
+  } catch (const Zol::Exception& error) {
+    log(LogLevel::error, std::string("no control socket: ") + error.what());
+  }
+}
+
 void ServeCommand::run() {
   loop_.run();
   log(LogLevel::info, "stopped; RIBs and FIB stay");
@@ -88,6 +105,7 @@ void ServeCommand::run() {
 
 void ServeCommand::look() {
   feed_->look();
+  latency_.look();
   if (gate_) {
     startIfReady();
   }
@@ -118,6 +136,8 @@ void ServeCommand::startIfReady() {
 void ServeCommand::start() {
   gate_.reset();
   waitLimit_.reset();
+  waitingFor_.clear();
+  configTask_.finish();
   readDeclaration();
   host_.start();
   status_.publishRibs(*host_.ribConfigs());
@@ -176,20 +196,32 @@ void ServeCommand::handleSignal() {
 void ServeCommand::reload() {
   service_.reloading();
   try {
-    config_ = configOf(options_);
+    configIs(configOf(options_), configSourceOf(options_));
   } catch (const ScenarioError& error) {
     log(LogLevel::error, std::string(error.what()) + "; the configuration stays as it was");
     if (isReady_) {
       service_.ready();
     }
-    return;
   }
-  applyConfig(config_, *host_.ribConfigs());
+}
+
+void ServeCommand::configIs(AgentConfig config, const std::string& source) {
+  config_ = std::move(config);
+  configSource_ = source;
+  configTask_.configIs(config_);
+  log(LogLevel::info, "configuration read (" + source + "): " + std::to_string(config_.size()) + " RIBs");
+}
+
+void ServeCommand::handleConfigured() {
   if (!gate_) {
     status_.publishRibs(*host_.ribConfigs());
     isReady_ = false;  // new RIBs are declared complete after their first drain
   }
-  log(LogLevel::info, "configuration read: " + std::to_string(config_.size()) + " RIBs");
+}
+
+OrderedJson ServeCommand::stats() const {
+  const char* const state = gate_ ? "waiting" : isReady_ ? "ready" : "starting";
+  return statsJson({host_, loop_, latency_, control_ ? &*control_ : nullptr, startedAt_, state, waitingFor_});
 }
 
 }  // namespace Agent

@@ -14,6 +14,10 @@
 #include "agent/AgentHost.h"
 #include "agent/AgentStatus.h"
 #include "agent/CommandLine.h"
+#include "agent/ConfigTask.h"
+#include "agent/ControlMethods.h"
+#include "agent/ControlSocket.h"
+#include "agent/PublishLatency.h"
 #include "agent/ServiceManager.h"
 #include "agent/StartGate.h"
 #include "agent/TableTroubles.h"
@@ -29,7 +33,7 @@ namespace Agent {
 // How long a task works before it looks up. Backlogs pause for as long, so two of them share the processor.
 inline constexpr double sliceSeconds = 0.01;
 
-class ServeCommand final : private Quor::NewsSource {
+class ServeCommand final : private Quor::NewsSource, private ControlTarget {
  public:
   // Blocks the signals that it answers. Raises ScenarioError for the configuration, and what mounting raises: TableBusy
   // when another agent serves the directory, FileRefused, NoSpace.
@@ -52,6 +56,12 @@ class ServeCommand final : private Quor::NewsSource {
   bool mayFallAsleep() override;
   void awake() override { feed_->awake(); }
 
+  const AgentConfig& config() const override { return config_; }
+  std::string configSource() const override { return configSource_; }
+  void configIs(AgentConfig config, const std::string& source) override;
+  OrderedJson stats() const override;
+
+  void openControlSocket();
   void startIfReady();
   void start();
   void handleFirstDrain();
@@ -59,9 +69,11 @@ class ServeCommand final : private Quor::NewsSource {
   void readDeclaration();
   void handleSignal();
   void reload();
+  void handleConfigured();
 
   const ServeOptions options_;
   AgentConfig config_;
+  std::string configSource_;
   Memtab::Descriptor signals_;
   const std::vector<std::string> misfits_;  // found before the host took the tables over
   Quor::RealTimeSource time_;
@@ -74,6 +86,10 @@ class ServeCommand final : private Quor::NewsSource {
   Quor::EventLoop loop_;
   ServiceManager service_{host_.scheduler(), [this] { return statusText(); }};
   std::unique_ptr<Statehub::TableFeed> feed_;
+  PublishLatency latency_{host_};
+  ConfigTask configTask_{host_, [this] { handleConfigured(); }};
+  std::optional<ControlSocket> control_;
+  const double startedAt_ = time_.now();
   std::optional<StartGate> gate_;  // until the start
   std::unique_ptr<WaitLimit> waitLimit_;
   std::vector<std::string> waitingFor_;  // as logged last

@@ -46,9 +46,16 @@ void EventLoop::run() {
     if (newsSource_ != nullptr) {
       newsSource_->look();
     }
-    scheduler_->runReadyTask();
+    runSlice();
     waitForDescriptors();
     callBack();
+  }
+}
+
+void EventLoop::runSlice() {
+  const double begin = scheduler_->now();
+  if (scheduler_->runReadyTask()) {
+    slices_.add(scheduler_->now() - begin);
   }
 }
 

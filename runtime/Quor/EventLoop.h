@@ -22,6 +22,7 @@
 #include <utility>
 #include <vector>
 
+#include "runtime/Quor/Histogram.h"
 #include "runtime/Quor/TaskScheduler.h"
 #include "runtime/Zol/Ptr.h"
 
@@ -67,6 +68,9 @@ class EventLoop {
   void fdIs(int fd, Callback callback, short events = POLLIN);
   void fdDel(int fd);
 
+  // How long the loop was away from its descriptors: each run of a task, with what was due before it.
+  const Histogram& slices() const { return slices_; }
+
  private:
   struct Watch {
     std::shared_ptr<const Callback> callback;  // shared with the call in progress
@@ -74,6 +78,7 @@ class EventLoop {
     std::uint64_t number;  // tells a descriptor that is added again from the one that was removed
   };
 
+  void runSlice();
   void waitForDescriptors();
   std::optional<double> timeToSleep() const;
   void callBack();
@@ -89,6 +94,7 @@ class EventLoop {
   std::vector<std::uint64_t> polledNumbers_;  // of the watches in polled_
   std::uint64_t nextNumber_ = 0;
   bool watchesChanged_ = true;
+  Histogram slices_;
 };
 
 }  // namespace Quor

@@ -23,7 +23,6 @@ void TableFeed::FeedTask::run() {
   bool isMore = true;
   while (isMore) {
     isMore = feed_.entityManager_->poll(keysAtOnce);
-    taskWorkCountInc(1);
     if (taskShouldYield()) {
       break;
     }

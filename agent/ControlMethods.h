@@ -1,0 +1,28 @@
+// The methods of the control socket: config.get, config.apply, trace.get, trace.set, stats.get (docs/control.md).
+#pragma once
+
+#include <string>
+
+#include "agent/AgentConfig.h"
+#include "agent/JsonRpc.h"
+
+namespace Agent {
+
+// What an agent lets others ask and change.
+class ControlTarget {
+ public:
+  virtual const AgentConfig& config() const = 0;
+  // Where it came from: the file, "default", or "control".
+  virtual std::string configSource() const = 0;
+  // The RIBs follow in tasks.
+  virtual void configIs(AgentConfig config, const std::string& source) = 0;
+  virtual OrderedJson stats() const = 0;
+
+ protected:
+  ~ControlTarget() = default;
+};
+
+// The target outlives what is returned.
+RpcMethods controlMethods(ControlTarget& target);
+
+}  // namespace Agent
