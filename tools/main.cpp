@@ -11,6 +11,7 @@
 #include "agent/JsonText.h"
 #include "agent/Terminal.h"
 #include "tools/Commands.h"
+#include "tools/ControlCommands.h"
 #include "tools/ShadowCommands.h"
 #include "tools/ValueNames.h"
 
@@ -67,6 +68,7 @@ int main(int argc, char** argv) {
   Tools::addVerify(app, action);
   Tools::addCheck(app, action);
   Tools::addWhatIf(app, action);
+  Tools::addControlCommands(app, action);
   if (const auto status = Agent::answerPages(app, argc, argv, Tools::valueNames)) {
     return *status;
   }

@@ -1,0 +1,164 @@
+#include "tools/ControlClient.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <thread>
+#include <utility>
+
+#include "agent/ControlAddress.h"
+#include "agent/InputError.h"
+#include "agent/JsonRpc.h"
+
+namespace Tools {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::size_t answerBytesMax = 16U << 20;
+
+// One connection, with a deadline for all that is done over it.
+class Connection {
+ public:
+  Connection(const std::string& stateDirectory, double seconds)
+      : path_(stateDirectory + "/" + Agent::controlSocketName),
+        seconds_(seconds),
+        end_(Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds))),
+        fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
+    connect(Agent::ControlAddress(stateDirectory));
+  }
+
+  // What has been taken when the agent hangs up early does not matter: its answer says why.
+  void write(std::string_view text) {
+    while (!text.empty()) {
+      const ssize_t sent = send(fd_.get(), text.data(), text.size(), MSG_NOSIGNAL);
+      if (sent >= 0) {
+        text.remove_prefix(static_cast<std::size_t>(sent));
+      } else if (errno == EAGAIN) {
+        await(POLLOUT);
+      } else if (errno == EPIPE || errno == ECONNRESET) {
+        return;
+      } else if (errno != EINTR) {
+        fail(std::strerror(errno));
+      }
+    }
+  }
+
+  std::string readLine() {
+    std::string line;
+    std::array<char, 16384> bytes;
+    for (;;) {
+      const ssize_t got = recv(fd_.get(), bytes.data(), bytes.size(), 0);
+      if (got > 0) {
+        line.append(bytes.data(), static_cast<std::size_t>(got));
+        if (line.back() == '\n') {
+          return line;
+        }
+        if (line.size() > answerBytesMax) {
+          fail("an answer without an end");
+        }
+      } else if (got < 0 && errno == EAGAIN) {
+        await(POLLIN);
+      } else if (got == 0 || errno != EINTR) {
+        fail("the agent hung up");
+      }
+    }
+  }
+
+ private:
+  [[noreturn]] void fail(const std::string& reason) const { throw AgentUnreachable(path_ + ": " + reason); }
+
+  void connect(const Agent::ControlAddress& address) {
+    while (::connect(fd_.get(), address.get(), Agent::ControlAddress::size()) != 0) {
+      switch (errno) {
+        case ENOENT:
+        case ECONNREFUSED:
+          fail("no agent is running");
+        case EACCES:
+        case EPERM:
+          fail("permission denied");
+        case EAGAIN:  // the queue of those who wait to be let in is full
+          await(0);
+          break;
+        case EINTR:
+          break;
+        default:
+          fail(std::strerror(errno));
+      }
+    }
+  }
+
+  // Waits for the events; for none, a moment.
+  void await(short events) const {
+    const double left = std::chrono::duration<double>(end_ - Clock::now()).count();
+    if (left <= 0) {
+      char limit[32];
+      std::snprintf(limit, sizeof limit, "%g", seconds_);
+      fail("the agent" + agentName() + " has not answered for " + limit + " seconds");
+    }
+    if (events == 0) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      return;
+    }
+    pollfd polled{fd_.get(), events, 0};
+    poll(&polled, 1, static_cast<int>(std::ceil(std::min(left, 1e6) * 1000)));
+  }
+
+  std::string agentName() const {
+    ucred peer{};
+    socklen_t size = sizeof peer;
+    return getsockopt(fd_.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && peer.pid > 0
+               ? " (pid " + std::to_string(peer.pid) + ")"
+               : "";
+  }
+
+  const std::string path_;
+  const double seconds_;
+  const Clock::time_point end_;
+  const Memtab::Descriptor fd_;
+};
+
+}  // namespace
+
+ControlClient::ControlClient(std::string stateDirectory, double seconds)
+    : stateDirectory_(std::move(stateDirectory)), seconds_(seconds) {
+  std::error_code error;
+  if (!std::filesystem::is_directory(stateDirectory_, error)) {
+    throw std::runtime_error(Agent::printable(stateDirectory_, 200) + ": no such state directory" +
+                             (error && error.value() != ENOENT ? ", " + error.message() : ""));
+  }
+}
+
+std::string ControlClient::exchange(const std::string& line) const {
+  Connection connection(stateDirectory_, seconds_);
+  connection.write(line + "\n");
+  return connection.readLine();
+}
+
+Agent::OrderedJson ControlClient::ask(const std::string& method, const Agent::OrderedJson& params) const {
+  const std::string line = Agent::textOf({{"jsonrpc", "2.0"}, {"method", method}, {"params", params}, {"id", 1}});
+  const std::string text = exchange(line);
+  const Agent::OrderedJson answer = Agent::OrderedJson::parse(text, nullptr, false);
+  if (answer.is_object() && answer.contains("result")) {
+    return answer["result"];
+  }
+  if (!answer.is_object() || !answer.contains("error") || !answer["error"].is_object()) {
+    throw std::runtime_error("the agent's answer is none: " + Agent::printable(text, 200));
+  }
+  const int code = answer["error"].value("code", 0);
+  const std::string message = answer["error"].value("message", "");
+  if (code == static_cast<int>(Agent::RpcCode::refused) || code == static_cast<int>(Agent::RpcCode::wrongParams)) {
+    throw Agent::ScenarioError("refused by the agent", message);
+  }
+  throw std::runtime_error("the agent answers: " + message);
+}
+
+}  // namespace Tools

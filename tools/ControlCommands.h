@@ -1,0 +1,25 @@
+// The commands that put their question to the running agent: what it alone knows or does.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "tools/Commands.h"
+
+namespace Tools {
+
+struct ControlOptions {
+  std::string stateDirectory;
+  bool isJson = false;
+  double seconds = 3;  // that the agent has for an answer
+};
+// --state-dir, --json, --timeout.
+std::shared_ptr<ControlOptions> addControlOptions(CLI::App& command);
+
+void addConfig(CLI::App& app, Action& action);
+void addTrace(CLI::App& app, Action& action);
+void addMetrics(CLI::App& app, Action& action);
+void addTop(CLI::App& app, Action& action);
+void addControlCommands(CLI::App& app, Action& action);
+
+}  // namespace Tools

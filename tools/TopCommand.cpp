@@ -1,0 +1,239 @@
+// "top": what happened between two samples, again and again.
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <iostream>
+#include <limits>
+#include <optional>
+#include <sstream>
+#include <thread>
+#include <utility>
+
+#include "agent/Columns.h"
+#include "agent/InputError.h"
+#include "tools/AgentSample.h"
+
+namespace Tools {
+namespace {
+
+using Agent::OrderedJson;
+
+template <class... Args>
+std::string formatted(const char* format, Args... args) {
+  std::array<char, 100> text{};
+  std::snprintf(text.data(), text.size(), format, args...);
+  return text.data();
+}
+
+// "2 d 3 h", "4 min 5 s", "1.2 ms", "30 us".
+std::string timeText(double seconds) {
+  if (seconds < 1) {
+    return seconds < 1e-3 ? formatted("%.0f us", seconds * 1e6) : formatted("%.3g ms", seconds * 1e3);
+  }
+  const auto whole = static_cast<unsigned long>(seconds);
+  if (whole < 60) {
+    return formatted("%.3g s", seconds);
+  }
+  if (whole < 3600) {
+    return formatted("%lu min %lu s", whole / 60, whole % 60);
+  }
+  return whole < 86400 ? formatted("%lu h %lu min", whole / 3600, whole / 60 % 60)
+                       : formatted("%lu d %lu h", whole / 86400, whole / 3600 % 24);
+}
+
+// A histogram of what came between two samples of it. An agent that was started in between counts from zero.
+class Interval {
+ public:
+  Interval(const OrderedJson* before, const OrderedJson& now, double seconds)
+      : now_(now), before_(before), seconds_(seconds) {}
+
+  std::uint64_t count() const {
+    return since([](const OrderedJson& histogram) { return histogram["count"]; });
+  }
+  double rate() const { return static_cast<double>(count()) / seconds_; }
+  // At most so many seconds took that share of them; nothing when there were none, or it is beyond all bounds.
+  std::optional<double> quantile(double share) const {
+    const double wanted = share * static_cast<double>(count());
+    const std::size_t buckets = count() == 0 ? 0 : now_["buckets"].size();
+    for (std::size_t i = 0; i < buckets; ++i) {
+      const std::uint64_t upTo = since([i](const OrderedJson& each) { return each["buckets"][i]["count"]; });
+      if (static_cast<double>(upTo) >= wanted) {
+        return now_["buckets"][i]["seconds"].get<double>();
+      }
+    }
+    return std::nullopt;
+  }
+
+  OrderedJson json() const {
+    const auto orNull = [](const std::optional<double>& value) { return value ? OrderedJson(*value) : OrderedJson(); };
+    return {{"perSecond", rate()},
+            {"median", orNull(quantile(0.5))},
+            {"p99", orNull(quantile(0.99))},
+            {"longestSinceStart", now_["longest"]}};
+  }
+  std::vector<std::string> cells(const char* name) const {
+    const auto text = [](const std::optional<double>& value) { return value ? "<= " + timeText(*value) : "-"; };
+    return {name, formatted("%.1f", rate()), text(quantile(0.5)), text(quantile(0.99)),
+            timeText(now_["longest"].get<double>())};
+  }
+
+ private:
+  template <class F>
+  std::uint64_t since(F&& f) const {
+    const std::uint64_t now = f(now_);
+    const std::uint64_t before = before_ == nullptr ? 0 : f(*before_).template get<std::uint64_t>();
+    return now - std::min(now, before);
+  }
+
+  const OrderedJson& now_;
+  const OrderedJson* const before_;
+  const double seconds_;
+};
+
+class Frame {
+ public:
+  Frame(const AgentSample& before, const AgentSample& now)
+      : before_(before), now_(now), seconds_(std::chrono::duration<double>(now.time - before.time).count()) {}
+
+  OrderedJson json() const {
+    OrderedJson tables = OrderedJson::array();
+    forEachTable([&](const TableSample& table, double rate) {
+      tables.push_back({{"table", table.name},
+                        {"entries", table.entries},
+                        {"changesPerSecond", rate},
+                        {"state", table.standing},
+                        {"isWriterAlive", table.isWriterAlive}});
+    });
+    OrderedJson frame = {{"seconds", seconds_}, {"up", now_.isUp()}};
+    if (now_.isUp()) {
+      frame["agent"] = {{"pid", now_.stats["pid"]},
+                        {"state", now_.stats["state"]},
+                        {"uptime", now_.stats["uptime"]},
+                        {"residentBytes", now_.stats["residentBytes"]},
+                        {"backlog", now_.stats["backlog"]},
+                        {"reviewsPerSecond", reviewRate()},
+                        {"slices", interval("slices").json()},
+                        {"publishToFib", interval("publishToFib").json()}};
+    } else {
+      frame["note"] = now_.trouble;
+    }
+    frame["tables"] = std::move(tables);
+    return frame;
+  }
+
+  std::string text() const {
+    std::ostringstream out;
+    now_.isUp() ? writeAgent(out) : writeTrouble(out);
+    Agent::Columns columns;
+    columns.row({"table", "entries", "changes/s", "state", "writer"});
+    forEachTable([&](const TableSample& table, double rate) {
+      columns.row({Agent::printable(table.name, 40), std::to_string(table.entries), formatted("%.1f", rate),
+                   Agent::printable(table.standing, 40), table.isWriterAlive ? "alive" : "gone"});
+    });
+    columns.write(out, "");
+    return out.str();
+  }
+
+ private:
+  const OrderedJson* statsBefore() const {
+    return before_.isUp() && before_.stats["pid"] == now_.stats["pid"] ? &before_.stats : nullptr;
+  }
+  Interval interval(const char* name) const {
+    const OrderedJson* const before = statsBefore();
+    return {before == nullptr ? nullptr : &(*before)[name], now_.stats[name], seconds_};
+  }
+  double reviewRate() const {
+    const OrderedJson* const before = statsBefore();
+    const std::uint64_t reviews = now_.stats["reviews"];
+    return static_cast<double>(reviews - (before == nullptr ? 0 : (*before)["reviews"].get<std::uint64_t>())) /
+           seconds_;
+  }
+
+  // Those that are there.
+  template <class F>
+  void forEachTable(F&& f) const {
+    for (const TableSample& table : now_.tables) {
+      if (table.standing == "absent") {
+        continue;
+      }
+      const auto earlier = std::find_if(before_.tables.begin(), before_.tables.end(),
+                                        [&](const TableSample& each) { return each.name == table.name; });
+      const std::uint64_t from = earlier == before_.tables.end() ? table.sequence : earlier->sequence;
+      f(table, static_cast<double>(table.sequence - std::min(from, table.sequence)) / seconds_);
+    }
+  }
+
+  void writeTrouble(std::ostream& out) const {
+    out << "agent: " << Agent::printable(now_.trouble, 300) << "; what follows is read from the tables\n\n";
+  }
+  void writeAgent(std::ostream& out) const {
+    const OrderedJson& stats = now_.stats;
+    const OrderedJson& backlog = stats["backlog"];
+    out << "agent " << stats["pid"] << ' ' << stats["state"].get<std::string>() << ", up "
+        << timeText(stats["uptime"].get<double>()) << ", "
+        << formatted("%.1f", stats["residentBytes"].get<double>() / (1 << 20)) << " MiB resident\n";
+    for (const OrderedJson& each : stats["waitingFor"]) {
+      out << "waiting: " << Agent::printable(each.get<std::string>(), 200) << '\n';
+    }
+    out << "waiting for their turn: " << backlog["unreadChanges"] << " changes unread, FIB " << backlog["fib"]
+        << " tunnels (and " << backlog["fibDeferred"] << " deferred)";
+    for (const auto& [rib, count] : backlog["ribs"].items()) {
+      out << ", RIB " << Agent::printable(rib, 30) << ' ' << count;
+    }
+    Agent::Columns columns;
+    columns.row({"", "per second", "half of them", "99 of 100", "longest since start"});
+    columns.row({"reviews", formatted("%.1f", reviewRate())});
+    columns.row(interval("slices").cells("slices"));
+    columns.row(interval("publishToFib").cells("publish to FIB"));
+    out << "\n\n";
+    columns.write(out, "");
+    out << '\n';
+  }
+
+  const AgentSample& before_;
+  const AgentSample& now_;
+  const double seconds_;
+};
+
+struct TopOptions {
+  std::shared_ptr<ControlOptions> control;
+  double interval = 1;
+  std::uint64_t count = std::numeric_limits<std::uint64_t>::max();
+};
+
+int runTop(const TopOptions& options) {
+  const bool isInPlace = !options.control->isJson && isatty(STDOUT_FILENO) == 1;
+  AgentSample before(*options.control);
+  for (std::uint64_t i = 0; i < options.count && std::cout; ++i) {
+    std::this_thread::sleep_for(std::chrono::duration<double>(options.interval));
+    AgentSample now(*options.control);
+    const Frame frame(before, now);
+    if (options.control->isJson) {
+      std::cout << Agent::textOf(frame.json()) << '\n';
+    } else {
+      std::cout << (isInPlace ? "\x1b[H\x1b[J" : i == 0 ? "" : "\n") << frame.text();
+    }
+    std::cout.flush();
+    before = std::move(now);
+  }
+  return exitDone;
+}
+
+}  // namespace
+
+void addTop(CLI::App& app, Action& action) {
+  CLI::App& command = *app.add_subcommand("top", "Rates, backlogs, slices and latency, again and again");
+  const auto options = std::make_shared<TopOptions>();
+  options->control = addControlOptions(command);
+  command.add_option("--interval", options->interval, "Between two looks")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(0.05, 86400.0))
+      ->default_val(options->interval);
+  command.add_option("--count", options->count, "End after N looks")->type_name("N")->check(CLI::PositiveNumber);
+  command.callback([=, &action] { action = [=] { return runTop(*options); }; });
+}
+
+}  // namespace Tools
