@@ -54,8 +54,7 @@ std::string joined(const std::vector<std::string>& words) {
 }  // namespace
 
 int showUnprogrammable(const ListOptions& options) {
-  const auto after =
-      options.after ? std::optional(optionValue<Model::TunnelId>("--after", *options.after)) : std::nullopt;
+  const auto after = options.after ? optionValue<Model::TunnelId>("--after", *options.after) : Model::TunnelId();
   StateReading reading(options.stateDirectory);
   reading.status();
   reading.requireTable(Agent::unprogrammablePath);
@@ -66,7 +65,7 @@ int showUnprogrammable(const ListOptions& options) {
   }
   Rows rows(std::cout, options.isJson, "unprogrammable",
             shadow ? Cells{"tunnel", "tep", "reasons"} : Cells{"tunnel", "tep"}, options.limit);
-  auto at = after ? ids.upper_bound(*after) : ids.begin();
+  auto at = ids.upper_bound(after);  // the zero id stands before them all
   for (bool isMore = true; isMore && at != ids.end(); ++at) {
     const std::vector<std::string> reasons = shadow ? reasonsOf(*shadow, *at) : std::vector<std::string>();
     if (shadow && options.reason != "any" &&
