@@ -23,16 +23,17 @@ plain() { sed -E "s|$scratch|$lab|g; s/pid [0-9]+/pid N/g; s/[0-9.]+ (s|ms) ago/
 
 # try COMMAND EXPECTED LINE
 try() {
-  local command=$1 expected actual tries=1
+  local command=$1 expected actual end=0
   if [[ $command == 'export PATH='* ]]; then return; fi # BIN_DIR is what is tested
   expected=$(plain <<<"$2")
-  if [[ $command =~ ^(tunnelctl\ |cat\ ) && $command != *' publish '* ]]; then tries=200; fi
-  while ((tries-- > 0)); do
+  if [[ $command =~ ^(tunnelctl\ |cat\ ) && $command != *' publish '* ]]; then end=$((SECONDS + 20)); fi
+  while true; do
     set +e
     eval "${command//$lab/$scratch}" >"$scratch.out" 2>&1
     set -e
     actual=$(plain <"$scratch.out")
     if [[ $actual == "$expected" ]]; then return; fi
+    if ((SECONDS >= end)); then break; fi
     sleep 0.1
   done
   printf '%s:%s: $ %s\n' "$document" "$3" "$command"
