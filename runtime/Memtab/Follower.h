@@ -101,11 +101,13 @@ class Follower {
     uint32_t units = 0;  // 0: the word is of another file and proves nothing
     uint32_t checksum = 0;
     uint16_t generation = 0;
-    uint16_t length = 0;
+    uint16_t fingerprint = 0;
+    uint32_t length = 0;
 
     static Known of(uint64_t word, uint64_t head) {
       const BlockHead block = BlockHead::of(head);
-      return {unitsOf(word), block.checksum, generationOf(word), static_cast<uint16_t>(block.length)};
+      return {unitsOf(word), block.checksum, generationOf(word), static_cast<uint16_t>(fingerprintOf(word)),
+              block.length};
     }
     static uint16_t generationOf(uint64_t word) { return static_cast<uint16_t>(word >> 32); }
     bool hasContentOf(const Known& other) const { return checksum == other.checksum && length == other.length; }
@@ -298,7 +300,9 @@ size_t Follower<Key>::entryOf(uint32_t units) const {
 // Whether the entry surely names the version that is known.
 template <class Key>
 bool Follower<Key>::isStanding(const WordWalk::Entry& entry, const Known& known) const {
-  if (known.units == 0 || Known::generationOf(entry.word) != known.generation) {
+  // Where a deleted record was, another one of the same generation may have been moved to: the fingerprint tells.
+  if (known.units == 0 || Known::generationOf(entry.word) != known.generation ||
+      fingerprintOf(entry.word) != known.fingerprint) {
     return false;
   }
   // Any change behind sequence_ may have stored the same generation anew.
