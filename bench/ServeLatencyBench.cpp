@@ -1,10 +1,18 @@
-// From a publisher's put to the FIB entry that another process can read, with 100 us between changes, the agent being a
-// process of its own that sleeps in between; beside it two processes that wake each other through a futex. Then the
-// same for one change behind a bulk load. Waiting for the FIB is spinning, so two processors are needed.
+// The agent as a process of its own.
+//
+//   publishToFib              from a publisher's put to the FIB entry that another process can read, with 100 us
+//   between
+//                             changes; the agent sleeps in between
+//   futexPingPong             two processes that wake each other, beside it
+//   oneChangeBehindABulkLoad  the same as the first for a change behind 100,000 others
+//   restart                   CPU time of a new agent over 100,000 tunnels that have not changed, until it is ready
+//
+// Waiting for the FIB is spinning, so two processors are needed.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <linux/futex.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,6 +23,8 @@
 #include <csignal>
 #include <cstdint>
 #include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -55,13 +65,7 @@ class Lab {
  public:
   Lab() {
     std::filesystem::remove_all(directory_);
-    agent_ = fork();
-    if (agent_ == 0) {
-      dup2(open("/dev/null", O_WRONLY), 2);
-      execl(TUNNEL_AGENT_PATH, TUNNEL_AGENT_PATH, "serve", "--state-dir", directory_.c_str(), nullptr);
-      _exit(127);
-    }
-    usleep(500000);
+    startAgent();
     const std::string path = Model::tunnelTableInfo(Model::TunnelTableIdentifier::ldp).path;
     writer_->doMount(path, Model::tunnelTableInfo(Model::TunnelTableIdentifier::ldp).typeName,
                      Model::sharedTable(Statehub::Access::write));
@@ -69,9 +73,49 @@ class Lab {
     table_->collectionReadyIs(true);
   }
   ~Lab() {
-    kill(agent_, SIGKILL);
-    waitpid(agent_, nullptr, 0);
+    stopAgent(SIGKILL);
     std::filesystem::remove_all(directory_);
+    std::filesystem::remove(log_);
+  }
+
+  // Returns when it is ready.
+  void startAgent() {
+    std::filesystem::remove(log_);
+    agent_ = fork();
+    if (agent_ == 0) {
+      dup2(open(log_.c_str(), O_WRONLY | O_CREAT, 0600), 2);
+      execl(TUNNEL_AGENT_PATH, TUNNEL_AGENT_PATH, "serve", "--state-dir", directory_.c_str(), nullptr);
+      _exit(127);
+    }
+    for (std::stringstream text; text.str().find("ready") == std::string::npos; text.str("")) {
+      usleep(1000);
+      text << std::ifstream(log_).rdbuf();
+    }
+  }
+  // Its CPU time in seconds.
+  double stopAgent(int signal) const {
+    rusage used{};
+    kill(agent_, signal);
+    wait4(agent_, nullptr, 0, &used);
+    const auto seconds = [](const timeval& time) {
+      return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) * 1e-6;
+    };
+    return seconds(used.ru_utime) + seconds(used.ru_stime);
+  }
+  void awaitEntries(std::size_t count) const {
+    while (reader_.fib()->entry().size() != count || !reader_.fib()->entry().collectionReady()) {
+      usleep(10000);
+    }
+    usleep(500000);  // the RIBs
+  }
+  // Sequence numbers of RIBs and FIB.
+  std::vector<std::uint64_t> sequences() const {
+    std::vector<std::uint64_t> all = {reader_.fib()->entry().collectionControl().sequence(),
+                                      reader_.rib(0)->collectionControl().sequence()};
+    for (const auto& [type, wrapper] : reader_.protocolRibs()->protocolTunnelRib()) {
+      all.push_back(wrapper->tunnelRib()->collectionControl().sequence());
+    }
+    return all;
   }
 
   void put(std::uint64_t index, std::uint32_t label) { table_->entryIs(entryOf(index, label)); }
@@ -86,6 +130,7 @@ class Lab {
 
  private:
   const std::string directory_ = "/dev/shm/serve-latency-" + std::to_string(getpid());
+  const std::string log_ = directory_ + ".log";
   pid_t agent_ = -1;
   const Zol::Ptr<Statehub::EntityManager> writer_ = Zol::make<Statehub::EntityManager>(directory_);
   Zol::Ptr<Model::LdpTunnelTable> table_;
@@ -130,6 +175,24 @@ void oneChangeBehindABulkLoad(benchmark::State& state) {
   report(state, latencies);
 }
 BENCHMARK(oneChangeBehindABulkLoad)->Iterations(10)->UseManualTime()->Unit(benchmark::kMicrosecond);
+
+void restart(benchmark::State& state) {
+  Lab lab;
+  constexpr std::size_t count = 100000;
+  for (std::uint64_t index = 1; index <= count; ++index) {
+    lab.put(index, static_cast<std::uint32_t>(index));
+  }
+  lab.awaitEntries(count);
+  const auto before = lab.sequences();
+  lab.stopAgent(SIGTERM);
+  for (auto step : state) {
+    lab.startAgent();
+    state.SetIterationTime(lab.stopAgent(SIGTERM));
+  }
+  state.counters["writes"] = lab.sequences() == before ? 0 : 1;
+  lab.startAgent();
+}
+BENCHMARK(restart)->Iterations(5)->UseManualTime()->Unit(benchmark::kMillisecond);
 
 void wait(std::atomic<std::uint32_t>& word, std::uint32_t old) {
   while (word.load() == old) {
