@@ -1,0 +1,116 @@
+// Random bytes flipped all over the files of a state directory, under agent, publisher and reading tools.
+//
+// SERVE_FLIP_TRIALS: how often; 6 unless set. SERVE_FLIP_SEED: the first trial's seed, to repeat one.
+#include <random>
+
+#include "tests/tools/Lab.h"
+#include "tests/tools/Played.h"
+
+namespace Tools {
+namespace {
+
+class ServeFlip : public testing::Test, protected Lab {
+ protected:
+  ServeFlip() { setenv("TMPDIR", (scratch() / "").c_str(), 1); }
+  ~ServeFlip() override { unsetenv("TMPDIR"); }
+
+  void restore() const {
+    std::filesystem::remove_all(stateDirectory());
+    copy(scratch() / "whole", stateDirectory());
+  }
+  static void copy(const std::filesystem::path& from, const std::filesystem::path& to) {
+    std::filesystem::create_directories(to);
+    std::filesystem::permissions(to, std::filesystem::perms(0750));
+    for (const auto& each : std::filesystem::directory_iterator(from)) {
+      if (each.is_directory()) {
+        copy(each.path(), to / each.path().filename());
+      } else if (each.is_regular_file()) {
+        std::filesystem::copy_file(each.path(), to / each.path().filename());
+      }
+    }
+  }
+  std::vector<std::filesystem::path> files() const {
+    std::vector<std::filesystem::path> all;
+    for (const auto& each : std::filesystem::recursive_directory_iterator(stateDirectory())) {
+      if (each.is_regular_file()) {
+        all.push_back(each.path());
+      }
+    }
+    std::sort(all.begin(), all.end());
+    return all;
+  }
+};
+
+using Random = std::mt19937;
+
+// One to eight bytes of the file, half of them among those that are in use.
+void flip(const std::filesystem::path& file, Random& random) {
+  const std::string bytes = Support::contentsOf(file);
+  std::vector<std::size_t> used;
+  for (std::size_t at = 0; at < bytes.size(); ++at) {
+    if (bytes[at] != 0) {
+      used.push_back(at);
+    }
+  }
+  std::fstream out(file, std::ios::binary | std::ios::in | std::ios::out);
+  for (auto flips = 1U + random() % 8U; flips > 0; --flips) {
+    const std::size_t at = random() % 2 == 0 || used.empty() ? random() % bytes.size() : used[random() % used.size()];
+    const char flipped = static_cast<char>(static_cast<unsigned char>(bytes[at]) ^ (1U << random() % 8));
+    out.seekp(static_cast<std::streamoff>(at));
+    out.write(&flipped, 1);
+  }
+}
+
+unsigned numberIn(const char* variable, unsigned otherwise) {
+  const char* const text = std::getenv(variable);
+  return text == nullptr ? otherwise : static_cast<unsigned>(std::atoi(text));
+}
+
+// Fails if anybody crashes or hangs, if a reader shows something else than what was written without damage being
+// reported, or if publisher and agent do not put everything right.
+TEST_F(ServeFlip, everybodyLivesAndReportsAndTheNextPublisherPutsItRight) {
+  publishLab();
+  const std::string scenario = scratch() / "lab.jsonl";
+  const OrderedJson expected = comparable(document());
+  ASSERT_EQ(Played(scenario).end().document["fib"], expected["fib"]);
+  copy(stateDirectory(), scratch() / "whole");
+  const unsigned trials = numberIn("SERVE_FLIP_TRIALS", 6);
+  unsigned changed = 0;
+  unsigned reported = 0;
+  for (unsigned trial = 0; trial < trials; ++trial) {
+    const unsigned seed = numberIn("SERVE_FLIP_SEED", 1) + trial;
+    SCOPED_TRACE("SERVE_FLIP_SEED=" + std::to_string(seed));
+    Random random(seed);
+    restore();
+    const bool everywhere = random() % 4 == 0;
+    for (const std::filesystem::path& file : files()) {
+      if (everywhere || random() % 4 == 0) {
+        flip(file, random);
+      }
+    }
+    const Answer state = ask({"state"});
+    const Answer check = ask({"check"});
+    ASSERT_LT(state.status, 128) << state.text;
+    ASSERT_LT(check.status, 128) << check.text;
+    ASSERT_LT(ask({"show", "tables"}).status, 128);
+    reported += check.status != 0 ? 1U : 0U;
+    if (comparable(document()) != expected) {
+      ++changed;
+      EXPECT_NE(check.status, 0) << "what is read is wrong, and nobody says so\n" << state.text;
+    }
+    std::filesystem::remove(scratch() / "agent.log");
+    Support::Process agent = serve();
+    ASSERT_EQ(publishAll({scenario}), 0) << Support::contentsOf(scratch() / "publish.log");
+    ASSERT_TRUE(Support::becomes([&] { return comparable(document()) == expected; }))
+        << agentLog() << comparable(document()).dump(1);
+    ASSERT_EQ(agent.stop(), 0) << agentLog();
+    if (HasFailure()) {
+      break;
+    }
+  }
+  std::cout << trials << " trials, " << reported << " with damage reported, " << changed
+            << " in which less or other than was written was read\n";
+}
+
+}  // namespace
+}  // namespace Tools
