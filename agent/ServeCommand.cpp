@@ -4,16 +4,29 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <set>
 #include <utility>
 
 #include "agent/AgentStats.h"
 #include "agent/InputError.h"
 #include "agent/Log.h"
+#include "runtime/Memtab/CorruptionException.h"
 
 namespace Agent {
 namespace {
 
 constexpr unsigned limitPriority = 2;
+constexpr unsigned secondsBeforeNewBeginning = 1;
+
+// The same damage is met again and again until it is mended; one line is enough, and a file says it too.
+void logDamage(const std::string& table, const std::string& message) {
+  static std::set<std::string> logged;
+  constexpr std::size_t linesMax = 1000;
+  const std::string line = "damage in table " + table + ": " + message;
+  if (logged.size() < linesMax && logged.insert(line).second) {
+    log(LogLevel::error, line);
+  }
+}
 
 Memtab::Descriptor signalDescriptor() {
   sigset_t answered;
@@ -70,8 +83,9 @@ ServeCommand::ServeCommand(ServeOptions options)
   declarationListener_.channelIs(&declaration_->entryChannel());
   feed_ = std::make_unique<Statehub::TableFeed>(host_.entityManager(), host_.scheduler(), loop_,
                                                 std::vector<std::string>{"tunnel/table", "tunnel"});
-  feed_->rescannedCallbackIs([this] { troubles_.look(); });
-  troubles_.look();
+  const auto lookForTrouble = [this] { troubles_.look(feed_->trouble()); };
+  feed_->rescannedCallbackIs(lookForTrouble);
+  lookForTrouble();
   loop_.newsSourceIs(this);
   loop_.fdIs(signals_.get(), [this] { handleSignal(); });
   openControlSocket();
@@ -108,6 +122,10 @@ void ServeCommand::look() {
   latency_.look();
   if (gate_) {
     startIfReady();
+  }
+  if (isReloadDue_ && troubles_.canReadAll()) {
+    isReloadDue_ = false;
+    reload();
   }
 }
 
@@ -193,8 +211,18 @@ void ServeCommand::handleSignal() {
   }
 }
 
+// RIBs that are configured anew are built from the tables alone.
 void ServeCommand::reload() {
   service_.reloading();
+  feed_->rescan();
+  if (!gate_ && !troubles_.canReadAll()) {
+    isReloadDue_ = true;
+    log(LogLevel::warning, "the configuration will be read when all tables can be read again");
+    if (isReady_) {
+      service_.ready();
+    }
+    return;
+  }
   try {
     configIs(configOf(options_), configSourceOf(options_));
   } catch (const ScenarioError& error) {
@@ -222,6 +250,19 @@ void ServeCommand::handleConfigured() {
 OrderedJson ServeCommand::stats() const {
   const char* const state = gate_ ? "waiting" : isReady_ ? "ready" : "starting";
   return statsJson({host_, loop_, latency_, control_ ? &*control_ : nullptr, startedAt_, state, waitingFor_});
+}
+
+void ServeLoop::run() {
+  Memtab::MapBase::damageWitnessIs(logDamage);
+  for (;;) {
+    try {
+      ServeCommand(options_).run();
+      return;
+    } catch (const Memtab::CorruptionException& lost) {
+      log(LogLevel::error, std::string("a table of the agent is damaged: ") + lost.what() + "; beginning anew");
+      sleep(secondsBeforeNewBeginning);
+    }
+  }
 }
 
 }  // namespace Agent

@@ -4,11 +4,18 @@
 //         ──▶ reactors started ──▶ first backlog drained: RIBs and FIB declared complete ──▶ serves until SIGTERM
 //
 // RIBs and FIB stay when it stops. SIGHUP reads the configuration again; a wrong one is refused as a whole.
+//
+// A table that cannot be read any more, whatever was done to its file, is reported, and what came from it stays until
+// its publisher has made it anew. RIBs and FIB are made again when their files are gone; when bytes of theirs are lost,
+// the agent begins anew.
 #pragma once
 
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "agent/AgentConfig.h"
 #include "agent/AgentHost.h"
@@ -40,7 +47,8 @@ class ServeCommand final : private Quor::NewsSource, private ControlTarget {
   explicit ServeCommand(ServeOptions options);
   ~ServeCommand();
 
-  // Returns after SIGTERM or SIGINT.
+  // Returns after SIGTERM or SIGINT. Raises CorruptionException when bytes of a RIB or the FIB are lost: who makes
+  // another command of the same options goes on.
   void run();
 
  private:
@@ -93,7 +101,18 @@ class ServeCommand final : private Quor::NewsSource, private ControlTarget {
   std::optional<StartGate> gate_;  // until the start
   std::unique_ptr<WaitLimit> waitLimit_;
   std::vector<std::string> waitingFor_;  // as logged last
+  bool isReloadDue_ = false;             // when all tables can be read again
   bool isReady_ = false;
+};
+
+// Serves until a signal ends it; begins anew, over what is left, when bytes of a RIB or the FIB are lost.
+class ServeLoop {
+ public:
+  explicit ServeLoop(ServeOptions options) : options_(std::move(options)) {}
+  void run();
+
+ private:
+  const ServeOptions options_;
 };
 
 }  // namespace Agent

@@ -80,7 +80,7 @@ std::vector<std::string> StartGate::waitingFor() const {
 // Why the table cannot be taken for complete; empty: it can.
 std::string StartGate::trouble(TableId table) const {
   const Memtab::MirrorStore* const mirror = state_.entityManager()->mirror(Model::tunnelTableInfo(table).path);
-  if (mirror == nullptr || (mirror->isBound() && state_.tables().table(table).collectionReady())) {
+  if (mirror == nullptr || (mirror->isCurrent() && state_.tables().table(table).collectionReady())) {
     return "";
   }
   if (!mirror->trouble().empty()) {

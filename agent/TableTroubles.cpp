@@ -1,5 +1,7 @@
 #include "agent/TableTroubles.h"
 
+#include <algorithm>
+
 #include "agent/AgentStatus.h"
 #include "agent/Log.h"
 #include "tunnel/TunnelTableInfo.h"
@@ -28,7 +30,7 @@ std::vector<std::string> misfits(const std::string& stateDirectory) {
   return lines;
 }
 
-void TableTroubles::look() {
+void TableTroubles::look(const std::string& ofDirectory) {
   for (const TableId table : allTables()) {
     const Memtab::MirrorStore* const mirror = state_.entityManager()->mirror(Model::tunnelTableInfo(table).path);
     const std::string trouble = mirror == nullptr ? "" : mirror->trouble();
@@ -46,6 +48,18 @@ void TableTroubles::look() {
                                  trouble);
     }
   }
+  if (ofDirectory != ofDirectory_) {
+    ofDirectory_ = ofDirectory;
+    log(ofDirectory.empty() ? LogLevel::notice : LogLevel::warning,
+        "state directory: " + (ofDirectory.empty() ? "all is well again" : ofDirectory));
+  }
+}
+
+bool TableTroubles::canReadAll() const {
+  return std::all_of(allTables().begin(), allTables().end(), [this](TableId table) {
+    const Memtab::MirrorStore* const mirror = state_.entityManager()->mirror(Model::tunnelTableInfo(table).path);
+    return mirror == nullptr || mirror->isCurrent() || (!mirror->isBound() && mirror->trouble().empty());
+  });
 }
 
 }  // namespace Agent

@@ -18,12 +18,16 @@ class TableTroubles {
   // The state outlives it.
   explicit TableTroubles(const AgentState& state) : state_(state) {}
 
-  // Logs which files of the protocols' tables cannot be read, and which of them are gone, since the last look.
-  void look();
+  // Logs which files of the protocols' tables cannot be read, and which of them are gone, since the last look; the same
+  // for what is the matter with the directory (empty: nothing).
+  void look(const std::string& ofDirectory);
+  // Whether every table that was ever there can be read as its publisher left it. As of the entity manager's last look.
+  bool canReadAll() const;
 
  private:
   const AgentState& state_;
   std::map<TableId, std::string> troubles_;  // as logged
+  std::string ofDirectory_;
 };
 
 }  // namespace Agent

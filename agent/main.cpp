@@ -49,7 +49,7 @@ int main(int argc, char** argv) {
   std::ios::sync_with_stdio(false);
   const Agent::CommandLine line = Agent::CommandLine::parse(argc, argv);
   if (line.serve) {
-    return run<Agent::ServeCommand>(*line.serve);
+    return run<Agent::ServeLoop>(*line.serve);
   }
   return line.run ? run<Agent::RunCommand>(*line.run) : line.exitStatus;
 }

@@ -141,15 +141,18 @@ void PublishCommand::handleSettle(const std::string& place) {
   }
 }
 
-// Until a signal ends the process: the table then has no publisher, and stays in force.
+// Until a signal ends the process: the table then has no publisher, and stays in force. Files that somebody removes or
+// replaces meanwhile are made again.
 void PublishCommand::hold() const {
   sigset_t ending;
   sigemptyset(&ending);
   sigaddset(&ending, SIGTERM);
   sigaddset(&ending, SIGINT);
   sigprocmask(SIG_BLOCK, &ending, nullptr);
-  int signal = 0;
-  sigwait(&ending, &signal);
+  constexpr timespec second{.tv_sec = 1, .tv_nsec = 0};
+  while (sigtimedwait(&ending, nullptr, &second) < 0) {
+    entityManager_->rescan();
+  }
 }
 
 }  // namespace Tools

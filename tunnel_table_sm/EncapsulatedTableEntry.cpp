@@ -15,11 +15,23 @@ constexpr auto copyMetricsSignature =
     "void Tunnel::TunnelTable::copyMetrics(const Tunnel::TunnelTable::TunnelId&, "
     "Tunnel::TunnelTable::TunnelRibEntry&, const Tunnel::TunnelTable::EncapsulatedTableEntry&)";
 
-// Reads the record into its slot, and its head into the common one.
-template <class Table, class Record>
-void fill(const Zol::PtrConst<Table>& table, const TunnelId& id, Record& slot, TunnelTableEntry& head) {
-  if (readSafely(table.get(), id, slot)) {
-    head = slot;
+// f(table, slot) with the table that has such tunnels, and the slot of its records.
+template <class F>
+void withTable(const TunnelId& id, const TunnelTableEntities& entities, F&& f) {
+  using Entry = EncapsulatedTableEntry;
+  switch (id.tunnelType()) {
+    case TunnelType::nexthopGroupTunnel:
+      return f(entities.nexthopGroupTable(), &Entry::nexthopGroupEntryRef);
+    case TunnelType::bgpLuTunnel:
+      return f(entities.bgpLuTable(), &Entry::bgpLuEntryRef);
+    case TunnelType::ldpTunnel:
+      return f(entities.ldpTable(), &Entry::ldpEntryRef);
+    case TunnelType::staticTunnel:
+      return f(entities.staticTable(), &Entry::staticEntryRef);
+    case TunnelType::srTunnel:
+      return f(entities.srTable(), &Entry::srEntryRef);
+    default:
+      FASTLOG_TRACE(8, "Unknown tunnel type " << id.tunnelType());
   }
 }
 
@@ -39,26 +51,19 @@ EncapsulatedTableEntry::EncapsulatedTableEntry(std::string::const_iterator first
 
 EncapsulatedTableEntry EncapsulatedTableEntry::getEntry(const TunnelId& id, const TunnelTableEntities& entities) {
   EncapsulatedTableEntry result(id);
-  switch (id.tunnelType()) {
-    case TunnelType::nexthopGroupTunnel:
-      fill(entities.nexthopGroupTable(), id, result.nexthopGroupEntry_, result.entry_);
-      break;
-    case TunnelType::bgpLuTunnel:
-      fill(entities.bgpLuTable(), id, result.bgpLuEntry_, result.entry_);
-      break;
-    case TunnelType::ldpTunnel:
-      fill(entities.ldpTable(), id, result.ldpEntry_, result.entry_);
-      break;
-    case TunnelType::staticTunnel:
-      fill(entities.staticTable(), id, result.staticEntry_, result.entry_);
-      break;
-    case TunnelType::srTunnel:
-      fill(entities.srTable(), id, result.srEntry_, result.entry_);
-      break;
-    default:
-      FASTLOG_TRACE(8, "Unknown tunnel type " << id.tunnelType());
-  }
+  withTable(id, entities, [&](const auto& table, auto slot) {
+    auto& record = (result.*slot)();
+    if (readSafely(table.get(), id, record)) {
+      result.entry_ = record;
+    }
+  });
   return result;
+}
+
+bool EncapsulatedTableEntry::isHidden(const TunnelId& id, const TunnelTableEntities& entities) {
+  bool isHidden = false;
+  withTable(id, entities, [&](const auto& table, auto) { isHidden = table && table->hides(id); });
+  return isHidden;
 }
 
 bool doesEntryContribute(bool supportsPrefRemapping, const TunnelTableEntryFilter* filter,

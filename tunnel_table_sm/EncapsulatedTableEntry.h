@@ -27,6 +27,9 @@ class EncapsulatedTableEntry {
   // stays empty. Never fails.
   static EncapsulatedTableEntry getEntry(const TunnelId& id, const TunnelTableEntities& entities);
 
+  // Whether damage to the tunnel's table keeps anybody from telling whether it has the tunnel.
+  static bool isHidden(const TunnelId& id, const TunnelTableEntities& entities);
+
   // Whether a record was found.
   bool hasEntry() const { return !!entry_; }
 };

@@ -7,7 +7,8 @@
 // An id leaves the set before its review: what is filed while it is reviewed, itself included, is reviewed again.
 //
 // A tunnel whose entry finds no space in the FIB stays filed. The others behind it have their turn, since a withdrawal
-// must not wait for it, and may make the space; once round, everything rests for a second.
+// must not wait for it, and may make the space; once round, everything rests for a second. The same goes for a tunnel
+// whose table is so damaged that nobody can tell whether it still has the tunnel.
 #include <utility>
 
 #include "runtime/Fastlog/RingMessage.h"
@@ -20,7 +21,7 @@ namespace {
 
 FASTLOG_DEFAULT_HANDLE("TunnelFibSm");
 
-constexpr double spaceRetryDelay = 1;  // seconds
+constexpr double retryDelay = 1;  // seconds
 
 }  // namespace
 
@@ -84,7 +85,7 @@ void TunnelFibSm::review(const TunnelId tunnelId) {
   } catch (const Memtab::NoSpace& full) {
     FASTLOG_TRACE(3, "drainTunnelBacklog"
                          << ": No space for tunnelId: " << tunnelId << ": " << full.what());
-    if (!std::exchange(isShortOfSpace_, true)) {
+    if (!std::exchange(isHeldUp_, true)) {
       static Fastlog::RingMessage message("TunnelFibSm", __LINE__, "No space for tunnelId: %i: %s");
       message.write(tunnelId.value(), full.what());
     }
@@ -112,16 +113,22 @@ void TunnelFibSm::reviewNextLevels() {
   }
 }
 
+void TunnelFibSm::hold(const TunnelId& tunnelId) {
+  FASTLOG_TRACE(3, "updateTunnelFibEntry: The table of tunnelId: " << tunnelId << " cannot be read, its entry stands");
+  isHeldUp_ = true;
+  tunnelForReview_.insert(tunnelId);
+}
+
 void TunnelFibSm::drainSlice() {
   struct Draining {
     explicit Draining(bool& flag) : flag_(flag) { flag_ = true; }
     ~Draining() { flag_ = false; }
     bool& flag_;
   } draining(draining_);
-  isShortOfSpace_ = isShortOfSpace_ && !!tunnelReviewBookmark_;  // until the round is over
+  isHeldUp_ = isHeldUp_ && !!tunnelReviewBookmark_;  // until the round is over
   auto it = !tunnelReviewBookmark_ ? tunnelForReview_.begin() : tunnelForReview_.from(tunnelReviewBookmark_);
   tunnelReviewBookmark_ = TunnelId();
-  while (it || (!tunnelForReview_.empty() && !isShortOfSpace_)) {
+  while (it || (!tunnelForReview_.empty() && !isHeldUp_)) {
     if (!it) {  // ids were filed behind the place, or the bookmark was behind them all
       it = tunnelForReview_.begin();
     }
@@ -151,8 +158,8 @@ void TunnelFibSm::drainTunnelBacklog() {
   task_->taskWorkCountInc(reviewed_);
   task_->taskWorkPendingIs(remaining);
   if (remaining != 0) {
-    if (isShortOfSpace_ && !tunnelReviewBookmark_) {
-      task_->scheduleTaskLowestDelay(spaceRetryDelay);
+    if (isHeldUp_ && !tunnelReviewBookmark_) {
+      task_->scheduleTaskLowestDelay(retryDelay);
     } else {
       scheduleTunnelReview();
     }

@@ -156,7 +156,12 @@ class TunnelFibSm final : public Zol::Reactor {
   void handleInitialized();
   void fileStanding(TunnelType type);
   template <class F>
+  bool isInTable(const TunnelId& tunnelId, F&& isIt) const;
+  template <class F>
   bool visitTableEntry(const TunnelId& tunnelId, F&& f) const;
+  // Whether the tunnel's table is damaged such that it cannot tell whether it has the tunnel.
+  bool isHidden(const TunnelId& tunnelId) const;
+  void hold(const TunnelId& tunnelId);
   template <class F, class... Tables>
   void forEachTunnel(F&& file, const Zol::PtrConst<Tables>&... tables) const;
 
@@ -201,7 +206,7 @@ class TunnelFibSm final : public Zol::Reactor {
   std::unique_ptr<Quor::OwnedTask<TunnelFibSm>> task_;
   bool initialized_ = false;
   bool draining_ = false;
-  bool isShortOfSpace_ = false;  // some tunnel of this round through the backlog found no space in the FIB
+  bool isHeldUp_ = false;  // some tunnel of this round through the backlog could not be read or written
 };
 
 // Creates the state machine of the tunnel FIB and switches it on.

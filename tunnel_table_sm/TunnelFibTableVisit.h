@@ -5,42 +5,47 @@
 
 namespace Tunnel::TunnelTable {
 
+// Whether isIt(table) holds for the table of such tunnels; the interface tables are asked one after the other.
+template <class F>
+bool TunnelFibSm::isInTable(const TunnelId& tunnelId, F&& isIt) const {
+  switch (tunnelId.tunnelType()) {
+    case TunnelType::bgpLuPushTunnel:
+      return isIt(bgpLuPushTable());
+    case TunnelType::bgpLuTunnel:
+      return isIt(bgpLuTable());
+    case TunnelType::ldpTunnel:
+      return isIt(ldpTable());
+    case TunnelType::staticTunnel:
+      return isIt(staticTable());
+    case TunnelType::srTunnel:
+      return isIt(srTable());
+    case TunnelType::srTeSegmentListTunnel:
+      return isIt(srTeSegmentListTable());
+    case TunnelType::l3IntfTunnel:  // the tables share the ids
+      return isIt(greIntfTable()) || isIt(ipsecVtiIntfTable()) || isIt(ipsecGreIntfTable());
+    case TunnelType::rsvpTunnel:
+      return isIt(rsvpTable());
+    case TunnelType::nexthopGroupTunnel:
+      return isIt(nexthopGroupTable());
+    case TunnelType::tiLfaTunnel:
+      return isIt(tiLfaTable());
+    default:
+      return false;
+  }
+}
+
 // Reads the tunnel's entry once and calls f with it, as the record of its table; false when there is none. A table that
 // is absent or damaged there has none.
 template <class F>
 bool TunnelFibSm::visitTableEntry(const TunnelId& tunnelId, F&& f) const {
-  const auto visitIn = [&]<class Table>(const Zol::PtrConst<Table>& table) {
+  return isInTable(tunnelId, [&]<class Table>(const Zol::PtrConst<Table>& table) {
     typename Table::Record entry;
     const bool isThere = readSafely(table.get(), tunnelId, entry);
     if (isThere) {
       f(std::as_const(entry));
     }
     return isThere;
-  };
-  switch (tunnelId.tunnelType()) {
-    case TunnelType::bgpLuPushTunnel:
-      return visitIn(bgpLuPushTable());
-    case TunnelType::bgpLuTunnel:
-      return visitIn(bgpLuTable());
-    case TunnelType::ldpTunnel:
-      return visitIn(ldpTable());
-    case TunnelType::staticTunnel:
-      return visitIn(staticTable());
-    case TunnelType::srTunnel:
-      return visitIn(srTable());
-    case TunnelType::srTeSegmentListTunnel:
-      return visitIn(srTeSegmentListTable());
-    case TunnelType::l3IntfTunnel:  // the tables share the ids
-      return visitIn(greIntfTable()) || visitIn(ipsecVtiIntfTable()) || visitIn(ipsecGreIntfTable());
-    case TunnelType::rsvpTunnel:
-      return visitIn(rsvpTable());
-    case TunnelType::nexthopGroupTunnel:
-      return visitIn(nexthopGroupTable());
-    case TunnelType::tiLfaTunnel:
-      return visitIn(tiLfaTable());
-    default:
-      return false;
-  }
+  });
 }
 
 }  // namespace Tunnel::TunnelTable

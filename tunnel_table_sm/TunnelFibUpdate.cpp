@@ -41,6 +41,10 @@ void TunnelFibSm::updateTunnelFibEntry(const TunnelId& tunnelId) {
       calculateTunnelFibEntry(entry, review_, result, [](const MplsVia&, const TunnelFibViaCalcResult&) {});
     }
   });
+  if (!exists && isHidden(tunnelId)) {
+    hold(tunnelId);
+    return;
+  }
   result.tunnelTableEntryDeletedIs(!exists);
   if (!result.tunnelContributing()) {
     doUpdateDependencies(tunnelId);
@@ -150,6 +154,10 @@ TunnelFibFinding TunnelFibSm::finding(const TunnelId& tunnelId) const {
   finding.obstacles = fibEntryObstacles(finding.entry);
   finding.isWaiting = isWaiting(tunnelId);
   return finding;
+}
+
+bool TunnelFibSm::isHidden(const TunnelId& tunnelId) const {
+  return isInTable(tunnelId, [&](const auto& table) { return table && table->hides(tunnelId); });
 }
 
 template <class Entry>

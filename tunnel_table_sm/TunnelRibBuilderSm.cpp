@@ -17,7 +17,7 @@ constexpr auto preferenceSignature =
     "void Tunnel::TunnelTable::TunnelRibBuilderSm::handlePreference(const Tunnel::TunnelTable::TunnelId&)";
 constexpr auto initializedSignature = "virtual void Tunnel::TunnelTable::TunnelRibBuilderSm::handleInitialized()";
 constexpr Quor::TaskPriority reviewPriority = 2;
-constexpr double spaceRetryDelay = 1;  // seconds
+constexpr double retryDelay = 1;  // seconds
 
 }  // namespace
 
@@ -62,7 +62,7 @@ void TunnelRibBuilderSm::handleInitialized() {
   deadline_.timeMinIs(Quor::Clock::never);
   handleBgpLuConverged();
   initialized_ = true;
-  if (!tunnelForReview_.empty() || unwritten() != 0) {
+  if (!tunnelForReview_.empty() || heldUp() != 0) {
     scheduleTunnelReview();
   } else {
     tablesChanged_ = false;
@@ -127,6 +127,10 @@ void TunnelRibBuilderSm::drainTunnelBacklog() {
   FASTLOG_TRACE(8, "drainTunnelBacklog"
                        << ": " << tunnelForReview_.size() << " backlog entries for rib " << ribId());
   std::size_t reviewed = 0;
+  for (auto unreadable = unreadable_.begin(); unreadable; ++unreadable) {
+    tunnelForReview_.insert(unreadable.key());
+  }
+  unreadable_.clear();
   bool yields = writeUnwritten();
   auto it = tunnelForReview_.from(tunnelReviewBookmark_);
   while (reacts() && !yields && !tunnelForReview_.empty()) {
@@ -156,15 +160,15 @@ void TunnelRibBuilderSm::drainTunnelBacklog() {
                        << ": Reviewed " << reviewed << " tunnels. " << remaining << " remain in the backlog for rib "
                        << ribId());
   task_->taskWorkCountInc(reviewed);
-  task_->taskWorkPendingIs(remaining + held_.size() + unwritten());
-  if (remaining + held_.size() != 0 || (yields && unwritten() != 0)) {
+  task_->taskWorkPendingIs(remaining + held_.size() + heldUp());
+  if (remaining + held_.size() != 0 || (yields && heldUp() != 0)) {
     scheduleTunnelReview();
     return;
   }
   tablesChanged_ = false;
   tunnelReviewBookmark_ = TunnelId();
-  if (unwritten() != 0) {
-    task_->scheduleTaskLowestDelay(spaceRetryDelay);
+  if (heldUp() != 0) {
+    task_->scheduleTaskLowestDelay(retryDelay);
     return;
   }
   task_->unscheduleTask();
@@ -173,8 +177,8 @@ void TunnelRibBuilderSm::drainTunnelBacklog() {
   }
 }
 
-std::size_t TunnelRibBuilderSm::unwritten() const {
-  std::size_t all = tunnelRib_.unwritten();
+std::size_t TunnelRibBuilderSm::heldUp() const {
+  std::size_t all = unreadable_.size() + tunnelRib_.unwritten();
   for (const std::optional<StagedTunnelRib>& proto : protoTunnelRib_) {
     all += proto ? proto->unwritten() : 0;
   }

@@ -20,7 +20,8 @@
 // An endpoint has at most 512 tunnels in a RIB entry. A tunnel that finds its entry full waits as a candidate; when one
 // leaves, the waiting tunnel with the smallest id moves up.
 //
-// Entries that find no space in a RIB are kept, and tried again every second and whenever a review touches them.
+// Entries that find no space in a RIB are kept, and tried again every second and whenever a review touches them. So are
+// tunnels whose table is so damaged that nobody can tell whether it has them: until it can, nothing changes.
 #pragma once
 
 #include <array>
@@ -137,8 +138,8 @@ class TunnelRibBuilderSm final : public TableEntrySm {
   void doHoldEmptied(StagedTunnelRib::Staged& staged);
   // Deletes the entries that nobody has taken over, as many as fit in the slice.
   void sweepHeld();
-  // Entries of all RIBs that found no space.
-  std::size_t unwritten() const;
+  // Entries of all RIBs that found no space, and tunnels whose tables cannot be read.
+  std::size_t heldUp() const;
   // True: the slice is used up, and some may find space.
   bool writeUnwritten();
   bool writeUnwritten(StagedTunnelRib& ribs);
@@ -162,6 +163,7 @@ class TunnelRibBuilderSm final : public TableEntrySm {
   std::array<std::optional<StagedTunnelRib>, 16> protoTunnelRib_;  // by tunnel type
 
   TunnelForReview tunnelForReview_;
+  TunnelForReview unreadable_;     // whose tables cannot tell whether they have them
   TunnelId tunnelReviewBookmark_;  // where the next drain goes on; zero: at the start
   double tunnelReviewDelay_ = 0.01;
   bool tablesChanged_ = false;  // a table came or went, and not everything has been reviewed since

@@ -58,7 +58,7 @@ void TunnelRibBuilderSm::convergenceUpdateWaitTimeIs(double time) {
 }
 
 bool TunnelRibBuilderSm::maybeUpdateTunnelRibConvergenceSeqno() {
-  if (!tunnelForReview_.empty() || !held_.empty() || unwritten() != 0) {
+  if (!tunnelForReview_.empty() || !held_.empty() || heldUp() != 0) {
     FASTLOG_TRACE(8, maybeSignature << ": backlog not empty");
     return false;
   }

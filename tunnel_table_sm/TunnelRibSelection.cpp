@@ -41,6 +41,10 @@ void TunnelRibBuilderSm::updateTunnelRibEntry(const TunnelId& tunnelId) {
     return;
   }
   const EncapsulatedTableEntry entry = freshEntry(tunnelId);
+  if (!entry.hasEntry() && EncapsulatedTableEntry::isHidden(tunnelId, *tunnelTableEntities())) {
+    unreadable_.insert(tunnelId);
+    return;
+  }
   const bool add = admission(entry) == RibAdmission::admitted;
   // Where to add is for the table to say; where to remove is where the tunnel was filed, wherever it claims to be now.
   const Ipkit::IpGenPrefix tep = add ? entry.entry().tep() : tunnelIdToTep(tunnelId).tep();

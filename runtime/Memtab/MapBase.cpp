@@ -26,6 +26,8 @@ std::string& directory() {
   return path;
 }
 
+MapBase::DamageWitness witness = nullptr;
+
 // What was found where, for whoever looks into it later. A file that cannot be written is no reason to stop.
 void writeCorruptionFile(const std::string& table, const std::string& message, std::uint64_t sequence) {
   static unsigned filesWritten = 0;
@@ -75,8 +77,13 @@ void MapBase::collectionReadyIs(bool ready) {
 void MapBase::corruptionDetected(const std::string& message) const {
   FASTLOG_TRACE(3, "MemtabMap::corruptionDetected() " << message);
   ++corruptions_;
+  if (witness != nullptr) {
+    witness(fullName(), message);
+  }
   writeCorruptionFile(fullName(), message, collectionControl().sequence());
 }
+
+void MapBase::damageWitnessIs(DamageWitness newWitness) { witness = newWitness; }
 
 void MapBase::cleanup() { requireWritable("cleanup"); }
 void MapBase::validateFiles() const { requireWritable("validateFiles"); }

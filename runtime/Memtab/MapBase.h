@@ -65,10 +65,15 @@ class MapBase : public Zol::Entity, protected StoreListener {
   void validateFiles() const;
   void validate() const;
 
+  // Who is told of damage, beside the trace: table and what was found. Null: nobody.
+  using DamageWitness = void (*)(const std::string& table, const std::string& message);
+  static void damageWitnessIs(DamageWitness witness);
+
   // Notified with NoKey when the ready flag changes.
   Zol::Channel<Zol::NoKey>& readyChannel() const { return readyChannel_; }
 
  protected:
+  void handleTrouble(const std::string& what) override { corruptionDetected(what); }
   void requireWritable(const char* operation) const;
   [[noreturn]] void raiseCorruption(const std::string& what) const;
   virtual std::uint64_t sequence() const { return store_->reader().sequence(); }

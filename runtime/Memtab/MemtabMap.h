@@ -117,6 +117,17 @@ class MemtabMap : public Base {
   }
   bool has(const Key& key) const { return lookup(key).has_value(); }
 
+  // Whether no look-up can tell now if there is a record: damage to more than the record, or a writer that is too fast.
+  bool hides(const Key& key) const {
+    if (this->isPlaceholder()) {
+      return false;
+    }
+    const Bytes bytes = encodedKey(key);
+    const Lookup found = this->store().get(this->collection(), hashOfKey(bytes), bytes);
+    return found.state == Found::recovering ||
+           (found.state == Found::damaged && (found.damage.block == 0 || this->store().reader().isDamaged()));
+  }
+
   // Writes the record under its key; false when it stands already, exactly so. Raises RangeException, with nothing
   // written, for a record that this map refuses, and NoSpace when the region cannot grow.
   bool entryIs(const Record& record) {

@@ -91,6 +91,26 @@ Reader::Chain Reader::walk(unsigned collection, uint64_t hash) const {
   return chain;
 }
 
+const char* Reader::hiddenPart(unsigned collection) const {
+  const char* found = view_.isDamaged() ? bytesLost : nullptr;
+  int tries = 0;
+  for (uint64_t hash = 0; found == nullptr && tries < triesMax;) {
+    const Chain chain = walk(collection, hash);
+    if (!chain.isCurrent()) {
+      ++tries;
+      continue;
+    }
+    found = chain.damage;
+    const unsigned depth = chain.slots == nullptr ? 0 : chain.segment().depth;
+    const uint64_t last = depth == 0 ? ~uint64_t{0} : hash | ~uint64_t{0} >> depth;
+    if (last == ~uint64_t{0}) {
+      break;
+    }
+    hash = last + 1;
+  }
+  return found;
+}
+
 Lookup Reader::get(unsigned collection, uint64_t hash, Bytes key, Buffer& buffer) const {
   Lookup result;
   for (int tries = 0; tries < triesMax; ++tries) {

@@ -92,6 +92,10 @@ class Reader {
   size_t entries(unsigned collection) const { return header(entriesAt + 8 * size_t{collection}); }
   uint64_t sequence() const { return header(sequenceAt); }
   bool ready() const { return header(readyAt) == 1; }
+  // Whether bytes of the region were lost; see BusGuard.h.
+  bool isDamaged() const { return view_.isDamaged(); }
+  // Why some keys of the collection, or all, cannot be told from absent ones; nullptr: they all can. O(directory).
+  const char* hiddenPart(unsigned collection) const;
   uint64_t fingerprint() const { return header(fingerprintAt); }
   // Differs after another writer has taken the table over.
   uint64_t epoch() const { return header(epochAt); }

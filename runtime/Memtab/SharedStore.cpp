@@ -12,9 +12,10 @@ namespace {
 constexpr std::size_t blankBytes = std::size_t{64} << 10;
 constexpr unsigned blankRingSlotsLog2 = 3;
 
-std::unique_ptr<Store> storeIn(Region region, const StoreLayout& layout) {
-  return std::make_unique<Store>(std::move(region), layout.fingerprint, layout.hashes,
-                                 StoreOptions{.referred = layout.referred, .owner = Owner::ofThisProcess()});
+std::unique_ptr<Store> storeIn(Region region, const StoreLayout& layout, std::uint64_t sequence = 0) {
+  return std::make_unique<Store>(
+      std::move(region), layout.fingerprint, layout.hashes,
+      StoreOptions{.referred = layout.referred, .owner = Owner::ofThisProcess(), .sequence = sequence});
 }
 
 // A table in the file; bytes that turn out to be none are set aside for a new one.
@@ -61,13 +62,59 @@ void SharedStore::tell(const Changed& changed) const {
 }
 
 FileStore::FileStore(const std::string& stateDirectory, const std::string& name, const StoreLayout& layout)
-    : FileStore(std::make_unique<WriterFile>(stateDirectory, name, layout.fingerprint, layout.hashes.size()), layout) {}
+    : FileStore(std::make_unique<WriterFile>(stateDirectory, name, layout.fingerprint, layout.hashes.size()),
+                stateDirectory, name, layout) {}
 
-FileStore::FileStore(std::unique_ptr<WriterFile> file, const StoreLayout& layout)
-    : SharedStore(storeIn(*file, layout)), file_(std::move(file)) {
+FileStore::FileStore(std::unique_ptr<WriterFile> file, const std::string& stateDirectory, const std::string& name,
+                     const StoreLayout& layout)
+    : SharedStore(storeIn(*file, layout)),
+      stateDirectory_(stateDirectory),
+      name_(name),
+      fingerprint_(layout.fingerprint),
+      referred_(layout.referred),
+      hashes_(layout.hashes.begin(), layout.hashes.end()),
+      file_(std::move(file)) {
   if (file_->isNew()) {
     file_->publish();
   }
+}
+
+void FileStore::mend() {
+  if (store().isDamaged() || file_->bytes() < store().bytesMapped()) {
+    throw CorruptionException(file_->path() + ": " + bytesLost);
+  }
+  try {
+    requireCompatible(store().view(), fingerprint_, hashes_.size());
+  } catch (const IncompatibleTable& spoilt) {
+    throw CorruptionException(file_->path() + ": " + spoilt.what());
+  }
+  if (!file_->isReplaced()) {
+    return;
+  }
+  auto file = std::make_unique<WriterFile>(stateDirectory_, name_, fingerprint_, hashes_.size());
+  if (!file->isNew()) {
+    file->setAside("it stood in the place of a table in use");
+  }
+  std::unique_ptr<Store> copy = copyIn(*file);
+  file->publish();
+  store().close();
+  previous_ = storeIs(std::move(copy));
+  file_ = std::move(file);
+}
+
+std::unique_ptr<Store> FileStore::copyIn(WriterFile& file) {
+  std::unique_ptr<Store> copy = storeIn(file.region(), {fingerprint_, hashes_, referred_}, store().sequence());
+  for (unsigned collection = 0; collection < hashes_.size(); ++collection) {
+    Cursor cursor = store().cursor(collection);
+    for (Cursor::Step step = cursor.next(); step != Cursor::Step::end; step = cursor.next()) {
+      if (step != Cursor::Step::entry) {
+        throw CorruptionException(file.path() + ": " + cursor.damage().text());
+      }
+      copy->put(collection, cursor.hash(), cursor.key(), cursor.record());
+    }
+  }
+  copy->readyIs(store().ready());
+  return copy;
 }
 
 MirrorStore::MirrorStore(const std::string& stateDirectory, const std::string& name, const StoreLayout& layout)
@@ -88,9 +135,12 @@ MirrorStore::MirrorStore(const std::string& stateDirectory, const std::string& n
 std::unique_ptr<ReaderFile> MirrorStore::open() {
   trouble_.clear();
   try {
-    return std::make_unique<ReaderFile>(stateDirectory_, name_, fingerprint_, hashes_.size(),
-                                        directoryOwner(stateDirectory_));
+    auto file = std::make_unique<ReaderFile>(stateDirectory_, name_, fingerprint_, hashes_.size(),
+                                             directoryOwner(stateDirectory_));
+    trouble_ = hiddenPart(*file);
+    return file;
   } catch (const FileAbsent&) {
+    trouble_ = current_ == nullptr ? "" : "its file is gone";
     return nullptr;
   } catch (const Zol::Exception& refused) {
     trouble_ = refused.what();
@@ -107,23 +157,48 @@ void MirrorStore::bind(std::unique_ptr<ReaderFile> file) {
   }
 }
 
+std::string MirrorStore::hiddenPart(const ReaderFile& file) const {
+  const Reader reader(file.view(), hashes_);
+  for (unsigned collection = 0; collection < hashes_.size(); ++collection) {
+    if (const char* const what = reader.hiddenPart(collection)) {
+      return "collection " + std::to_string(collection) + ": " + what;
+    }
+  }
+  return "";
+}
+
 void MirrorStore::rescan() {
-  if (next_ != nullptr ? !next_->isReplaced() : current_ != nullptr && !current_->isReplaced()) {
+  if (next_ != nullptr && !next_->isReplaced()) {
     return;
   }
-  next_ = open();
-  if (next_ != nullptr && current_ == nullptr) {
-    bind(std::move(next_));
+  const std::string before = trouble_;
+  std::unique_ptr<ReaderFile> file = open();
+  next_ = nullptr;
+  if (file != nullptr && current_ == nullptr) {
+    bind(std::move(file));
+  } else if (file != nullptr && !file->isSameAs(*current_)) {
+    next_ = std::move(file);
+  }
+  if (trouble_ != before && !trouble_.empty()) {
+    for (const auto& [collection, listener] : listeners()) {
+      listener->handleTrouble(trouble_);
+    }
   }
 }
 
+// A file parts of which cannot be read does not take the place of one that can be, or could.
+bool MirrorStore::isNextComplete() const {
+  return next_ != nullptr && Reader(next_->view(), hashes_).ready() && hiddenPart(*next_).empty();
+}
+
 bool MirrorStore::hasNews() const {
-  return (next_ != nullptr && Reader(next_->view(), hashes_).ready()) ||
+  return isNextComplete() ||
          std::any_of(listeners().begin(), listeners().end(), [](const auto& each) { return each.second->hasNews(); });
 }
 
 bool MirrorStore::poll(std::size_t maxKeys) {
-  if (next_ != nullptr && Reader(next_->view(), hashes_).ready()) {
+  if (isNextComplete()) {
+    trouble_.clear();
     bind(std::move(next_));
   }
   bool isMore = false;

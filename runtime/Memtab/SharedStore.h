@@ -34,6 +34,8 @@ class StoreListener {
   virtual bool hasNews() const = 0;
   // The store reads another file now.
   virtual void handleReader() = 0;
+  // The file as a whole cannot be read any more.
+  virtual void handleTrouble(const std::string& what) = 0;
 
  protected:
   ~StoreListener() = default;
@@ -95,6 +97,11 @@ class SharedStore : public Zol::PtrInterface {
   explicit SharedStore(const Reader* reader) : reader_(reader) {}
 
   const std::vector<std::pair<unsigned, StoreListener*>>& listeners() const { return listeners_; }
+  // Another store with the same records; the old one.
+  std::unique_ptr<Store> storeIs(std::unique_ptr<Store> store) {
+    reader_ = &store->reader();
+    return std::exchange(store_, std::move(store));
+  }
 
  private:
   std::unique_ptr<Store> store_;
@@ -159,10 +166,23 @@ class FileStore final : public SharedStore {
   // Why the file that stood there was set aside; empty: none was.
   const std::string& asideReason() const { return file_->asideReason(); }
 
- private:
-  FileStore(std::unique_ptr<WriterFile> file, const StoreLayout& layout);
+  // Makes the file again, with the same records and the sequence going on, when its path names another one or none;
+  // what stands in its place is set aside. Not inside change(). Throws CorruptionException when bytes of the table are
+  // lost, which the path's next store sets aside, and what the constructor throws; then nothing has changed.
+  void mend();
 
+ private:
+  FileStore(std::unique_ptr<WriterFile> file, const std::string& stateDirectory, const std::string& name,
+            const StoreLayout& layout);
+  std::unique_ptr<Store> copyIn(WriterFile& file);
+
+  const std::string stateDirectory_;
+  const std::string name_;
+  const std::uint64_t fingerprint_;
+  const std::uint32_t referred_;
+  const std::vector<HashFn> hashes_;
   std::unique_ptr<WriterFile> file_;
+  std::unique_ptr<Store> previous_;  // of the file before; walks under way may still read it
 };
 
 // Of a table that another process writes. Without a file it is empty; a file that comes is read from then on. A file
@@ -175,10 +195,14 @@ class MirrorStore final : public SharedStore {
   bool isBound() const { return current_ != nullptr; }
   // Whether a writer has the file that is read.
   bool isOwned() const { return current_ != nullptr && current_->isOwned(); }
-  // Why the file at the path is not read; empty: it is, or there is none.
+  // Why the file at the path is not read, or only in part, or why what is read is not there any more. Empty: nothing
+  // is the matter, or there is none and never was. As of the last rescan().
   const std::string& trouble() const { return trouble_; }
+  // Whether what is read is what the path names, as far as is known.
+  bool isCurrent() const { return current_ != nullptr && next_ == nullptr && trouble_.empty(); }
 
-  // Looks whether the path names another file. Called when the directory has changed.
+  // Looks whether the path names another file, and whether all of it can be read; the maps hear of trouble that is
+  // new. Called when the directory has changed.
   void rescan();
 
   bool hasNews() const;
@@ -188,6 +212,8 @@ class MirrorStore final : public SharedStore {
  private:
   std::unique_ptr<ReaderFile> open();
   void bind(std::unique_ptr<ReaderFile> file);
+  std::string hiddenPart(const ReaderFile& file) const;
+  bool isNextComplete() const;
 
   const std::string stateDirectory_;
   const std::string name_;

@@ -41,6 +41,7 @@ struct StoreOptions {
   uint32_t referred = 0;        // one bit for each collection that records of others refer to
   Owner owner = {};             // shown to readers
   size_t bytesKept = 1 << 20;   // a region of up to this size is not made smaller
+  uint64_t sequence = 0;        // what a new table begins with
 };
 
 // What was found in a region that a table stood in already.

@@ -36,7 +36,11 @@ void BasicStore<Stores>::create(uint64_t fingerprint) {
   pen_.store(fingerprintAt, fingerprint);
   pen_.store(epochAt, 1);
   pen_.store(readyAt, 0);
-  pen_.store(intentAt, 0);
+  pen_.store(intentAt, options_.sequence);
+  if (options_.sequence != 0) {
+    pen_.store(sequenceAt, options_.sequence);
+    changes_.sequenceIs(options_.sequence);
+  }
   ownerIs(options_.owner);
   for (unsigned i = 0; i < indexes_.size(); ++i) {
     indexes_[i].create();

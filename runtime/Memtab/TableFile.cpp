@@ -94,6 +94,11 @@ bool TableFile::isReplaced() const {
   return lstat(path_.c_str(), &facts) != 0 || facts.st_dev != device_ || facts.st_ino != inode_;
 }
 
+size_t TableFile::bytes() const {
+  struct stat facts {};
+  return fstat(fd(), &facts) == 0 ? static_cast<size_t>(facts.st_size) : 0;
+}
+
 std::unique_ptr<FileView> TableFile::checkedView(uint64_t fingerprint, size_t collections, size_t bytesMax) const {
   struct stat facts {};
   if (fstat(fd(), &facts) != 0 || facts.st_size < static_cast<off_t>(headerBytes)) {

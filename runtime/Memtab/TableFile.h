@@ -36,6 +36,9 @@ class TableFile {
   const std::string& path() const { return path_; }
   // Whether the path names another file by now, or none. A few microseconds.
   bool isReplaced() const;
+  bool isSameAs(const TableFile& other) const { return device_ == other.device_ && inode_ == other.inode_; }
+  // How long the file is now.
+  size_t bytes() const;
 
  protected:
   TableFile(const std::string& stateDirectory, const std::string& name) : path_(stateDirectory + "/" + name) {}

@@ -13,7 +13,8 @@
 namespace Statehub {
 namespace {
 
-constexpr std::uint32_t placesChanged = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_ONLYDIR;
+constexpr std::uint32_t placesChanged =
+    IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
 
 [[noreturn]] void fail(const std::string& what) {
   throw Zol::InternalException("no watch on " + what + ": " + std::strerror(errno));
@@ -22,24 +23,33 @@ constexpr std::uint32_t placesChanged = IN_CREATE | IN_DELETE | IN_MOVED_FROM | 
 }  // namespace
 
 DirectoryWatch::DirectoryWatch(const std::string& stateDirectory, const std::vector<std::string>& paths)
-    : inotify_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
+    : stateDirectory_(stateDirectory), paths_(paths), inotify_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
   if (!inotify_) {
     fail(stateDirectory);
   }
-  for (const std::string& path : paths) {
-    // The directory of any name in it.
-    Memtab::placeOf(stateDirectory, path + "/any", true, Memtab::directoryOwner(stateDirectory));
-    const std::string directory = stateDirectory + "/" + path;
-    if (inotify_add_watch(inotify_.get(), directory.c_str(), placesChanged) < 0) {
+  watch();
+}
+
+// The state directory itself has the FIFOs of the doorbell, each byte in which would count as a change of contents.
+void DirectoryWatch::watch() {
+  const auto watchOne = [this](const std::string& directory, std::uint32_t events) {
+    if (inotify_add_watch(inotify_.get(), directory.c_str(), events) < 0) {
       fail(directory);
     }
+  };
+  for (const std::string& path : paths_) {
+    // The directory of any name in it.
+    Memtab::placeOf(stateDirectory_, path + "/any", true, Memtab::directoryOwner(stateDirectory_));
+    watchOne(stateDirectory_ + "/" + path, placesChanged | IN_MODIFY);
   }
+  watchOne(stateDirectory_, placesChanged);
 }
 
 void DirectoryWatch::answer() {
   std::array<char, 4096> events;
   while (read(inotify_.get(), events.data(), events.size()) > 0) {
   }
+  watch();
 }
 
 }  // namespace Statehub

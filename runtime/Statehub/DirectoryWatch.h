@@ -1,4 +1,5 @@
-// DirectoryWatch: tells when files below a state directory are made, removed, or take each other's places.
+// DirectoryWatch: tells when files below a state directory are made, removed, made shorter or given other rights, or
+// take each other's places. Directories that go, the state directory too, are made again and watched.
 #pragma once
 
 #include <string>
@@ -16,9 +17,14 @@ class DirectoryWatch {
 
   // Readable when something happened since the last answer().
   int fd() const { return inotify_.get(); }
+  // Watches what stands at the paths now. Raises as the constructor does, and may then be called again.
   void answer();
 
  private:
+  void watch();
+
+  const std::string stateDirectory_;
+  const std::vector<std::string> paths_;
   Memtab::Descriptor inotify_;
 };
 

@@ -37,18 +37,18 @@ void EntityManager::doMount(const std::string& path, const std::string& typeName
 }
 
 auto EntityManager::mount(const std::string& path, const std::string& typeName, Access access) -> Mounted {
-  Mounted mounted{typeName, access, nullptr, nullptr};
+  Mounted mounted{typeName, access, nullptr, nullptr, nullptr};
   const auto source = [&](const Memtab::StoreLayout& layout) -> Zol::Ptr<Memtab::SharedStore> {
     if (stateDirectory_.empty()) {
       return Zol::make<Memtab::SharedStore>(layout);
     }
     if (access == Access::write) {
-      const auto store = Zol::make<Memtab::FileStore>(stateDirectory_, path, layout);
+      mounted.file = Zol::make<Memtab::FileStore>(stateDirectory_, path, layout);
       if (ringer_ == nullptr) {
         ringer_ = std::make_shared<Memtab::DoorbellRinger>(stateDirectory_);
       }
-      store->ringerIs(ringer_);
-      return store;
+      mounted.file->ringerIs(ringer_);
+      return mounted.file;
     }
     mounted.mirror = Zol::make<Memtab::MirrorStore>(stateDirectory_, path, layout);
     return mounted.mirror;
@@ -81,7 +81,12 @@ void EntityManager::rescan() {
   for (const auto& [path, mounted] : mounted_) {
     if (mounted.mirror != nullptr) {
       mounted.mirror->rescan();
+    } else if (mounted.file != nullptr) {
+      mounted.file->mend();
     }
+  }
+  if (ringer_ != nullptr) {
+    ringer_->mend();
   }
 }
 

@@ -84,7 +84,8 @@ class EntityManager : public Zol::PtrInterface {
   // The file that is read at path; null when path is not mounted for reading from a directory.
   const Memtab::MirrorStore* mirror(const std::string& path) const;
 
-  // Files may have come, gone, or taken each other's places.
+  // Files may have come, gone, or taken each other's places. Those that are written here are made again when they are
+  // gone. Throws CorruptionException when bytes of such a file are lost, and what mounting throws.
   void rescan();
   // Whether other processes changed something that poll() has not told of.
   bool hasNews() const;
@@ -96,6 +97,7 @@ class EntityManager : public Zol::PtrInterface {
     std::string typeName;
     Access access;
     Zol::Ptr<Memtab::MirrorStore> mirror;  // null unless read from a directory
+    Zol::Ptr<Memtab::FileStore> file;      // null unless written to a directory
     Zol::Ptr<Zol::Entity> entity;
   };
   Mounted mount(const std::string& path, const std::string& typeName, Access access);

@@ -14,9 +14,9 @@ TableFeed::FeedTask::FeedTask(const Zol::Ptr<Quor::TaskScheduler>& scheduler, Ta
     : TimerTask(scheduler, backlogPriority, "TableFeed"), feed_(feed) {}
 
 void TableFeed::FeedTask::run() {
-  if (!feed_.bell_.isSound()) {  // nobody can wake us: look by ourselves until the bell is mended
+  if (!feed_.isSound()) {  // nobody can wake us: look by ourselves until that is mended
     feed_.rescan();
-    if (!feed_.bell_.isSound()) {
+    if (!feed_.isSound()) {
       scheduleTaskLowestDelay(Memtab::DoorbellListener::secondsUnsound);
     }
   }
@@ -68,9 +68,19 @@ bool TableFeed::mayFallAsleep() {
 }
 
 void TableFeed::rescan() {
-  directoryWatch_.answer();
-  bell_.mend();
-  entityManager_->rescan();
+  trouble_.clear();
+  try {
+    directoryWatch_.answer();
+    bell_.mend();
+    entityManager_->rescan();
+  } catch (const Memtab::CorruptionException&) {
+    throw;
+  } catch (const Zol::Exception& refused) {
+    trouble_ = refused.what();
+  }
+  if (!isSound()) {
+    task_.scheduleTaskLowestDelay(Memtab::DoorbellListener::secondsUnsound);
+  }
   if (rescanned_) {
     rescanned_();
   }

@@ -21,7 +21,8 @@ namespace Statehub {
 class TableFeed final : public Quor::NewsSource {
  public:
   // entityManager has a state directory, whose subdirectories at paths are watched for files. The loop, which outlives
-  // the feed, is given it as its news source by whoever makes it. Raises what the doorbell and the watch raise.
+  // the feed, is given it as its news source by whoever makes it. Raises what the doorbell and the watch raise. Out of
+  // the loop comes CorruptionException when bytes of a table that is written here are lost.
   TableFeed(Zol::Ptr<EntityManager> entityManager, const Zol::Ptr<Quor::TaskScheduler>& scheduler,
             Quor::EventLoop& loop, const std::vector<std::string>& paths);
   TableFeed(const TableFeed&) = delete;
@@ -31,6 +32,11 @@ class TableFeed final : public Quor::NewsSource {
   void look() override;
   bool mayFallAsleep() override;
   void awake() override { bell_.awake(); }
+
+  // Looks at the paths again, and makes anew what is written here and gone.
+  void rescan();
+  // Why the directory cannot be watched or written; it is tried again every second. Empty: it can be.
+  const std::string& trouble() const { return trouble_; }
 
   // Called after the paths have been looked at again, on the loop's thread.
   void rescannedCallbackIs(Quor::EventLoop::Callback callback) { rescanned_ = std::move(callback); }
@@ -45,13 +51,14 @@ class TableFeed final : public Quor::NewsSource {
     TableFeed& feed_;
   };
 
-  void rescan();
+  bool isSound() const { return trouble_.empty() && bell_.isSound(); }
 
   const Zol::Ptr<EntityManager> entityManager_;
   Quor::EventLoop& loop_;
   DirectoryWatch directoryWatch_;
   Memtab::DoorbellListener bell_;
   FeedTask task_;
+  std::string trouble_;
   Quor::EventLoop::Callback rescanned_;
 };
 
