@@ -38,6 +38,15 @@ Memtab::Descriptor signalDescriptor() {
   return Memtab::Descriptor(signalfd(-1, &answered, SFD_NONBLOCK | SFD_CLOEXEC));
 }
 
+std::vector<std::string> directoriesOfAllTables() {
+  return {"tunnel",
+          "tunnel/table",
+          "tunnel/status",
+          "tunnel/protocolTunnelRibs",
+          "tunnel/tunnelRibs",
+          "tunnel/tunnelRibs/status"};
+}
+
 AgentConfig configOf(const ServeOptions& options) {
   std::istringstream none;
   return options.configFile.empty() ? readConfig(none, "") : readConfigFile(options.configFile);
@@ -81,8 +90,8 @@ ServeCommand::ServeCommand(ServeOptions options)
   forEachNamedTable([this](auto named) { host_.tables().table<typename decltype(named)::Table>()->follow(); });
   declaration_->follow();
   declarationListener_.channelIs(&declaration_->entryChannel());
-  feed_ = std::make_unique<Statehub::TableFeed>(host_.entityManager(), host_.scheduler(), loop_,
-                                                std::vector<std::string>{"tunnel/table", "tunnel"});
+  feed_ =
+      std::make_unique<Statehub::TableFeed>(host_.entityManager(), host_.scheduler(), loop_, directoriesOfAllTables());
   const auto lookForTrouble = [this] { troubles_.look(feed_->trouble()); };
   feed_->rescannedCallbackIs(lookForTrouble);
   lookForTrouble();
