@@ -16,7 +16,7 @@ namespace Agent {
 namespace {
 
 constexpr unsigned limitPriority = 2;
-constexpr unsigned secondsBeforeNewBeginning = 1;
+constexpr useconds_t microsecondsBeforeNewBeginning = 100'000;  // whoever spoils tables all the time gets no more
 
 // The same damage is met again and again until it is mended; one line is enough, and a file says it too.
 void logDamage(const std::string& table, const std::string& message) {
@@ -269,7 +269,7 @@ void ServeLoop::run() {
       return;
     } catch (const Memtab::CorruptionException& lost) {
       log(LogLevel::error, std::string("a table of the agent is damaged: ") + lost.what() + "; beginning anew");
-      sleep(secondsBeforeNewBeginning);
+      usleep(microsecondsBeforeNewBeginning);
     }
   }
 }

@@ -1,6 +1,7 @@
 // The agent as a daemon, with publishers as processes of their own.
 
 #include <random>
+#include <set>
 
 #include "agent/FibView.h"
 #include "tests/tools/Played.h"
@@ -20,15 +21,23 @@ struct Scenario {
   bool isLong = false;  // too long to be looked at after every settle, but with SERVE_EVERY_SETTLE set
 };
 
+std::ostream& operator<<(std::ostream& out, const Scenario& scenario) { return out << scenario.name; }
+
 std::vector<Scenario> sharedScenarios() {
   std::vector<Scenario> all = {{"abilene", exampleFile("abilene")},
                                {"captured_isp", exampleFile("captured-isp")},
                                {"geant", exampleFile("geant"), true},
                                {"cogent", exampleFile("cogent"), true},
                                {"kdl", exampleFile("kdl"), true}};
+  // Configuration that is refused, tables that the agent is told to withdraw, and tunnels of which the first to come
+  // find a place are no matter of publishers.
+  const std::set<std::string> others = {"custom-rib-before-table", "unmount-while-waiting", "too-many-for-a-tep"};
   for (const auto& hazard : std::filesystem::directory_iterator(std::string(TEST_DATA_DIR) + "/hazards")) {
-    all.push_back({hazard.path().stem().string(), hazard.path().string()});
-    std::replace(all.back().name.begin(), all.back().name.end(), '-', '_');
+    const std::string name = hazard.path().stem().string();
+    if (!others.contains(name)) {
+      all.push_back({name, hazard.path().string()});
+      std::replace(all.back().name.begin(), all.back().name.end(), '-', '_');
+    }
   }
   return all;
 }
@@ -47,9 +56,6 @@ class ServeScenario : public testing::TestWithParam<Scenario>, protected Router 
 
 TEST_P(ServeScenario, processesReachWhatOneProcessReachesAndARestartWritesNothing) {
   const Played played(GetParam().file);
-  if (!played.end().isWhole) {
-    GTEST_SKIP() << "ends with a table withdrawn";
-  }
   const bool steps = !GetParam().isLong || std::getenv("SERVE_EVERY_SETTLE") != nullptr;
   configure((steps ? played.settled.front() : played.end()).config);
   const std::vector<std::string> config = {"--config", scratch() / "rib.jsonl"};
