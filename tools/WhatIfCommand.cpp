@@ -168,11 +168,10 @@ int runEach(const WhatIfOptions& options) {
 
 int runWhatIf(const WhatIfOptions& options) {
   StateReading reading(options.stateDirectory);
-  const Shadow before(reading);
   Shadow after(reading);
   change(after, options);
   Report report(options);
-  compareStates(before.host(), after.host(), [&](const Difference& each) { report.add(each); });
+  compareStates(reading.state(), after.host(), [&](const Difference& each) { report.add(each); });
   report.end();
   return exitDone;
 }
