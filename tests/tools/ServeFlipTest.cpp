@@ -101,7 +101,8 @@ TEST_F(ServeFlip, everybodyLivesAndReportsAndTheNextPublisherPutsItRight) {
     std::filesystem::remove(scratch() / "agent.log");
     Support::Process agent = serve();
     ASSERT_EQ(publishAll({scenario}), 0) << Support::contentsOf(scratch() / "publish.log");
-    ASSERT_TRUE(Support::becomes([&] { return comparable(document()) == expected; }))
+    ASSERT_TRUE(agent.says("ready", 60)) << agentLog();
+    ASSERT_TRUE(Support::becomes([&] { return comparable(document()) == expected; }, 60))
         << agentLog() << comparable(document()).dump(1);
     ASSERT_EQ(agent.stop(), 0) << agentLog();
     if (HasFailure()) {
