@@ -79,7 +79,9 @@ int showRibs(const ListOptions& options) {
   const Agent::StatusReader& status = reading.status();
   Rows rows(std::cout, options.isJson, "ribs",
             {"rib", "id", "endpoints", "sequence", "state", "BGP at sequence", "tables (preference)"}, options.limit);
-  for (const auto& [id, line] : status.ribs()) {
+  for (const auto& each : status.ribs()) {
+    const Model::TunnelRibId id = each.first;
+    const Agent::RibLine& line = each.second;
     const auto rib = reading.state().rib(id);
     const std::string state = rib && rib->collectionReady() ? "complete" : "incomplete";
     const auto seqno = convergedAt(reading.state(), id);
@@ -127,7 +129,9 @@ int showConvergence(const ListOptions& options) {
   }
   Rows rows(std::cout, options.isJson, "ribs", {"rib", "id", "follows BGP at sequence"}, options.limit,
             {{"bgpLu", seqnoJson(declared)}});
-  for (const auto& [id, line] : status.ribs()) {
+  for (const auto& each : status.ribs()) {
+    const Model::TunnelRibId id = each.first;
+    const Agent::RibLine& line = each.second;
     const auto seqno = convergedAt(reading.state(), id);
     const bool isMore = rows.add(
         line.name,
