@@ -64,10 +64,13 @@ void putInPlace(const Path& file, const std::string& bytes) {
   std::filesystem::rename(aside, file);
 }
 
+// In one step: who writes the table makes it again as soon as the name is free.
 void linkAway(const Path& file) {
   const std::string elsewhere = file.string() + ".elsewhere";
-  std::filesystem::rename(file, elsewhere);
-  std::filesystem::create_symlink(elsewhere, file);
+  const std::string aside = file.string() + ".link";
+  std::filesystem::create_hard_link(file, elsewhere);
+  std::filesystem::create_symlink(elsewhere, aside);
+  std::filesystem::rename(aside, file);
 }
 
 // While somebody makes things again in it.
@@ -118,6 +121,12 @@ std::vector<Spoiling> both() {
   std::vector<Spoiling> all(std::begin(ofOneFile), std::end(ofOneFile));
   all.insert(all.end(), std::begin(ofDirectories), std::end(ofDirectories));
   return all;
+}
+// Without those that are met when the table is read next: its writer does not read it.
+std::vector<Spoiling> noticed() {
+  std::vector<Spoiling> some = both();
+  std::erase_if(some, [](const Spoiling& each) { return !each.isNoticed; });
+  return some;
 }
 
 class ServeDamage : public testing::TestWithParam<Spoiling>, protected Router {
@@ -186,9 +195,6 @@ class ServeDamagedOutput : public ServeDamage {};
 
 // Fails if the agent stops, goes on writing where nobody reads, or loses an entry.
 TEST_P(ServeDamagedOutput, isMadeAnew) {
-  if (!GetParam().isNoticed) {
-    GTEST_SKIP() << "met when it is read next";
-  }
   const std::string lines = std::string(staticLines) + ldpLines;
   std::vector<std::string> tables = {"tunnel/tunnelFib"};
   if (std::string(GetParam().name) == "emptied" || std::string(GetParam().name) == "removed") {
@@ -207,7 +213,7 @@ TEST_P(ServeDamagedOutput, isMadeAnew) {
     EXPECT_EQ(agent.stop(), 0) << table << agentLog();
   }
 }
-INSTANTIATE_TEST_SUITE_P(, ServeDamagedOutput, testing::ValuesIn(both()),
+INSTANTIATE_TEST_SUITE_P(, ServeDamagedOutput, testing::ValuesIn(noticed()),
                          [](const auto& spoiling) { return spoiling.param.name; });
 
 }  // namespace
