@@ -7,7 +7,8 @@ set -euo pipefail
 source_dir=$1
 PATH=$2:$PATH
 scratch=$(mktemp -d)
-trap 'kill "${agent-}" 2>/dev/null || true; rm -rf "$scratch"' EXIT
+# An agent makes again what is removed under it: it ends first.
+trap 'kill ${agent-} 2>/dev/null || true; wait; rm -rf "$scratch"' EXIT
 # shellcheck source=/dev/null
 source "$source_dir/packaging/completion/tunnel-agent.bash"
 failed=0
