@@ -87,10 +87,13 @@ class Lab {
       execl(TUNNEL_AGENT_PATH, TUNNEL_AGENT_PATH, "serve", "--state-dir", directory_.c_str(), nullptr);
       _exit(127);
     }
-    for (std::stringstream text; text.str().find("ready") == std::string::npos; text.str("")) {
+    for (std::string said; said.find("ready") == std::string::npos;) {
       usleep(1000);
+      std::stringstream text;
       text << std::ifstream(log_).rdbuf();
+      said = text.str();
     }
+    reader_.entityManager()->rescan();  // the agent has made its files
   }
   // Its CPU time in seconds.
   double stopAgent(int signal) const {
