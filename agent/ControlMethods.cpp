@@ -62,6 +62,9 @@ OrderedJson configApply(ControlTarget& target, const JsonField& params) {
   }
   std::istringstream in(text.text());
   AgentConfig config = readConfig(in, name);
+  if (!target.isConfigurable()) {
+    throw ScenarioError(name, "tables cannot be read now, see the agent's log; the configuration stays as it was");
+  }
   const AgentConfig before = target.config();
   const OrderedJson result = {{"ribs", config.size()},
                               {"added", missingOf(config, before)},

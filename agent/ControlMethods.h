@@ -14,6 +14,8 @@ class ControlTarget {
   virtual const AgentConfig& config() const = 0;
   // Where it came from: the file, "default", or "control".
   virtual std::string configSource() const = 0;
+  // False while tables cannot be read: RIBs that are configured anew are built from the tables alone.
+  virtual bool isConfigurable() const = 0;
   // The RIBs follow in tasks.
   virtual void configIs(AgentConfig config, const std::string& source) = 0;
   virtual OrderedJson stats() const = 0;

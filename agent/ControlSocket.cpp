@@ -25,6 +25,12 @@ constexpr mode_t modeMask = 0117;                // leaves 0660
   throw Zol::InternalException(path + ": " + what + ": " + std::strerror(errno));
 }
 
+// 0: nothing is there.
+ino_t inodeOf(const std::string& path) {
+  struct stat facts {};
+  return lstat(path.c_str(), &facts) == 0 ? facts.st_ino : 0;
+}
+
 bool isTryAgain() { return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR; }
 
 }  // namespace
@@ -51,7 +57,9 @@ ControlSocket::~ControlSocket() {
   if (isListenerWatched_) {
     loop_.fdDel(listener_.get());
   }
-  unlink(path_.c_str());
+  if (isInPlace()) {
+    unlink(path_.c_str());
+  }
 }
 
 void ControlSocket::listen(const std::string& stateDirectory) {
@@ -72,7 +80,10 @@ void ControlSocket::listen(const std::string& stateDirectory) {
   if (::listen(listener_.get(), static_cast<int>(clientsMax)) != 0) {
     fail(path_, "nobody can connect");
   }
+  inode_ = inodeOf(path_);
 }
+
+bool ControlSocket::isInPlace() const { return inodeOf(path_) == inode_; }
 
 void ControlSocket::watchListener() {
   loop_.fdIs(listener_.get(), [this] { handleConnection(); });

@@ -11,6 +11,8 @@
 // A client that breaks the form (a line too long, or without an end) is told so and dropped. Scheduler thread only.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -42,6 +44,9 @@ class ControlSocket {
   ControlSocket& operator=(const ControlSocket&) = delete;
   // Removes the socket.
   ~ControlSocket();
+
+  // Whether the path still leads to it.
+  bool isInPlace() const;
 
   struct Counters {
     std::uint64_t connections = 0;
@@ -85,6 +90,7 @@ class ControlSocket {
   void armDeadline();
 
   const std::string path_;
+  ino_t inode_ = 0;
   Quor::EventLoop& loop_;
   const Answer answer_;
   Memtab::Descriptor listener_;

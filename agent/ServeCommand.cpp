@@ -92,12 +92,14 @@ ServeCommand::ServeCommand(ServeOptions options)
   declarationListener_.channelIs(&declaration_->entryChannel());
   feed_ =
       std::make_unique<Statehub::TableFeed>(host_.entityManager(), host_.scheduler(), loop_, directoriesOfAllTables());
-  const auto lookForTrouble = [this] { troubles_.look(feed_->trouble()); };
-  feed_->rescannedCallbackIs(lookForTrouble);
-  lookForTrouble();
+  const auto handleRescan = [this] {
+    troubles_.look(feed_->trouble());
+    mendControlSocket();
+  };
+  feed_->rescannedCallbackIs(handleRescan);
+  handleRescan();
   loop_.newsSourceIs(this);
   loop_.fdIs(signals_.get(), [this] { handleSignal(); });
-  openControlSocket();
   applyConfig(config_, *host_.ribConfigs());
   gate_.emplace(host_);
   startIfReady();
@@ -111,9 +113,13 @@ ServeCommand::~ServeCommand() {
   host_.stop();
 }
 
-// An agent that cannot be asked still forwards.
-void ServeCommand::openControlSocket() {
+// An agent that cannot be asked still forwards. Not while the directory is gone: it is made again first.
+void ServeCommand::mendControlSocket() {
+  if (!feed_->trouble().empty() || (control_ && control_->isInPlace())) {
+    return;
+  }
   try {
+    control_.reset();
     control_.emplace(options_.stateDirectory, host_.scheduler(), loop_,
                      [methods = controlMethods(*this)](std::string_view line) { return answerRpc(line, methods); });
   } catch (const Zol::Exception& error) {
@@ -220,11 +226,10 @@ void ServeCommand::handleSignal() {
   }
 }
 
-// RIBs that are configured anew are built from the tables alone.
 void ServeCommand::reload() {
   service_.reloading();
   feed_->rescan();
-  if (!gate_ && !troubles_.canReadAll()) {
+  if (!isConfigurable()) {
     isReloadDue_ = true;
     log(LogLevel::warning, "the configuration will be read when all tables can be read again");
     if (isReady_) {

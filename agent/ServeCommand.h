@@ -66,10 +66,11 @@ class ServeCommand final : private Quor::NewsSource, private ControlTarget {
 
   const AgentConfig& config() const override { return config_; }
   std::string configSource() const override { return configSource_; }
+  bool isConfigurable() const override { return gate_ || troubles_.canReadAll(); }
   void configIs(AgentConfig config, const std::string& source) override;
   OrderedJson stats() const override;
 
-  void openControlSocket();
+  void mendControlSocket();
   void startIfReady();
   void start();
   void handleFirstDrain();

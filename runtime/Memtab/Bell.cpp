@@ -9,7 +9,6 @@
 namespace Memtab {
 namespace {
 
-constexpr const char* fileName = ".bell";
 constexpr uint64_t bellMagic = 0x314C'4C45'424D'4DF5;
 constexpr size_t fileBytes = size_t{64} << 10;  // whole pages of any size in use
 constexpr mode_t fileMode = 0660;               // readers, who may be others of the group, write their slots

@@ -23,6 +23,7 @@ namespace Memtab {
 class Bell {
  public:
   static constexpr unsigned slots = 64;
+  static constexpr const char* fileName = ".bell";  // in the state directory
 
   struct alignas(64) Slot {
     std::atomic<uint64_t> asleep;
@@ -38,6 +39,10 @@ class Bell {
   ~Bell();
 
   std::atomic<uint64_t>& sleepers() const { return shared_->sleepers; }
+  // What sleepers() is once a reader has found that nobody hears this bell any more. All 64 asleep looks the same.
+  static constexpr uint64_t abandoned = ~uint64_t{0};
+  // Whether somebody cut the file short; zeros may stand for sleepers then. A load.
+  bool isDamaged() const { return guard_->isDamaged(); }
   Slot& slot(unsigned n) const { return shared_->slot[n]; }
   // Whether nobody had the slot; then it is ours as long as this bell.
   bool claim(unsigned slot) const;

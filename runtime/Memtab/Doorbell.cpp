@@ -31,14 +31,26 @@ DoorbellRinger::DoorbellRinger(std::string stateDirectory)
 
 void DoorbellRinger::mend() {
   if (!bell_->isSound()) {
-    bell_ = std::make_unique<Bell>(stateDirectory_, Owners{0});
-    fifos_ = {};
+    reopen();
   }
   ring();
 }
 
+void DoorbellRinger::reopen() {
+  bell_ = std::make_unique<Bell>(stateDirectory_, Owners{0});
+  fifos_ = {};
+}
+
 // A sleeper that cannot be reached stays marked, for the next ring to try.
 void DoorbellRinger::wakeSleepers() {
+  const bool isSuspect = bell_->isDamaged() || bell_->sleepers().load() == Bell::abandoned;
+  if (isSuspect && !bell_->isSound()) {
+    try {
+      reopen();
+    } catch (const Zol::Exception&) {
+      return;  // nobody can sleep where there is no bell
+    }
+  }
   uint64_t sleepers = bell_->sleepers().load(std::memory_order_acquire);
   for (; sleepers != 0; sleepers &= sleepers - 1) {
     const auto n = static_cast<unsigned>(std::countr_zero(sleepers));
@@ -82,6 +94,9 @@ void DoorbellListener::open() {
   }
   fifo_ = Descriptor();
   slot_.reset();
+  if (bell_ && !bell_->isSound()) {
+    bell_->sleepers().store(Bell::abandoned);
+  }
   bell_.reset();
   try {
     Owners owners = owners_;

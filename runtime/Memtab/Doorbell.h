@@ -8,8 +8,8 @@
 // very sleep, so a writer that dies in between costs a wake-up too many and not one too few.
 //
 // Neither can block or harm the other. What spoils the bell, such as a removed directory, is found by mend(), which is
-// called every few seconds or whenever the tables are looked over; a listener that is not sound looks by itself about
-// once a second.
+// called whenever the tables are looked over; a listener that is not sound looks by itself about once a second. A
+// listener that opens another bell says so in the old one, so that ringers follow it at their next ring.
 #pragma once
 
 #include <array>
@@ -30,7 +30,7 @@ class DoorbellRinger {
   // After each publication.
   void ring() {
     std::atomic_thread_fence(std::memory_order_seq_cst);
-    if (bell_->sleepers().load(std::memory_order_relaxed) != 0) {
+    if (bell_->sleepers().load(std::memory_order_relaxed) != 0 || bell_->isDamaged()) {
       wakeSleepers();
     }
   }
@@ -42,6 +42,7 @@ class DoorbellRinger {
     Descriptor file;
     uint64_t inode = 0;
   };
+  void reopen();
   void wakeSleepers();
   bool poke(unsigned slot);
 

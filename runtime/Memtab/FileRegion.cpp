@@ -14,7 +14,9 @@
 namespace Memtab {
 namespace {
 
-constexpr size_t pageBytesMax = size_t{64} << 10;
+#ifndef MADV_COLLAPSE
+constexpr int MADV_COLLAPSE = 25;  // in Linux since 6.1, in the C library later
+#endif
 
 size_t sizeOf(int fd) {
   struct stat facts {};
@@ -54,11 +56,29 @@ size_t FileBacking::attach(std::byte* base, size_t bytes) {
 
 bool FileBacking::isAttached() const { return getpid() == process_; }
 
-bool FileBacking::extend(std::byte*, size_t from, size_t to) {
+bool FileBacking::extend(std::byte* base, size_t from, size_t to) {
   if (!isAttached()) {
     throw Zol::InternalException("a shared table belongs to the process that opened it, not to its children");
   }
-  return allocate(file_->get(), from, to) == 0;
+  const size_t bytesBefore = sizeOf(file_->get());
+  if (to >= hugeFrom) {
+    takeHugePages(base, from < hugeFrom ? 0 : from / hugePageBytes * hugePageBytes, to);
+  }
+  if (allocate(file_->get(), from, to) == 0) {
+    return true;
+  }
+  (void)ftruncate(file_->get(), static_cast<off_t>(bytesBefore));
+  return false;
+}
+
+// A wish, which costs the kernel less than the small pages would: with the last of them there, it makes a huge one of
+// all. The file keeps it, so readers and successors have it, too. Where it is refused once, it will be again.
+void FileBacking::takeHugePages(std::byte* base, size_t from, size_t to) {
+  const auto pageBytes = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  for (size_t end = from + hugePageBytes; hasHugePages_ && end <= to; end += hugePageBytes) {
+    hasHugePages_ = allocate(file_->get(), end - pageBytes, end) == 0 &&
+                    madvise(base + end - hugePageBytes, hugePageBytes, MADV_COLLAPSE) == 0;
+  }
 }
 
 // The size stays, so readers may go on touching it.
@@ -67,43 +87,34 @@ void FileBacking::giveBack(std::byte*, size_t from, size_t to) {
                   static_cast<off_t>(to - from));
 }
 
-FileView::FileView(std::shared_ptr<const Descriptor> file, size_t bytesMax) : Extent(look), file_(std::move(file)) {
-  const size_t least = (sizeOf(file_->get()) + pageBytesMax - 1) / pageBytesMax * pageBytesMax;
-  for (mapped_ = std::max(bytesMax, least);; mapped_ = std::max(mapped_ / 4 / pageBytesMax * pageBytesMax, least)) {
-    void* const at = mmap(nullptr, mapped_, PROT_READ, MAP_SHARED | MAP_NORESERVE, file_->get(), 0);
-    if (at != MAP_FAILED) {
-      base_ = static_cast<const std::byte*>(at);
-      break;
-    }
-    if (mapped_ == least) {
-      throw NoSpace(std::string("a shared table cannot be mapped: ") + std::strerror(errno));
-    }
+FileView::FileView(std::shared_ptr<const Descriptor> file, size_t bytesMax)
+    : Extent(look), file_(std::move(file)), addresses_(bytesMax, sizeOf(file_->get())) {
+  if (mmap(addresses_.base(), addresses_.size(), PROT_READ, MAP_SHARED | MAP_FIXED | MAP_NORESERVE, file_->get(), 0) ==
+      MAP_FAILED) {
+    throw NoSpace(std::string("a shared table cannot be mapped: ") + std::strerror(errno));
   }
-  guard_.emplace(base_, mapped_, PROT_READ);
+  guard_.emplace(addresses_.base(), addresses_.size(), PROT_READ);
   damagedIs(guard_->damaged());
   refresh();
 }
 
-FileView::~FileView() {
-  guard_.reset();
-  munmap(const_cast<std::byte*>(base_), mapped_);
-}
-
 bool FileView::look(const Extent& extent, size_t end) {
   const auto& view = static_cast<const FileView&>(extent);
-  const auto* header = reinterpret_cast<const Word*>(view.base_);
-  if (end <= view.mapped_ && end <= header[allocatedAt / sizeof(Word)].load(std::memory_order_acquire)) {
+  if (end <= view.addresses_.size() && end <= view.allocated()) {
     view.refresh();
   }
   return end <= view.size();
 }
 
+uint64_t FileView::allocated() const {
+  const auto* header = reinterpret_cast<const Word*>(addresses_.base());
+  return header[allocatedAt / sizeof(Word)].load(std::memory_order_acquire);
+}
+
 // Both the writer's word and the file's size, whichever is less. What was once seen stays: the file never shrinks but
 // by violence, which the guard is for.
 void FileView::refresh() const {
-  const auto* header = reinterpret_cast<const Word*>(base_);
-  const size_t allocated = header[allocatedAt / sizeof(Word)].load(std::memory_order_acquire);
-  const size_t usable = std::min({allocated, sizeOf(file_->get()), mapped_});
+  const size_t usable = std::min({allocated(), sizeOf(file_->get()), addresses_.size()});
   usable_.store(std::max({usable, size(), headerBytes}), std::memory_order_release);
 }
 

@@ -15,6 +15,7 @@
 #include <memory>
 #include <optional>
 
+#include "runtime/Memtab/Addresses.h"
 #include "runtime/Memtab/BusGuard.h"
 #include "runtime/Memtab/Descriptor.h"
 #include "runtime/Memtab/Region.h"
@@ -34,8 +35,11 @@ class FileBacking final : public Backing {
   void giveBack(std::byte* base, size_t from, size_t to) override;
 
  private:
+  void takeHugePages(std::byte* base, size_t from, size_t to);
+
   std::shared_ptr<const Descriptor> file_;
   size_t bytes_;
+  bool hasHugePages_ = true;  // as far as is known
   pid_t process_;
   std::optional<BusGuard> guard_;
 };
@@ -47,18 +51,17 @@ class FileView : private Extent {
   explicit FileView(std::shared_ptr<const Descriptor> file, size_t bytesMax = Region::reserveDefault);
   FileView(const FileView&) = delete;
   FileView& operator=(const FileView&) = delete;
-  ~FileView();
 
-  View view() const { return {base_, this}; }
+  View view() const { return {addresses_.base(), this}; }
   using Extent::isDamaged;
 
  private:
   static bool look(const Extent& extent, size_t end);
+  uint64_t allocated() const;
   void refresh() const;
 
   std::shared_ptr<const Descriptor> file_;
-  const std::byte* base_ = nullptr;
-  size_t mapped_ = 0;
+  Addresses addresses_;
   std::optional<BusGuard> guard_;
 };
 

@@ -5,6 +5,8 @@
 //   overtaken, another writer, ──▶ all index words against the known ones, ──┴──▶ examine(key): look-up, compare,
 //   another file                   segment by segment: keys that differ             report if it is news
 //
+// The few changes made last are examined before all others, so that one change does not wait for the bulk before it.
+//
 // The ring and the comparison only say which keys to examine; the look-up decides, so a key that changed three times
 // is reported once and one that is as it was not at all. The comparison reads the blocks of differing words alone.
 //
@@ -94,6 +96,7 @@ class Follower {
  private:
   static constexpr size_t segmentCost = 64;  // in examined keys: how long it takes to compare a segment without news
   static constexpr size_t prefetchAhead = 16;
+  static constexpr uint64_t latestMax = 8;  // changes that are examined out of turn
 
   // Which record is known: the version that its index word tells, and its block's length and checksum. Known() is no
   // record's: whatever is found is news.
@@ -126,6 +129,8 @@ class Follower {
 
   void beginComparison();
   void forgetWords();
+  template <class F, class D>
+  void examineLatest(uint64_t target, F&& f, D&& onDamage);
   template <class D>
   bool takeFromRing(D&& onDamage);
   template <class D>
@@ -147,6 +152,7 @@ class Follower {
   unsigned collection_;
   Zol::HashCollection<Key, Known> known_;
   uint64_t sequence_ = 0;          // all changes up to it were examined
+  uint64_t latest_ = 0;            // up to which changes were examined out of turn, or left to their turn
   mutable uint64_t reported_ = 0;  // as sequence() said last
   uint64_t epoch_ = 0;
   std::optional<Comparison> comparison_;
@@ -164,6 +170,7 @@ class Follower {
 template <class Key>
 void Follower<Key>::beginComparison() {
   ++comparisons_;
+  latest_ = 0;
   epoch_ = reader_->epoch();
   comparison_.emplace(Comparison{reader_->sequence(), std::nullopt});
   if (const auto first = std::as_const(known_).begin()) {
@@ -185,6 +192,7 @@ bool Follower<Key>::poll(size_t keysMax, F&& f, D&& onDamage) {
   if (!isBehind()) {
     return false;
   }
+  examineLatest(target, f, onDamage);
   for (const Key& key : std::exchange(again_, {})) {
     candidates_.emplace_back(Zol::hashOf(key), key);
   }
@@ -217,6 +225,27 @@ bool Follower<Key>::poll(size_t keysMax, F&& f, D&& onDamage) {
     }
   }
   return true;
+}
+
+// Their turn comes all the same, and finds no news.
+template <class Key>
+template <class F, class D>
+void Follower<Key>::examineLatest(uint64_t target, F&& f, D&& onDamage) {
+  if (!comparison_ && target - sequence_ <= latestMax) {
+    return;
+  }
+  uint64_t at = std::max({sequence_, latest_, target - std::min(target, latestMax)});
+  latest_ = target;
+  Change change;
+  while (at < target && reader_->change(++at, change)) {
+    if (change.collection != collection_ || !change.isWhole()) {
+      continue;
+    }
+    const std::optional<Key> key = decoded(change.key(), onDamage);
+    if (key && examine(*key, onDamage)) {
+      f(*key);
+    }
+  }
 }
 
 // The key of the next change becomes the candidate. False: the ring does not tell it.

@@ -1,22 +1,25 @@
-// Growth in pieces: 64 KiB for a small table, an eighth of the size later on. Beyond 4 MiB pieces are whole huge pages
-// and the kernel is asked for such, because a random look-up in a large table otherwise misses the TLB at every step.
+// Growth in pieces: 64 KiB for a small table, an eighth of the size later on, but not so much that the writer would be
+// held up for more than a few milliseconds. From 4 MiB on pieces are whole huge pages and the kernel is asked for such,
+// because a random look-up in a large table otherwise misses the TLB at every step.
 #include "runtime/Memtab/Region.h"
 
 #include <sys/mman.h>
 
 #include <algorithm>
+#include <utility>
+
+#include "runtime/Memtab/Addresses.h"
 
 namespace Memtab {
 namespace {
 
 constexpr size_t pieceMin = size_t{64} << 10;
-constexpr size_t hugePage = size_t{2} << 20;
-constexpr size_t hugeFrom = size_t{4} << 20;
+constexpr size_t pieceMax = size_t{4} << 20;
 
 constexpr size_t roundUp(size_t bytes, size_t step) { return (bytes + step - 1) / step * step; }
 
 // The smallest piece keeps to every page size in use (4 to 64 KiB).
-size_t stepAt(size_t bytes) { return bytes < hugeFrom ? pieceMin : hugePage; }
+size_t stepAt(size_t bytes) { return bytes < hugeFrom ? pieceMin : hugePageBytes; }
 
 class AnonymousBacking final : public Backing {
  public:
@@ -37,51 +40,30 @@ class AnonymousBacking final : public Backing {
 }  // namespace
 
 struct Region::Mapping : Extent {
-  std::unique_ptr<Backing> backing;
-  std::byte* start = nullptr;  // what was mapped; base is the first huge page boundary in it
-  size_t mapped = 0;
-  std::byte* base = nullptr;
-  size_t reserved = 0;
-
-  void usableIs(size_t bytes) { usable_.store(bytes, std::memory_order_release); }
-
-  void attach() {
-    usableIs(backing->attach(base, reserved));
+  Mapping(std::unique_ptr<Backing> behind, size_t bytesMax)
+      : backing(std::move(behind)), addresses(bytesMax, pieceMin) {
+    usableIs(backing->attach(base(), reserved()));
     damagedIs(backing->damaged());
   }
-
   ~Mapping() {
-    const bool isOurs = start != nullptr && backing->isAttached();
-    backing.reset();  // before others may get its addresses
-    if (isOurs) {
-      munmap(start, mapped);
+    if (!backing->isAttached()) {
+      addresses.forget();
     }
+    backing.reset();  // before others may get its addresses
   }
 
-  void reserve(size_t bytesMax) {
-    for (size_t bytes = roundUp(bytesMax, pieceMin); bytes >= pieceMin; bytes = roundUp(bytes / 4, pieceMin)) {
-      void* at = mmap(nullptr, bytes + hugePage, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-      if (at != MAP_FAILED) {
-        start = static_cast<std::byte*>(at);
-        mapped = bytes + hugePage;
-        base = start + (hugePage - reinterpret_cast<uintptr_t>(at) % hugePage) % hugePage;
-        reserved = bytes;
-        return;
-      }
-      if (bytes == pieceMin) {
-        break;
-      }
-    }
-    throw NoSpace("no addresses for a shared table");
-  }
+  std::byte* base() const { return addresses.base(); }
+  size_t reserved() const { return addresses.size(); }
+  void usableIs(size_t bytes) { usable_.store(bytes, std::memory_order_release); }
+
+  std::unique_ptr<Backing> backing;
+  Addresses addresses;
 };
 
 Region Region::anonymous(size_t bytesMax) { return Region(std::make_unique<AnonymousBacking>(), bytesMax); }
 
-Region::Region(std::unique_ptr<Backing> backing, size_t bytesMax) : mapping_(std::make_unique<Mapping>()) {
-  mapping_->backing = std::move(backing);
-  mapping_->reserve(std::min(bytesMax, reserveDefault));
-  mapping_->attach();
+Region::Region(std::unique_ptr<Backing> backing, size_t bytesMax)
+    : mapping_(std::make_unique<Mapping>(std::move(backing), std::min(bytesMax, reserveDefault))) {
   extendTo(pieceMin);
 }
 
@@ -89,10 +71,10 @@ Region::Region(Region&&) noexcept = default;
 Region& Region::operator=(Region&&) noexcept = default;
 Region::~Region() = default;
 
-std::byte* Region::base() const { return mapping_->base; }
+std::byte* Region::base() const { return mapping_->base(); }
 size_t Region::size() const { return mapping_->size(); }
-size_t Region::reserved() const { return mapping_->reserved; }
-View Region::view() const { return {mapping_->base, mapping_.get()}; }
+size_t Region::reserved() const { return mapping_->reserved(); }
+View Region::view() const { return {mapping_->base(), mapping_.get()}; }
 bool Region::isDamaged() const { return mapping_->isDamaged(); }
 
 void Region::extendTo(size_t bytes) {
@@ -101,9 +83,9 @@ void Region::extendTo(size_t bytes) {
     return;
   }
   const size_t least = roundUp(bytes, pieceMin);
-  const size_t wished = std::max(bytes, from + std::max(pieceMin, from / 8));
-  for (const size_t to : {std::min(roundUp(wished, stepAt(wished)), mapping_->reserved), least}) {
-    if (to >= least && to <= mapping_->reserved && mapping_->backing->extend(mapping_->base, from, to)) {
+  const size_t wished = std::max(bytes, from + std::clamp(from / 8, pieceMin, pieceMax));
+  for (const size_t to : {std::min(roundUp(wished, stepAt(wished)), mapping_->reserved()), least}) {
+    if (to >= least && to <= mapping_->reserved() && mapping_->backing->extend(mapping_->base(), from, to)) {
       mapping_->usableIs(to);
       return;
     }
@@ -116,7 +98,7 @@ void Region::shrinkTo(size_t bytes) {
   const size_t to = roundUp(bytes, stepAt(bytes));
   if (to < from) {
     mapping_->usableIs(to);
-    mapping_->backing->giveBack(mapping_->base, to, from);
+    mapping_->backing->giveBack(mapping_->base(), to, from);
   }
 }
 

@@ -36,7 +36,8 @@ class Backing {
   virtual bool isAttached() const { return true; }
   // Whether bytes were lost behind our back (see BusGuard.h): false, or good as long as this backing.
   virtual const std::atomic<bool>* damaged() const { return nullptr; }
-  // Makes [from, to) behind base usable and zero. False: it cannot, and nothing changed. Both are page multiples.
+  // Makes [from, to) behind base usable and zero. False: it cannot, and nothing changed. Both are page multiples, and
+  // from hugeFrom on huge page multiples where possible: what lies below to may lie on such then.
   virtual bool extend(std::byte* base, size_t from, size_t to) = 0;
   // Nothing in [from, to) is needed any more: its memory may go, its addresses stay readable. Both are page multiples.
   virtual void giveBack(std::byte* base, size_t from, size_t to) = 0;
@@ -96,7 +97,8 @@ class Region {
   // Whether somebody took bytes away: what is left must not be written any more.
   bool isDamaged() const;
 
-  // Ensures size() >= bytes, growing by an eighth at least so that n bytes cost O(log n) calls. Throws NoSpace.
+  // Ensures size() >= bytes, growing by an eighth or 4 MiB at least, whichever is less: few calls, none of which takes
+  // long. Throws NoSpace.
   void extendTo(size_t bytes);
   // Gives back what lies behind bytes, which extendTo() can get again, rounded up to whole pieces.
   void shrinkTo(size_t bytes);

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "runtime/Memtab/Bell.h"
 #include "runtime/Memtab/DirectoryOwner.h"
 #include "runtime/Zol/Exception.h"
 
@@ -43,6 +44,10 @@ void DirectoryWatch::watch() {
     watchOne(stateDirectory_ + "/" + path, placesChanged | IN_MODIFY);
   }
   watchOne(stateDirectory_, placesChanged);
+  // Cut short by somebody; its users store to it through mappings, which is no event. Its coming and going is one
+  // above.
+  const std::string bell = stateDirectory_ + "/" + Memtab::Bell::fileName;
+  (void)inotify_add_watch(inotify_.get(), bell.c_str(), IN_MODIFY);
 }
 
 void DirectoryWatch::answer() {

@@ -5,13 +5,13 @@
 namespace Statehub {
 namespace {
 
-constexpr unsigned backlogPriority = 2;
-constexpr std::size_t keysAtOnce = 64;  // a table: some ten microseconds until the next look at the clock
+constexpr unsigned feedPriority = 3;    // behind the backlogs, which are 2
+constexpr std::size_t keysAtOnce = 64;  // a table: less than a millisecond with the reviews that come of it
 
 }  // namespace
 
 TableFeed::FeedTask::FeedTask(const Zol::Ptr<Quor::TaskScheduler>& scheduler, TableFeed& feed)
-    : TimerTask(scheduler, backlogPriority, "TableFeed"), feed_(feed) {}
+    : TimerTask(scheduler, feedPriority, "TableFeed"), feed_(feed) {}
 
 void TableFeed::FeedTask::run() {
   if (!feed_.isSound()) {  // nobody can wake us: look by ourselves until that is mended
@@ -20,14 +20,7 @@ void TableFeed::FeedTask::run() {
       scheduleTaskLowestDelay(Memtab::DoorbellListener::secondsUnsound);
     }
   }
-  bool isMore = true;
-  while (isMore) {
-    isMore = feed_.entityManager_->poll(keysAtOnce);
-    if (taskShouldYield()) {
-      break;
-    }
-  }
-  if (isMore) {
+  if (feed_.entityManager_->poll(keysAtOnce)) {
     scheduleTask();
   }
 }

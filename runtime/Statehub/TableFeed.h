@@ -4,8 +4,9 @@
 //         └── rings, if somebody sleeps ──▶ doorbell ──▶ loop wakes up
 //     file made, removed, replaced ──▶ directory watch ──▶ loop wakes up, paths are looked at again
 //
-// A task tells the watchers, in slices, at the priority of the backlogs that they fill: neither starves the other.
-// While nothing changes no processor time is used.
+// A task tells the watchers a few keys at a time and lets the backlogs that they fill go first: what has been told is
+// reviewed before more is told. So backlogs stay short, and what was published last, which followers tell first, does
+// not wait for the bulk before it. While nothing changes no processor time is used.
 #pragma once
 
 #include <string>

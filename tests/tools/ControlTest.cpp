@@ -96,6 +96,28 @@ TEST_F(Control, aConfigurationIsAppliedAsAWholeOrNotAtAll) {
   EXPECT_NE(published["note"].get<std::string>().find("no agent is running"), std::string::npos);
 }
 
+// A RIB that is configured anew is built from the tables alone, and one that cannot be read would be missing in it.
+TEST_F(Control, noConfigurationIsTakenWhileATableCannotBeRead) {
+  Support::Process agent = serveReady();
+  const std::string before = words({"config", "show"});
+  const std::string good = scratch().fileWith("good.jsonl", "{\"rib\": \"a\", \"tables\": {\"ldp\": {}}}\n");
+  ASSERT_EQ(publishAll({scratch().fileWith("lab.jsonl", labScenario)}), 0);
+  std::filesystem::resize_file(stateDirectory() + "/tunnel/table/ldp", 100);
+  ASSERT_TRUE(Support::becomes([&] { return agent.says("tunnel/table/ldp"); })) << agentLog();
+  EXPECT_NE(words({"config", "apply", good}, 2).find("tables cannot be read now"), std::string::npos);
+  EXPECT_EQ(words({"config", "show"}), before);
+}
+
+TEST_F(Control, aSocketThatIsRemovedIsMadeAgain) {
+  Support::Process agent = serveReady();
+  const std::string before = words({"config", "show"});
+  std::filesystem::remove(stateDirectory() + "/" + Agent::controlSocketName);
+  EXPECT_TRUE(Support::becomes([&] {
+    return std::filesystem::exists(stateDirectory() + "/" + Agent::controlSocketName);
+  })) << agentLog();
+  EXPECT_EQ(words({"config", "show"}), before);
+}
+
 // What is configured while it waits is in force when it starts.
 TEST_F(Control, anAgentThatWaitsAnswers) {
   const std::string ldp = scratch().fileWith(

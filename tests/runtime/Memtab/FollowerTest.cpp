@@ -110,6 +110,32 @@ TEST(MemtabFollower, sleepsThroughAMillionChanges) {
   EXPECT_TRUE(mirror.settle().empty());
 }
 
+// Fails if one change has to wait until the bulk before it has been told, whether the ring still has that or not.
+TEST(MemtabFollower, lastChangeIsToldFirst) {
+  for (const uint64_t bulk : {1000U, 50000U}) {
+    StateDirectoryScene files;
+    WriterFile file(files.path, "table", fileFingerprint, 2);
+    Store store(file.region(), fileFingerprint, numberHashes);
+    file.publish();
+    const ReaderFile readerFile(files.path, "table", fileFingerprint, 2);
+    const Reader reader(readerFile.view(), numberHashes);
+    Mirror mirror(reader);
+    mirror.settle();
+    for (uint64_t key = 1; key <= bulk; ++key) {
+      put(store, key, "bulk");
+    }
+    put(store, 7, "late");
+    mirror.poll(64);
+    EXPECT_EQ(mirror.numbers.count(7), 1U);
+    EXPECT_LT(mirror.numbers.size(), 100U);
+    put(store, 8, "later");
+    mirror.poll(64);
+    EXPECT_EQ(mirror.numbers.count(8), 1U);
+    mirror.settle();
+    EXPECT_EQ(mirror.numbers.size(), bulk);
+  }
+}
+
 // A hash that lets somebody in while a reader looks at a key.
 std::function<void()> meanwhile;
 uint64_t hookedHash(Bytes key) {
