@@ -61,6 +61,30 @@ void AgentHost::startReactors() {
       all.table<Model::NexthopGroupTunnelTable>(), all.table<Model::TiLfaTunnelTable>(), scheduler_);
 }
 
+template <class F>
+void AgentHost::forEachRibBuilder(F&& f) const {
+  for (auto sm = ribConfigDirSm_->tunnelRibSm().begin(); sm; ++sm) {
+    if (const auto& builder = sm.value()->tunnelRibBuilderSm()) {
+      f(*builder);
+    }
+  }
+}
+
+std::size_t AgentHost::heldUp() const {
+  if (ribConfigDirSm_ == nullptr) {
+    return 0;
+  }
+  std::size_t all = fibSm_->heldUp();
+  forEachRibBuilder([&all](const auto& builder) { all += builder.heldUp(); });
+  return all;
+}
+
+bool AgentHost::isDrained() const {
+  bool isDrained = fibSm_->tunnelForReviews() == fibSm_->heldUp();
+  forEachRibBuilder([&isDrained](const auto& builder) { isDrained = isDrained && builder.isDrained(); });
+  return isDrained;
+}
+
 bool AgentHost::isMounted(TableId table) const { return tableInfos_->tunnelTableInfo().has(Zol::stringOf(table)); }
 
 void AgentHost::isMountedIs(TableId table, bool isMounted) {

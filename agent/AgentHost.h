@@ -56,7 +56,14 @@ class AgentHost : public AgentState {
   const Zol::Ptr<Model::TunnelRibConfigDirSm>& ribConfigDirSm() const { return ribConfigDirSm_; }
   const Zol::Ptr<Model::TunnelFibSm>& fibSm() const { return fibSm_; }
 
+  // Tunnels and RIB entries that wait for space or for a table that can be read again. O(RIBs), as the next.
+  std::size_t heldUp() const;
+  // Whether nothing else waits for review. Requires: started.
+  bool isDrained() const;
+
  private:
+  template <class F>
+  void forEachRibBuilder(F&& f) const;
   void startReactors();
 
   const Zol::Ptr<Quor::TaskScheduler> scheduler_;

@@ -59,6 +59,7 @@ OrderedJson backlogJson(const AgentHost& host) {
   return {{"unreadChanges", unreadChanges(host)},
           {"fib", fib == nullptr ? 0 : fib->tunnelForReviews()},
           {"fibDeferred", fib == nullptr ? 0 : fib->deferredTunnels()},
+          {"heldUp", host.heldUp()},
           {"ribs", std::move(ribs)}};
 }
 
@@ -83,6 +84,7 @@ OrderedJson statsJson(const StatsSources& sources) {
           {"uptime", host.scheduler()->now() - sources.startedAt},
           {"state", sources.state},
           {"waitingFor", sources.waitingFor},
+          {"degraded", sources.degraded},
           {"residentBytes", residentBytes()},
           {"reviews", host.scheduler()->counters().units},  // nothing else counts its work
           {"backlog", backlogJson(host)},

@@ -21,6 +21,7 @@ struct StatsSources {
   double startedAt;              // in the scheduler's time
   std::string state;             // "waiting", "starting", "ready"
   std::vector<std::string> waitingFor;
+  std::vector<std::string> degraded;
 };
 
 // The document that docs/control.md describes. O(RIBs).

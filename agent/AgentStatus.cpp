@@ -10,6 +10,9 @@
 namespace Agent {
 namespace {
 
+constexpr Quor::TaskPriority retryPriority = 2;  // that of the backlogs
+constexpr double retryDelay = 1;                 // seconds
+
 template <class Record>
 constexpr const char* tableTypeName();
 template <>
@@ -178,12 +181,13 @@ void StatusReader::addRib(const RibStatus& status) {
   ribs_[status.ribId()] = std::move(line);
 }
 
-StatusWriter::StatusWriter(AgentState& state)
+StatusWriter::StatusWriter(AgentState& state, const Zol::Ptr<Quor::TaskScheduler>& scheduler)
     : state_(state),
       ribStatus_(statusTable<RibStatus>(*state.entityManager(), ribStatusPath, Statehub::Access::write)),
       unprogrammable_(
           statusTable<UnprogrammableStatus>(*state.entityManager(), unprogrammablePath, Statehub::Access::write)),
       convergence_(statusTable<ConvergenceStatus>(*state.entityManager(), convergencePath, Statehub::Access::write)),
+      retryTask_(*this, &StatusWriter::writeAll, scheduler, retryPriority, "StatusWriter"),
       unprogrammableListener_(*this),
       convergenceListener_(*this) {
   const StatusReader restored(state, false);
@@ -193,34 +197,68 @@ StatusWriter::StatusWriter(AgentState& state)
   convergence_->collectionReadyIs(true);
 }
 
+// One table that is full says nothing about the others, but all are tried again together.
+template <class F>
+void StatusWriter::write(F&& f) {
+  try {
+    f();
+  } catch (const Memtab::NoSpace& full) {
+    trouble_ = std::string("status tables: ") + full.what();
+    retryTask_.scheduleTaskLowestDelay(retryDelay);
+  }
+}
+
+void StatusWriter::writeAll() {
+  trouble_.clear();
+  write([this] { makeEqual(*ribStatus_, ribs_); });
+  write([this] {
+    std::map<Model::TunnelId, UnprogrammableStatus> all;
+    for (auto id = state_.unprogrammable()->entry().begin(); id; ++id) {
+      all[id.key()] = unprogrammableStatus(id.key());
+    }
+    makeEqual(*unprogrammable_, all);
+  });
+  write([this] {
+    std::map<Model::TunnelRibId, ConvergenceStatus> all;
+    for (auto rib = state_.tunnelConvergence()->tunnelRibConvergenceSeqno().begin(); rib; ++rib) {
+      all[rib.key()] = convergenceStatus(rib.key(), rib.value());
+    }
+    makeEqual(*convergence_, all);
+  });
+}
+
 void StatusWriter::publishRibs(const Model::TunnelRibConfigDir& configs) {
-  std::map<Model::TunnelRibId, RibStatus> records;
+  ribs_.clear();
   for (const auto& [name, id] : state_.ribIds()->tunnelRibNames()) {
     if (const auto config = configs.config(name)) {
       RibStatus status;
       status.ribIdIs(id);
       status.configIs(arrayOf(ribLineText(*config)));
-      records[id] = status;
+      ribs_[id] = status;
     }
   }
-  makeEqual(*ribStatus_, records);
+  write([this] { makeEqual(*ribStatus_, ribs_); });
 }
 
 void StatusWriter::UnprogrammableListener::onKey(const Model::TunnelId& id) {
-  if (writer.state_.unprogrammable()->has(id)) {
-    writer.unprogrammable_->entryIs(unprogrammableStatus(id));
-  } else {
-    writer.unprogrammable_->entryDel(id);
-  }
+  writer.write([&] {
+    if (writer.state_.unprogrammable()->has(id)) {
+      writer.unprogrammable_->entryIs(unprogrammableStatus(id));
+    } else {
+      writer.unprogrammable_->entryDel(id);
+    }
+  });
 }
 
 void StatusWriter::ConvergenceListener::onKey(const Model::TunnelRibId& rib) {
-  const auto& seqnos = writer.state_.tunnelConvergence()->tunnelRibConvergenceSeqno();
-  if (seqnos.has(rib)) {
-    writer.convergence_->entryIs(convergenceStatus(rib, seqnos.value(rib)));
-  } else {
-    writer.convergence_->entryDel(rib);
-  }
+  writer.write([&] {
+    const auto& seqnos = writer.state_.tunnelConvergence()->tunnelRibConvergenceSeqno();
+    if (seqnos.has(rib)) {
+      writer.convergence_->entryIs(convergenceStatus(rib, seqnos.value(rib)));
+    } else {
+      writer.convergence_->entryDel(rib);
+    }
+  });
 }
 
 }  // namespace Agent

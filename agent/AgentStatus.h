@@ -7,10 +7,12 @@
 //     reader   tables ──▶ entities of its AgentState
 #pragma once
 
+#include <map>
 #include <string>
 
 #include "agent/AgentState.h"
 #include "agent/ScenarioLine.h"
+#include "runtime/Quor/OwnedTask.h"
 #include "runtime/Zol/Channel.h"
 
 namespace Agent {
@@ -80,13 +82,17 @@ class StatusReader {
   std::map<Model::TunnelRibId, RibLine> ribs_;
 };
 
-// Restores the entities at its construction, and keeps the tables equal to them from then on.
+// Restores the entities at its construction, and keeps the tables equal to them from then on. What finds no space is
+// tried again every second.
 class StatusWriter {
  public:
-  explicit StatusWriter(AgentState& state);
+  // Raises what mounting raises.
+  StatusWriter(AgentState& state, const Zol::Ptr<Quor::TaskScheduler>& scheduler);
 
   // Publishes numbers and configurations of the RIBs that are configured now.
   void publishRibs(const Model::TunnelRibConfigDir& configs);
+  // Why a table is not as it should be; empty: all are.
+  const std::string& trouble() const { return trouble_; }
 
  private:
   struct UnprogrammableListener final : Zol::Listener<Model::TunnelId> {
@@ -102,10 +108,17 @@ class StatusWriter {
     StatusWriter& writer;
   };
 
+  template <class F>
+  void write(F&& f);
+  void writeAll();
+
   AgentState& state_;
   const Zol::Ptr<RibStatusTable> ribStatus_;
   const Zol::Ptr<UnprogrammableTable> unprogrammable_;
   const Zol::Ptr<ConvergenceTable> convergence_;
+  std::map<Model::TunnelRibId, RibStatus> ribs_;  // as they were to be published last
+  std::string trouble_;
+  Quor::OwnedTask<StatusWriter> retryTask_;
   UnprogrammableListener unprogrammableListener_;
   ConvergenceListener convergenceListener_;
 };

@@ -5,7 +5,7 @@
 namespace Agent {
 namespace {
 
-constexpr unsigned taskPriority = 2;  // that of the backlogs
+constexpr unsigned taskPriority = 3;  // that of the table feed, behind the backlogs
 
 }  // namespace
 

@@ -15,7 +15,7 @@
 namespace Agent {
 namespace {
 
-constexpr unsigned taskPriority = 2;  // that of the backlogs
+constexpr unsigned taskPriority = 3;  // that of the table feed, behind the backlogs
 constexpr std::size_t readBytes = 16384;
 constexpr int connectionsAtOnce = 8;
 constexpr double secondsWithoutDescriptors = 1;  // until the next try when the system has none left

@@ -2,7 +2,7 @@
 //
 //     client ── line ──▶ loop: read what is there ──▶ task: one line after the other, client by client ── answer ──▶
 //
-// The loop's callbacks only move bytes. Lines are answered by a task at the priority of the backlogs, which yields as
+// The loop's callbacks only move bytes. Lines are answered by a task at the priority of the table feed, which yields as
 // they do, so that no number of requests makes the agent's slices longer. All is bounded: clients, the bytes of a line,
 // and, since a client's next line is looked at when its last answer has left, the bytes that wait to be written. Who
 // sends no line for secondsIdleMax, or takes as long to read its answer, is dropped, and nobody wakes the agent for

@@ -1,5 +1,6 @@
 #include "agent/ServeCommand.h"
 
+#include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
@@ -47,6 +48,15 @@ std::vector<std::string> directoriesOfAllTables() {
           "tunnel/tunnelRibs/status"};
 }
 
+// Every RIB has a file; there may be more than the usual soft limit of 1024.
+void raiseDescriptorLimit() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+    limit.rlim_cur = limit.rlim_max;
+    (void)setrlimit(RLIMIT_NOFILE, &limit);
+  }
+}
+
 AgentConfig configOf(const ServeOptions& options) {
   std::istringstream none;
   return options.configFile.empty() ? readConfig(none, "") : readConfigFile(options.configFile);
@@ -76,12 +86,12 @@ class ServeCommand::WaitLimit final : public Quor::TimerTask {
 
 ServeCommand::ServeCommand(ServeOptions options)
     : options_(std::move(options)),
+      signals_(signalDescriptor()),
       config_(configOf(options_)),
       configSource_(configSourceOf(options_)),
-      signals_(signalDescriptor()),
       misfits_(misfits(options_.stateDirectory)),
       host_(time_, slicePolicy_, Zol::make<Statehub::EntityManager>(options_.stateDirectory)),
-      status_(host_),
+      status_(host_, host_.scheduler()),
       declaration_(statusTable<BgpLuDeclaration>(*host_.entityManager(), bgpLuDeclarationPath, Statehub::Access::read)),
       loop_(host_.scheduler()) {
   for (const std::string& misfit : misfits_) {
@@ -93,8 +103,9 @@ ServeCommand::ServeCommand(ServeOptions options)
   feed_ =
       std::make_unique<Statehub::TableFeed>(host_.entityManager(), host_.scheduler(), loop_, directoriesOfAllTables());
   const auto handleRescan = [this] {
-    troubles_.look(feed_->trouble());
+    troubles_.look();
     mendControlSocket();
+    lookForTrouble();
   };
   feed_->rescannedCallbackIs(handleRescan);
   handleRescan();
@@ -113,17 +124,18 @@ ServeCommand::~ServeCommand() {
   host_.stop();
 }
 
-// An agent that cannot be asked still forwards. Not while the directory is gone: it is made again first.
+// An agent that cannot be asked still forwards.
 void ServeCommand::mendControlSocket() {
-  if (!feed_->trouble().empty() || (control_ && control_->isInPlace())) {
+  if (control_ && control_->isInPlace()) {
     return;
   }
+  control_.reset();
+  controlTrouble_.clear();
   try {
-    control_.reset();
     control_.emplace(options_.stateDirectory, host_.scheduler(), loop_,
                      [methods = controlMethods(*this)](std::string_view line) { return answerRpc(line, methods); });
   } catch (const Zol::Exception& error) {
-    log(LogLevel::error, std::string("no control socket: ") + error.what());
+    controlTrouble_ = std::string("no control socket: ") + error.what();
   }
 }
 
@@ -138,6 +150,10 @@ void ServeCommand::look() {
   if (gate_) {
     startIfReady();
   }
+  if (!gate_ && isDeclarationInForce_ != isBgpLuComplete()) {
+    readDeclaration();
+    isDeclarationInForce_ = isBgpLuComplete();
+  }
   if (isReloadDue_ && troubles_.canReadAll()) {
     isReloadDue_ = false;
     reload();
@@ -145,10 +161,35 @@ void ServeCommand::look() {
 }
 
 bool ServeCommand::mayFallAsleep() {
-  if (!gate_ && !isReady_ && !host_.scheduler()->hasTasks()) {
+  if (!gate_ && !isReady_ && host_.isDrained()) {
     handleFirstDrain();
   }
+  lookForTrouble();
   return feed_->mayFallAsleep();
+}
+
+void ServeCommand::lookForTrouble() {
+  std::vector<std::string> lines;
+  const auto add = [&lines](const std::string& prefix, const std::string& trouble) {
+    if (!trouble.empty()) {
+      lines.push_back(prefix + trouble);
+    }
+  };
+  add("state directory: ", feed_->trouble());
+  add("", status_.trouble());
+  add("", controlTrouble_);
+  if (host_.heldUp() != 0) {
+    lines.push_back("tunnels wait for space, or for a table that can be read again; they are tried every second");
+  }
+  if (host_.ribConfigDirSm() != nullptr) {
+    for (const auto& [name, reason] : host_.ribConfigDirSm()->unmadeRibs()) {
+      lines.push_back("RIB " + printable(name) + " cannot be made, and is tried again every second: " + reason);
+    }
+  }
+  if (lines != troubles_.others()) {
+    troubles_.othersAre(std::move(lines));
+    service_.look();
+  }
 }
 
 void ServeCommand::startIfReady() {
@@ -203,15 +244,26 @@ std::string ServeCommand::statusText() const {
     return text;
   }
   const std::size_t entries = host_.fib()->entry().size();
-  return (isReady_ ? "ready: " : "working off the backlog: ") + std::to_string(entries) +
-         (entries == 1 ? " FIB entry" : " FIB entries");
+  std::string text = (isReady_ ? "ready: " : "working off the backlog: ") + std::to_string(entries) +
+                     (entries == 1 ? " FIB entry" : " FIB entries");
+  for (const std::string& line : troubles_.others()) {
+    text += "; " + line;
+  }
+  return text;
 }
 
+// While BGP fills its table anew, what was declared before says nothing about it.
 void ServeCommand::readDeclaration() {
   BgpLuDeclaration declaration;
-  if (Model::readSafely(declaration_.get(), 0U, declaration)) {
-    host_.bgpLuConvergence()->bgpLuConvergedIs(declaration.converged(), declaration.seqno());
+  if (!Model::readSafely(declaration_.get(), 0U, declaration)) {
+    return;
   }
+  isDeclarationInForce_ = isBgpLuComplete();
+  host_.bgpLuConvergence()->bgpLuConvergedIs(declaration.converged() && isDeclarationInForce_, declaration.seqno());
+}
+
+bool ServeCommand::isBgpLuComplete() const {
+  return host_.tables().table<Model::BgpLuTunnelTable>()->collectionReady();
 }
 
 void ServeCommand::handleSignal() {
@@ -263,10 +315,12 @@ void ServeCommand::handleConfigured() {
 
 OrderedJson ServeCommand::stats() const {
   const char* const state = gate_ ? "waiting" : isReady_ ? "ready" : "starting";
-  return statsJson({host_, loop_, latency_, control_ ? &*control_ : nullptr, startedAt_, state, waitingFor_});
+  return statsJson(
+      {host_, loop_, latency_, control_ ? &*control_ : nullptr, startedAt_, state, waitingFor_, troubles_.others()});
 }
 
 void ServeLoop::run() {
+  raiseDescriptorLimit();
   Memtab::MapBase::damageWitnessIs(logDamage);
   for (;;) {
     try {

@@ -71,19 +71,21 @@ class ServeCommand final : private Quor::NewsSource, private ControlTarget {
   OrderedJson stats() const override;
 
   void mendControlSocket();
+  void lookForTrouble();
   void startIfReady();
   void start();
   void handleFirstDrain();
   std::string statusText() const;
   void readDeclaration();
+  bool isBgpLuComplete() const;
   void handleSignal();
   void reload();
   void handleConfigured();
 
   const ServeOptions options_;
+  Memtab::Descriptor signals_;  // blocked before anything takes time
   AgentConfig config_;
   std::string configSource_;
-  Memtab::Descriptor signals_;
   const std::vector<std::string> misfits_;  // found before the host took the tables over
   Quor::RealTimeSource time_;
   Quor::TimeSlicePolicy slicePolicy_{time_, sliceSeconds};
@@ -98,11 +100,13 @@ class ServeCommand final : private Quor::NewsSource, private ControlTarget {
   PublishLatency latency_{host_};
   ConfigTask configTask_{host_, [this] { handleConfigured(); }};
   std::optional<ControlSocket> control_;
+  std::string controlTrouble_;  // why there is none
   const double startedAt_ = time_.now();
   std::optional<StartGate> gate_;  // until the start
   std::unique_ptr<WaitLimit> waitLimit_;
   std::vector<std::string> waitingFor_;  // as logged last
   bool isReloadDue_ = false;             // when all tables can be read again
+  bool isDeclarationInForce_ = false;
   bool isReady_ = false;
 };
 

@@ -30,29 +30,41 @@ std::vector<std::string> misfits(const std::string& stateDirectory) {
   return lines;
 }
 
-void TableTroubles::look(const std::string& ofDirectory) {
+void TableTroubles::look() {
   for (const TableId table : allTables()) {
-    const Memtab::MirrorStore* const mirror = state_.entityManager()->mirror(Model::tunnelTableInfo(table).path);
-    const std::string trouble = mirror == nullptr ? "" : mirror->trouble();
-    std::string& known = troubles_[table];
-    if (trouble == known) {
-      continue;
-    }
-    known = trouble;
-    const std::string name = "table " + Zol::stringOf(table);
-    if (trouble.empty()) {
-      log(LogLevel::notice, name + ": what could not be read is gone");
-    } else {
-      log(LogLevel::warning, name + " cannot be read, " +
-                                 (mirror->isBound() ? "and stays as it was read last" : "and is as if absent") + ": " +
-                                 trouble);
-    }
+    lookAt("table " + Zol::stringOf(table), Model::tunnelTableInfo(table).path);
   }
-  if (ofDirectory != ofDirectory_) {
-    ofDirectory_ = ofDirectory;
-    log(ofDirectory.empty() ? LogLevel::notice : LogLevel::warning,
-        "state directory: " + (ofDirectory.empty() ? "all is well again" : ofDirectory));
+  lookAt("the declaration of BGP", bgpLuDeclarationPath);
+}
+
+void TableTroubles::lookAt(const std::string& name, const std::string& path) {
+  const Memtab::MirrorStore* const mirror = state_.entityManager()->mirror(path);
+  const std::string trouble = mirror == nullptr ? "" : mirror->trouble();
+  std::string& known = troubles_[path];
+  if (trouble == known) {
+    return;
   }
+  known = trouble;
+  if (trouble.empty()) {
+    log(LogLevel::notice, name + ": what could not be read is gone");
+  } else {
+    log(LogLevel::warning, name + " cannot be read, " +
+                               (mirror->isBound() ? "and stays as it was read last" : "and is as if absent") + ": " +
+                               trouble);
+  }
+}
+
+void TableTroubles::othersAre(std::vector<std::string> others) {
+  const auto logNew = [](LogLevel level, const char* prefix, const auto& now, const auto& before) {
+    for (const std::string& line : now) {
+      if (std::find(before.begin(), before.end(), line) == before.end()) {
+        log(level, prefix + line);
+      }
+    }
+  };
+  logNew(LogLevel::warning, "", others, others_);
+  logNew(LogLevel::notice, "no longer so: ", others_, others);
+  others_ = std::move(others);
 }
 
 bool TableTroubles::canReadAll() const {

@@ -18,16 +18,20 @@ class TableTroubles {
   // The state outlives it.
   explicit TableTroubles(const AgentState& state) : state_(state) {}
 
-  // Logs which files of the protocols' tables cannot be read, and which of them are gone, since the last look; the same
-  // for what is the matter with the directory (empty: nothing).
-  void look(const std::string& ofDirectory);
+  // Logs which files of the protocols' tables cannot be read, and which of them are gone, since the last look.
+  void look();
+  // The same for whatever else is not as it should be, a line each.
+  void othersAre(std::vector<std::string> others);
+  const std::vector<std::string>& others() const { return others_; }
   // Whether every table that was ever there can be read as its publisher left it. As of the entity manager's last look.
   bool canReadAll() const;
 
  private:
   const AgentState& state_;
-  std::map<TableId, std::string> troubles_;  // as logged
-  std::string ofDirectory_;
+  void lookAt(const std::string& name, const std::string& path);
+
+  std::map<std::string, std::string> troubles_;  // by path, as logged
+  std::vector<std::string> others_;
 };
 
 }  // namespace Agent

@@ -73,6 +73,10 @@ void writeAgent(const OrderedJson& stats) {
   }
   Family("tunnel_agent_deferred", "gauge", "Tunnels whose review waits for a next level.")
       .value(backlog["fibDeferred"]);
+  Family("tunnel_agent_held_up", "gauge", "Tunnels and RIB entries that wait for space or for a readable table.")
+      .value(backlog["heldUp"]);
+  Family("tunnel_agent_degraded", "gauge", "What is not as it should be, by number of lines in stats.get.")
+      .value(stats["degraded"].size());
   writeHistogram("tunnel_agent_slice_seconds", "How long tasks kept the thread.", stats["slices"]);
   writeHistogram("tunnel_agent_publish_to_fib_seconds",
                  "From a table change found by the agent to the tunnel's FIB entry written.", stats["publishToFib"]);

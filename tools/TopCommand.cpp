@@ -178,6 +178,9 @@ class Frame {
     for (const OrderedJson& each : stats["waitingFor"]) {
       out << "waiting: " << Agent::printable(each.get<std::string>(), 200) << '\n';
     }
+    for (const OrderedJson& each : stats["degraded"]) {
+      out << "degraded: " << Agent::printable(each.get<std::string>(), 200) << '\n';
+    }
     out << "waiting for their turn: " << backlog["unreadChanges"] << " changes unread, FIB " << backlog["fib"]
         << " tunnels (and " << backlog["fibDeferred"] << " deferred)";
     for (const auto& [rib, count] : backlog["ribs"].items()) {

@@ -103,6 +103,8 @@ class TunnelFibSm final : public Zol::Reactor {
   // ---- backlog ----
   bool tunnelForReview(const TunnelId& tunnelId) const { return tunnelForReview_.has(tunnelId); }
   std::size_t tunnelForReviews() const { return tunnelForReview_.size(); }
+  // Of these, such as wait for space or for a table that can be read again; 0 in the midst of a round.
+  std::size_t heldUp() const { return isHeldUp_ && !tunnelReviewBookmark_ ? tunnelForReview_.size() : 0; }
   void tunnelForReviewIs(const TunnelId& tunnelId, bool value);
   void tunnelForReviewDel(const TunnelId& tunnelId) { tunnelForReview_.erase(tunnelId); }
   void tunnelForReviewDelAll() { tunnelForReview_.clear(); }

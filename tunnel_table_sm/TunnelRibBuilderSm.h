@@ -63,6 +63,10 @@ class TunnelRibBuilderSm final : public TableEntrySm {
   // The all-zero entry when the tunnel is not filed.
   TunnelIdToTepEntry tunnelIdToTep(const TunnelId& id) const;
   const TunnelForReview& tunnelForReview() const { return tunnelForReview_; }
+  // Entries of all RIBs that found no space, and tunnels whose tables cannot be read.
+  std::size_t heldUp() const;
+  // Whether nothing waits for review but what is held up.
+  bool isDrained() const { return tunnelForReview_.empty() && held_.empty(); }
   const TunnelId& tunnelReviewBookmark() const { return tunnelReviewBookmark_; }
   double tunnelReviewDelay() const { return tunnelReviewDelay_; }  // seconds
   const Quor::TimerTask* task() const { return task_ ? &*task_ : nullptr; }
@@ -138,8 +142,6 @@ class TunnelRibBuilderSm final : public TableEntrySm {
   void doHoldEmptied(StagedTunnelRib::Staged& staged);
   // Deletes the entries that nobody has taken over, as many as fit in the slice.
   void sweepHeld();
-  // Entries of all RIBs that found no space, and tunnels whose tables cannot be read.
-  std::size_t heldUp() const;
   // True: the slice is used up, and some may find space.
   bool writeUnwritten();
   bool writeUnwritten(StagedTunnelRib& ribs);

@@ -1,6 +1,8 @@
 #include "tunnel_table_sm/TunnelRibConfigDirSm.h"
 
 #include "runtime/Fastlog/TraceHelper.h"
+#include "runtime/Memtab/Region.h"
+#include "runtime/Memtab/StateDirectory.h"
 
 FASTLOG_DEFAULT_HANDLE("TunnelRibConfigDirSm")
 
@@ -17,6 +19,8 @@ constexpr auto deleteSignature = "void " CONFIG_DIR "deleteTunnelRib(Zol::Name)"
 #undef CONFIG_DIR
 
 constexpr std::uint32_t customRibSize = 1024;
+constexpr Quor::TaskPriority retryPriority = 2;
+constexpr double retryDelay = 1;  // seconds
 
 // BGP has declared convergence once: whoever goes on waiting for the RIB to catch up waits no longer than was said
 // then.
@@ -52,7 +56,8 @@ TunnelRibConfigDirSm::TunnelRibConfigDirSm(
       unprogrammableTunnelIds_(std::move(unprogrammableTunnelIds)),
       tunnelRibIdMap_(std::move(tunnelRibIdMap)),
       scheduler_(std::move(scheduler)),
-      tunnelRibSm_(*this) {
+      tunnelRibSm_(*this),
+      retryTask_(*this, &TunnelRibConfigDirSm::retryUnmade, scheduler_, retryPriority, "TunnelRibConfigDirSm") {
   handleInitialized();
 }
 
@@ -82,13 +87,18 @@ void TunnelRibConfigDirSm::removeStaleIdMapEntries() {
 
 void TunnelRibConfigDirSm::handleRibConfig(const std::string& name) {
   FASTLOG_TRACE(8, configSignature << " - configDir : " << name);
+  unmade_.erase(name);
   const Zol::PtrConst<TunnelRibConfig> config = tunnelRibConfigDir_->config(name);
   if (!config) {
     deleteTunnelRib(name);
     return;
   }
   const TunnelRibId id = tunnelRibIdMap_->tunnelRibNameIs(name);
-  const Zol::Ptr<TunnelRib> tunnelRib = id == 0 ? systemTunnelRib_ : mountCustomRib(id);
+  const Zol::Ptr<TunnelRib> tunnelRib = id == 0 ? systemTunnelRib_ : mountCustomRib(name, id);
+  if (!tunnelRib) {
+    retryTask_.scheduleTaskLowestDelay(retryDelay);
+    return;
+  }
   tunnelRib->idIs(id);
   createTunnelRibSm(config, tunnelRib);
   // Whoever read what the new reactor wrote may have changed the configuration: then that reactor came too late.
@@ -100,10 +110,27 @@ void TunnelRibConfigDirSm::handleRibConfig(const std::string& name) {
   }
 }
 
-Zol::Ptr<TunnelRib> TunnelRibConfigDirSm::mountCustomRib(TunnelRibId id) const {
+void TunnelRibConfigDirSm::retryUnmade() {
+  for (const auto& [name, reason] : std::map(unmade_)) {
+    handleRibConfig(name);
+  }
+}
+
+// Null: not now.
+Zol::Ptr<TunnelRib> TunnelRibConfigDirSm::mountCustomRib(const std::string& name, TunnelRibId id) {
   Statehub::MountInfo info = sharedTable(Statehub::Access::write);
   info.collectionInfoIs({"entry", customRibSize});
-  entityManager_->doMount(statusPath(id), TunnelRib::entityTypeName, info);
+  try {
+    entityManager_->doMount(statusPath(id), TunnelRib::entityTypeName, info);
+  } catch (const Memtab::NoSpace& full) {
+    unmade_[name] = full.what();
+  } catch (const Memtab::FileRefused& refused) {
+    unmade_[name] = refused.what();
+  }
+  if (const auto unmade = unmade_.find(name); unmade != unmade_.end()) {
+    FASTLOG_TRACE(3, "handleRibConfig: RIB " << name << " cannot be made: " << unmade->second);
+    return nullptr;
+  }
   const auto tunnelRib = Zol::dynamicPtrCast<TunnelRib>(entityManager_->getEntity(statusPath(id)));
   ZOL_ASSERT(tunnelRib);
   return tunnelRib;

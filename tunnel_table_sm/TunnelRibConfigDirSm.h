@@ -4,11 +4,14 @@
 //                                                            n: CustomTunnelRibSm on a table mounted for it
 //
 // Any change of a RIB's configuration replaces its reactor, which builds everything anew over the table that is there.
-// A RIB that leaves the configuration loses reactor, id, table and convergence record.
+// A RIB that leaves the configuration loses reactor, id, table and convergence record. One that cannot be made does not
+// keep the others from being made.
 #pragma once
 
+#include <map>
 #include <string>
 
+#include "runtime/Quor/OwnedTask.h"
 #include "tunnel_table_sm/TunnelRibSm.h"
 
 namespace Tunnel::TunnelTable {
@@ -46,8 +49,12 @@ class TunnelRibConfigDirSm final : public Zol::Reactor {
   // A name without an id has nothing to delete.
   void deleteTunnelRib(const std::string& name);
 
+  // RIBs whose table cannot be had (no space, a file that is refused), each with the reason. Tried again every second.
+  const std::map<std::string, std::string>& unmadeRibs() const { return unmade_; }
+
  private:
-  Zol::Ptr<TunnelRib> mountCustomRib(TunnelRibId id) const;
+  void retryUnmade();
+  Zol::Ptr<TunnelRib> mountCustomRib(const std::string& name, TunnelRibId id);
 
   const Zol::Ptr<TunnelRib> systemTunnelRib_;
   const Zol::PtrConst<BgpLuConvergence> bgpLuConvergence_;
@@ -60,6 +67,8 @@ class TunnelRibConfigDirSm final : public Zol::Reactor {
   const Zol::Ptr<TunnelRibNameIdMap> tunnelRibIdMap_;
   const Zol::Ptr<Quor::TaskScheduler> scheduler_;
   Zol::ChildMap<TunnelRibId, TunnelRibBaseSm> tunnelRibSm_;
+  std::map<std::string, std::string> unmade_;
+  Quor::OwnedTask<TunnelRibConfigDirSm> retryTask_;
 };
 
 inline constexpr Zol::Factory<TunnelRibConfigDirSm> tunnelRibConfigDirSmFactory;

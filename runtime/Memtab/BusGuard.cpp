@@ -23,14 +23,16 @@ struct Range {
   std::atomic<bool> damaged{false};
 };
 
-std::array<Range, BusGuard::guardsMax> ranges;
+std::array<Range, BusGuard::guardsMax> ranges;  // pages of it that were never used take no memory
+std::atomic<unsigned> rangesUsed{0};            // those behind were never taken
 struct sigaction previous;
 uintptr_t pageBytes;
 
 static_assert(std::atomic<uintptr_t>::is_always_lock_free && std::atomic<bool>::is_always_lock_free);
 
 bool isMended(uintptr_t at) {
-  for (Range& range : ranges) {
+  for (unsigned n = 0; n < rangesUsed.load(std::memory_order_acquire); ++n) {
+    Range& range = ranges[n];
     if (at >= range.begin.load(std::memory_order_acquire) && at < range.end.load(std::memory_order_acquire)) {
       range.damaged.store(true, std::memory_order_release);
       void* const page = reinterpret_cast<void*>(at & ~(pageBytes - 1));
@@ -84,6 +86,8 @@ BusGuard::BusGuard(const std::byte* base, size_t bytes, int protection) : slot_(
   for (Range& range : ranges) {
     if (!range.isTaken.exchange(true)) {
       slot_ = static_cast<unsigned>(&range - ranges.data());
+      for (unsigned used = rangesUsed; used <= slot_ && !rangesUsed.compare_exchange_weak(used, slot_ + 1);) {
+      }
       damaged_ = &range.damaged;
       range.damaged = false;
       range.protection = protection;

@@ -12,7 +12,7 @@ namespace Memtab {
 
 class BusGuard {
  public:
-  static constexpr unsigned guardsMax = 512;
+  static constexpr unsigned guardsMax = 65536;  // about as many as Linux allows mappings
 
   // Guards [base, base + bytes) of whole pages. protection: of the page put there, PROT_READ and maybe PROT_WRITE.
   // Throws InternalException when guardsMax guards exist.

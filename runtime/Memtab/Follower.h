@@ -123,6 +123,7 @@ class Follower {
     uint64_t sequence;         // which it brings us to
     std::optional<Key> known;  // the first known key that was not compared yet
     uint64_t hash = 0;         // where the next segment is
+    bool isLossy = false;      // records are missing that were not deleted: nothing that is missing counts as deleted
     bool isOver = false;
   };
   using Candidate = std::pair<uint32_t, Key>;  // with its hash, so that they are examined in the table's order
@@ -173,6 +174,7 @@ void Follower<Key>::beginComparison() {
   latest_ = 0;
   epoch_ = reader_->epoch();
   comparison_.emplace(Comparison{reader_->sequence(), std::nullopt});
+  comparison_->isLossy = reader_->hasLostEntries(collection_);
   if (const auto first = std::as_const(known_).begin()) {
     comparison_->known = first.key();
   }
@@ -425,6 +427,10 @@ bool Follower<Key>::examine(const Key& key, D&& onDamage) {
   const Lookup found = reader_->get(collection_, reader_->hashOf(collection_, bytes), bytes);
   switch (found.state) {
     case Found::absent:
+      if (comparison_ && comparison_->isLossy && known_.has(key)) {
+        onDamage(Damage{"a record that was not deleted is gone from the index", collection_, 0, 0, 0});
+        return false;
+      }
       return known_.erase(key);
     case Found::damaged:
       onDamage(found.damage);

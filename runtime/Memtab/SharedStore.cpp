@@ -138,6 +138,7 @@ std::unique_ptr<ReaderFile> MirrorStore::open() {
     auto file = std::make_unique<ReaderFile>(stateDirectory_, name_, fingerprint_, hashes_.size(),
                                              directoryOwner(stateDirectory_));
     trouble_ = hiddenPart(*file);
+    troubleAt_ = versionOf(*file);
     return file;
   } catch (const FileAbsent&) {
     trouble_ = current_ == nullptr ? "" : "its file is gone";
@@ -155,6 +156,11 @@ void MirrorStore::bind(std::unique_ptr<ReaderFile> file) {
   for (const auto& [collection, listener] : listeners()) {
     listener->handleReader();
   }
+}
+
+MirrorStore::Version MirrorStore::versionOf(const ReaderFile& file) const {
+  const Reader reader(file.view(), hashes_);
+  return {reader.epoch(), reader.sequence(), reader.ready()};
 }
 
 std::string MirrorStore::hiddenPart(const ReaderFile& file) const {
@@ -178,6 +184,7 @@ void MirrorStore::rescan() {
     bind(std::move(file));
   } else if (file != nullptr && !file->isSameAs(*current_)) {
     next_ = std::move(file);
+    nextJudgedAt_.reset();
   }
   if (trouble_ != before && !trouble_.empty()) {
     for (const auto& [collection, listener] : listeners()) {
@@ -188,7 +195,14 @@ void MirrorStore::rescan() {
 
 // A file parts of which cannot be read does not take the place of one that can be, or could.
 bool MirrorStore::isNextComplete() const {
-  return next_ != nullptr && Reader(next_->view(), hashes_).ready() && hiddenPart(*next_).empty();
+  if (next_ == nullptr || !Reader(next_->view(), hashes_).ready()) {
+    return false;
+  }
+  if (const Version now = versionOf(*next_); !nextJudgedAt_ || *nextJudgedAt_ != now) {
+    nextJudgedAt_ = now;
+    isNextSound_ = hiddenPart(*next_).empty();
+  }
+  return isNextSound_;
 }
 
 bool MirrorStore::hasNews() const {
@@ -196,7 +210,11 @@ bool MirrorStore::hasNews() const {
          std::any_of(listeners().begin(), listeners().end(), [](const auto& each) { return each.second->hasNews(); });
 }
 
+// A writer that mends what could not be read makes changes, but no file.
 bool MirrorStore::poll(std::size_t maxKeys) {
+  if (!trouble_.empty() && current_ != nullptr && !current_->isReplaced() && versionOf(*current_) != troubleAt_) {
+    rescan();
+  }
   if (isNextComplete()) {
     trouble_.clear();
     bind(std::move(next_));

@@ -14,6 +14,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -210,8 +211,12 @@ class MirrorStore final : public SharedStore {
   bool poll(std::size_t maxKeys);
 
  private:
+  // Epoch, sequence and readiness: whatever a writer does to a table changes one of them.
+  using Version = std::tuple<std::uint64_t, std::uint64_t, bool>;
+
   std::unique_ptr<ReaderFile> open();
   void bind(std::unique_ptr<ReaderFile> file);
+  Version versionOf(const ReaderFile& file) const;
   std::string hiddenPart(const ReaderFile& file) const;
   bool isNextComplete() const;
 
@@ -222,10 +227,13 @@ class MirrorStore final : public SharedStore {
   Store blank_;  // what is read without a file
   Reader reader_;
   std::unique_ptr<ReaderFile> current_;
-  std::unique_ptr<ReaderFile> next_;  // not complete yet
+  std::unique_ptr<ReaderFile> next_;  // not complete yet, or not sound: isNextSound_ at nextJudgedAt_
+  mutable std::optional<Version> nextJudgedAt_;
+  mutable bool isNextSound_ = false;
   // Walks under way may still read the file that was bound last.
   std::unique_ptr<ReaderFile> previous_;
   std::string trouble_;
+  Version troubleAt_;
 };
 
 // Removes the file of a table that this process wrote, or an earlier run of it; absent: nothing happens. Who reads it

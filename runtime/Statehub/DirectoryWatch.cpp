@@ -9,6 +9,7 @@
 
 #include "runtime/Memtab/Bell.h"
 #include "runtime/Memtab/DirectoryOwner.h"
+#include "runtime/Statehub/Attempts.h"
 #include "runtime/Zol/Exception.h"
 
 namespace Statehub {
@@ -38,16 +39,20 @@ void DirectoryWatch::watch() {
       fail(directory);
     }
   };
+  Attempts all;
   for (const std::string& path : paths_) {
-    // The directory of any name in it.
-    Memtab::placeOf(stateDirectory_, path + "/any", true, Memtab::directoryOwner(stateDirectory_));
-    watchOne(stateDirectory_ + "/" + path, placesChanged | IN_MODIFY);
+    all.attempt([&] {
+      // The directory of any name in it.
+      Memtab::placeOf(stateDirectory_, path + "/any", true, Memtab::directoryOwner(stateDirectory_));
+      watchOne(stateDirectory_ + "/" + path, placesChanged | IN_MODIFY);
+    });
   }
-  watchOne(stateDirectory_, placesChanged);
+  all.attempt([&] { watchOne(stateDirectory_, placesChanged); });
   // Cut short by somebody; its users store to it through mappings, which is no event. Its coming and going is one
   // above.
   const std::string bell = stateDirectory_ + "/" + Memtab::Bell::fileName;
   (void)inotify_add_watch(inotify_.get(), bell.c_str(), IN_MODIFY);
+  all.raise();
 }
 
 void DirectoryWatch::answer() {

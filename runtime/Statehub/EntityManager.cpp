@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "runtime/Statehub/Attempts.h"
 #include "runtime/Zol/Exception.h"
 
 namespace Statehub {
@@ -78,16 +79,18 @@ const Memtab::MirrorStore* EntityManager::mirror(const std::string& path) const 
 }
 
 void EntityManager::rescan() {
+  Attempts all;
   for (const auto& [path, mounted] : mounted_) {
     if (mounted.mirror != nullptr) {
-      mounted.mirror->rescan();
+      all.attempt([&file = *mounted.mirror] { file.rescan(); });
     } else if (mounted.file != nullptr) {
-      mounted.file->mend();
+      all.attempt([&file = *mounted.file] { file.mend(); });
     }
   }
   if (ringer_ != nullptr) {
-    ringer_->mend();
+    all.attempt([this] { ringer_->mend(); });
   }
+  all.raise();
 }
 
 bool EntityManager::hasNews() const {

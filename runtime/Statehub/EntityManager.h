@@ -85,7 +85,8 @@ class EntityManager : public Zol::PtrInterface {
   const Memtab::MirrorStore* mirror(const std::string& path) const;
 
   // Files may have come, gone, or taken each other's places. Those that are written here are made again when they are
-  // gone. Throws CorruptionException when bytes of such a file are lost, and what mounting throws.
+  // gone. Throws CorruptionException when bytes of such a file are lost, and else, when all others have been looked at,
+  // what mounting throws.
   void rescan();
   // Whether other processes changed something that poll() has not told of.
   bool hasNews() const;

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "runtime/Statehub/Attempts.h"
+
 namespace Statehub {
 namespace {
 
@@ -62,12 +64,14 @@ bool TableFeed::mayFallAsleep() {
 
 void TableFeed::rescan() {
   trouble_.clear();
+  Attempts all;
+  all.attempt([this] { directoryWatch_.answer(); });
+  all.attempt([this] { entityManager_->rescan(); });
+  if (!bell_.mend()) {
+    trouble_ = "nobody can ring the doorbell, tables are looked at once a second";
+  }
   try {
-    directoryWatch_.answer();
-    bell_.mend();
-    entityManager_->rescan();
-  } catch (const Memtab::CorruptionException&) {
-    throw;
+    all.raise();
   } catch (const Zol::Exception& refused) {
     trouble_ = refused.what();
   }

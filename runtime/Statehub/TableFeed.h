@@ -36,7 +36,7 @@ class TableFeed final : public Quor::NewsSource {
 
   // Looks at the paths again, and makes anew what is written here and gone.
   void rescan();
-  // Why the directory cannot be watched or written; it is tried again every second. Empty: it can be.
+  // Why the directory, or some of it, cannot be watched or written; it is tried again every second. Empty: it can be.
   const std::string& trouble() const { return trouble_; }
 
   // Called after the paths have been looked at again, on the loop's thread.

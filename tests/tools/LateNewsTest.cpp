@@ -46,7 +46,7 @@ class SteppedAgent {
   Quor::SimulatedTimeSource time_;
   Quor::UnitSlicePolicy policy_;
   Agent::AgentHost host_;
-  Agent::StatusWriter status_{host_};
+  Agent::StatusWriter status_{host_, host_.scheduler()};
 };
 
 // Fails if a review that reads ahead leaves something that the news behind it do not put right.

@@ -3,6 +3,8 @@
 
 #include <algorithm>
 
+#include "runtime/Quor/RealTimeSource.h"
+#include "runtime/Quor/TimeSlicePolicy.h"
 #include "tests/tools/ShadowRouter.h"
 
 namespace Tools {
@@ -236,7 +238,9 @@ const std::vector<Spoiling> spoilings = {
      }},
     {__LINE__, "unprogrammable", "tunnel",
      [](auto& state) {
-       Agent::StatusWriter status(state);
+       const Quor::RealTimeSource time;
+       Quor::TimeSlicePolicy slices(time);
+       Agent::StatusWriter status(state, Zol::make<Quor::TaskScheduler>(time, slices));
        state.unprogrammable()->entryIs(id("ldpTunnel/1"), true);
      }},
     {__LINE__, "rib te-custom", "preference", reconfigured},

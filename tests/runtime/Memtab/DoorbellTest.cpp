@@ -1,11 +1,15 @@
+#include <linux/seccomp.h>
 #include <poll.h>
 #include <sched.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 
 #include <thread>
 
 #include "runtime/Memtab/Doorbell.h"
-#include "tests/runtime/Memtab/FileScene.h"
+#include "tests/runtime/Memtab/FollowerScene.h"
 
 namespace Memtab {
 namespace {
@@ -131,6 +135,34 @@ TEST(MemtabDoorbell, manyReaders) {
   listeners.back()->aboutToSleep();
   ringer.ring();
   EXPECT_TRUE(isRung(*listeners.back(), 0));
+}
+
+// A child that may call nothing but exit() publishes while a reader is awake; the kernel kills it if it calls more.
+TEST(MemtabDoorbell, noSystemCallWhileNobodySleeps) {
+  DoorbellScene scene;
+  DoorbellListener awake(scene.path);
+  const pid_t child = fork();
+  if (child == 0) {
+    WriterFile file(scene.path, "table", fileFingerprint, 2);
+    Store store(file.region(), fileFingerprint, numberHashes);
+    file.publish();
+    DoorbellRinger ringer(scene.path);
+    const auto publish = [&](uint64_t round) {
+      for (uint64_t key = 0; key < 1000; ++key) {
+        put(store, key, std::string(8, static_cast<char>('a' + round)));
+        ringer.ring();
+      }
+    };
+    for (uint64_t round = 0; round < 4; ++round) {  // until the table has all its space
+      publish(round);
+    }
+    prctl(PR_SET_SECCOMP, SECCOMP_MODE_STRICT);
+    publish(4);
+    syscall(SYS_exit, 17);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 17) << status;
 }
 
 // Fails if a bell that is garbage, truncated, gone or hostile does more than go unheard until the listener's mend().

@@ -231,6 +231,24 @@ TEST(MemtabFollower, damageIsNotAbsence) {
     EXPECT_TRUE(mirror.settle().empty());
     EXPECT_TRUE(mirror.damages.empty());
   }
+  // Index words that are wiped are no deletions: the header counts more.
+  const Place segment = Place::of(words[directory.offset() / 8]);
+  std::vector<uint64_t> wiped;
+  for (size_t i = 0; i < segment.words(); ++i) {
+    wiped.push_back(words[segment.offset() / 8 + i].exchange(emptyWord));
+  }
+  mirror.rebind(scene.reader);
+  EXPECT_TRUE(mirror.settle().empty());
+  EXPECT_EQ(mirror.follower.knownKeys(), 5000u);
+  EXPECT_FALSE(mirror.damages.empty());
+  EXPECT_NE(scene.reader.hiddenPart(0), nullptr);
+  for (size_t i = 0; i < segment.words(); ++i) {
+    words[segment.offset() / 8 + i] = wiped[i];
+  }
+  mirror.rebind(scene.reader);
+  mirror.damages.clear();
+  EXPECT_TRUE(mirror.settle().empty());
+  EXPECT_EQ(scene.reader.hiddenPart(0), nullptr);
   put(scene.store, 7, "unreadable");
   flipByteOf(scene.store, 7);
   EXPECT_TRUE(mirror.settle().empty());
