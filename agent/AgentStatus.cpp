@@ -202,8 +202,8 @@ template <class F>
 void StatusWriter::write(F&& f) {
   try {
     f();
-  } catch (const Memtab::NoSpace& full) {
-    trouble_ = std::string("status tables: ") + full.what();
+  } catch (const Memtab::NoSpace&) {
+    trouble_ = "no space in tunnel/status, whose tables lack something; they are written again every second";
     retryTask_.scheduleTaskLowestDelay(retryDelay);
   }
 }

@@ -70,7 +70,7 @@ class Router {
   bool becomes(const OrderedJson& expected, double seconds = 20) const {
     return Support::becomes([&] { return document() == expected; }, seconds);
   }
-  // Sequence numbers of all that the agent writes.
+  // Sequence numbers of all that the agent writes, but for convergence: a restarted RIB says anew how far it has come.
   std::map<std::string, std::uint64_t> sequences() const {
     const Reading reading(stateDirectory());
     std::map<std::string, std::uint64_t> all = {{"fib", reading.state.fib()->entry().collectionControl().sequence()}};
@@ -79,6 +79,9 @@ class Router {
     }
     for (const auto& [type, wrapper] : reading.state.protocolRibs()->protocolTunnelRib()) {
       all[Tunnel::TunnelTable::stringValue(type)] = wrapper->tunnelRib()->collectionControl().sequence();
+    }
+    for (const char* const path : {Agent::ribStatusPath, Agent::unprogrammablePath}) {
+      all[path] = reading.state.entityManager()->mirror(path)->reader().sequence();
     }
     return all;
   }
