@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 
 #include "agent/CommandPages.h"
+#include "agent/NumberRange.h"
 
 namespace Agent {
 namespace {
@@ -76,7 +77,7 @@ void addServeOptions(CLI::App& app, ServeOptions& options, std::vector<std::stri
   app.add_option("--wait-limit", options.waitSeconds,
                  "Start after SECONDS though a table is incomplete of which RIBs or FIB hold entries")
       ->type_name("SECONDS")
-      ->check(CLI::Range(0.0, 1e9));
+      ->check(numberBetween(0.0, 1e9));
   addTraceOption(app, traces);
 }
 

@@ -1,5 +1,7 @@
 #include "tools/ControlCommands.h"
 
+#include "agent/NumberRange.h"
+
 namespace Tools {
 
 std::shared_ptr<ControlOptions> addControlOptions(CLI::App& command) {
@@ -8,7 +10,7 @@ std::shared_ptr<ControlOptions> addControlOptions(CLI::App& command) {
   command.add_flag("--json", options->isJson, "Print JSON");
   command.add_option("--timeout", options->seconds, "How long the agent has for an answer")
       ->type_name("SECONDS")
-      ->check(CLI::Range(0.01, 3600.0))
+      ->check(Agent::numberBetween(0.01, 3600.0))
       ->default_val(options->seconds);
   return options;
 }

@@ -14,6 +14,7 @@
 
 #include "agent/Columns.h"
 #include "agent/InputError.h"
+#include "agent/NumberRange.h"
 #include "tools/AgentSample.h"
 
 namespace Tools {
@@ -233,7 +234,7 @@ void addTop(CLI::App& app, Action& action) {
   options->control = addControlOptions(command);
   command.add_option("--interval", options->interval, "Between two looks")
       ->type_name("SECONDS")
-      ->check(CLI::Range(0.05, 86400.0))
+      ->check(Agent::numberBetween(0.05, 86400.0))
       ->default_val(options->interval);
   command.add_option("--count", options->count, "End after N looks")->type_name("N")->check(CLI::PositiveNumber);
   command.callback([=, &action] { action = [=] { return runTop(*options); }; });

@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 
+#include "agent/NumberRange.h"
 #include "agent/Terminal.h"
 #include "tools/ShadowCommands.h"
 #include "tools/Verification.h"
@@ -128,7 +129,7 @@ void addVerify(CLI::App& app, Action& action) {
   command
       .add_option("--every", options->everySeconds, "Again and again, with a pause of SECONDS, until a signal ends it")
       ->type_name("SECONDS")
-      ->check(CLI::Range(0.0, 1e9));
+      ->check(Agent::numberBetween(0.0, 1e9));
   command.callback([=, &action] { action = [=] { return runVerify(*options); }; });
 }
 

@@ -59,7 +59,9 @@ bool Bell::openStanding(const Owners& owners) {
   if (facts.st_nlink == 0) {
     return false;
   }
-  facts.st_mode &= ~static_cast<mode_t>(S_IWGRP);
+  if ((facts.st_mode & S_IWOTH) == 0) {  // else the mode is told as it is
+    facts.st_mode &= ~static_cast<mode_t>(S_IWGRP);
+  }
   refuseUnsafe(facts, true, path_, owners);
   uint64_t magic = 0;
   if (facts.st_size == static_cast<off_t>(fileBytes) && pread(file_.get(), &magic, sizeof magic, 0) == sizeof magic &&

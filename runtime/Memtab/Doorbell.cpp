@@ -32,8 +32,8 @@ DoorbellRinger::DoorbellRinger(std::string stateDirectory)
 void DoorbellRinger::mend() {
   if (!bell_->isSound()) {
     reopen();
+    ring();  // whoever fell asleep there first has missed what was published into the spoilt one
   }
-  ring();
 }
 
 void DoorbellRinger::reopen() {

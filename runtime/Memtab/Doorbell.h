@@ -34,7 +34,7 @@ class DoorbellRinger {
       wakeSleepers();
     }
   }
-  // Opens the bell again if it has been spoilt, and rings. Throws as the constructor does.
+  // Opens the bell again if it has been spoilt, and then rings. Throws as the constructor does.
   void mend();
 
  private:

@@ -51,9 +51,10 @@ std::string Owner::text() const {
   }
   timespec now{};
   clock_gettime(CLOCK_BOOTTIME, &now);
+  const double nowSeconds = static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
   const double startSeconds = static_cast<double>(start) / static_cast<double>(sysconf(_SC_CLK_TCK));
   std::array<char, 40> ago{};
-  (void)std::snprintf(ago.data(), ago.size(), "%.1f", static_cast<double>(now.tv_sec) - startSeconds);
+  (void)std::snprintf(ago.data(), ago.size(), "%.1f", nowSeconds - startSeconds);
   return "pid " + std::to_string(pid) + " (" + lineOf("/proc/" + std::to_string(pid) + "/comm") + "), started " +
          ago.data() + " s ago";
 }

@@ -97,6 +97,7 @@ TEST_F(Program, exitStatusTellsWhatWentWrong) {
            {__LINE__, "run --state=" + file("s.json") + " --why ldpTunnel/5 " + good, 0, "why ldpTunnel/5\n"},
            {__LINE__, "run --trace ldp " + good, 2, "--trace"},
            {__LINE__, "run --yield-every 0 " + good, 2, "--yield-every"},
+           {__LINE__, "serve --wait-limit nan", 2, "--wait-limit: nan is not a number"},
            {__LINE__, "run --checkpoint-each-settle " + good, 2, "--checkpoints"},
            {__LINE__, "run --state=" + file("no/state") + " " + good, 1, "cannot be written: No such file"},
            {__LINE__, "run --checkpoints " + good + "/x " + good, 1, "cannot be created"},

@@ -112,6 +112,10 @@ TEST(MemtabDoorbell, deadReaders) {
     EXPECT_FALSE(isRung(listener, 0));
     ringer.ring();  // awake: no byte
     EXPECT_FALSE(isRung(listener, 0));
+    listener.aboutToSleep();
+    ringer.mend();  // nothing was spoilt: writers look every second, and sleepers go on sleeping
+    EXPECT_FALSE(isRung(listener, 0));
+    listener.awake();
   }
   EXPECT_EQ(scene.files(), 2u);  // the bell and one FIFO
 }
@@ -167,6 +171,10 @@ TEST(MemtabDoorbell, noSystemCallWhileNobodySleeps) {
 
 // Fails if a bell that is garbage, truncated, gone or hostile does more than go unheard until the listener's mend().
 TEST(MemtabDoorbell, spoiltBells) {
+  const DoorbellScene writable;
+  { const DoorbellRinger made(writable.path); }
+  chmod(writable.bell().c_str(), 0666);
+  EXPECT_NE(thrown<FileRefused>([&] { DoorbellRinger(writable.path); }).find("(mode 666)"), std::string::npos);
   Random random(3);
   const std::function<void(const DoorbellScene&)> spoilers[] = {
       [](const DoorbellScene& s) { truncate(s.bell().c_str(), 0); },

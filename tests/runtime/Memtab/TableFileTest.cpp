@@ -87,6 +87,7 @@ TEST(MemtabFile, oneWriter) {
   const std::string busy = thrown<TableBusy>([&] { writerOf(scene); });
   EXPECT_NE(busy.find("pid " + std::to_string(child) + " ("), std::string::npos) << busy;
   EXPECT_NE(busy.find(" s ago"), std::string::npos) << busy;
+  EXPECT_EQ(busy.find("started -"), std::string::npos) << "a fraction of a second is lost: " << busy;
   kill(child, SIGKILL);
   waitid(P_PID, static_cast<id_t>(child), nullptr, WEXITED | WNOWAIT);  // a zombie holds nothing
   EXPECT_FALSE(reader.isOwned());
