@@ -1,32 +1,45 @@
 #include "tools/PublishCommand.h"
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <utility>
 
-#include "tunnel/TunnelTableInfo.h"
+#include "tools/PublishRehearsal.h"
 
 namespace Tools {
 
 using Agent::TableId;
 
-PublishCommand::PublishCommand(PublishOptions options)
-    : options_(std::move(options)), entityManager_(Zol::make<Statehub::EntityManager>(options_.stateDirectory)) {
-  if (options_.table) {
-    published(*options_.table);
+namespace {
+
+std::ifstream opened(const std::string& path) {
+  std::ifstream in(path);
+  if (!in) {
+    throw Agent::ScenarioError(path, std::string("cannot be opened: ") + std::strerror(errno));
   }
+  return in;
 }
 
+// What is no file is opened only once, when its turn comes.
+bool canBeReadTwice(const std::string& path) {
+  std::error_code unknown;
+  const auto status = std::filesystem::status(path, unknown);
+  return path != "-" && (!exists(status) || is_regular_file(status));
+}
+
+}  // namespace
+
 void PublishCommand::run() {
-  for (const std::string& path : options_.scenarios) {
-    playFile(path);
-  }
-  complete();
-  for (const auto& [table, standing] : published_) {
-    std::cout << Zol::stringOf(table) << ": " << tables_->table(table).size() << " entries\n";
+  publish();
+  for (const auto& [id, publishing] : published_) {
+    std::cout << Zol::stringOf(id) << ": " << publishing.table->size() << " entries\n";
   }
   std::cout << std::flush;
   if (options_.holds) {
@@ -34,101 +47,105 @@ void PublishCommand::run() {
   }
 }
 
-void PublishCommand::playFile(const std::string& path) {
-  if (path == "-") {
-    play(std::cin, "<stdin>");
-    return;
+void PublishCommand::publish() {
+  for (const TableId id : tablesNamed()) {
+    published(id);
   }
-  std::ifstream in(path);
-  if (!in) {
-    throw Agent::ScenarioError(path, std::string("cannot be opened: ") + std::strerror(errno));
+  if (options_.table) {
+    published(*options_.table).begin();
   }
-  play(in, path);
+  for (const std::string& path : options_.scenarios) {
+    play(path);
+  }
+  complete();
 }
 
-void PublishCommand::play(std::istream& in, const std::string& name) {
+// Without what is read once only, of which nothing is known yet: then deletes may be of what that has put.
+std::set<TableId> PublishCommand::tablesNamed() const {
+  PublishRehearsal rehearsal(options_.stateDirectory);
+  if (options_.table) {
+    rehearsal.begin(*options_.table);
+  }
+  const bool isWhole = canPlayAgain();
+  const auto apply = [&](TableId id, const Agent::ScenarioLine& line) {
+    if (isWhole || !std::holds_alternative<Agent::DeleteLine>(line)) {
+      rehearsal.apply(id, line);
+    } else {
+      rehearsal.begin(id);
+    }
+  };
+  for (const std::string& path : options_.scenarios) {
+    if (canBeReadTwice(path)) {
+      std::ifstream in = opened(path);
+      read(in, path, apply, [&](const std::string&) { rehearsal.settle(); });
+    }
+  }
+  return rehearsal.named();
+}
+
+void PublishCommand::play(const std::string& path) {
+  const auto applyOne = [this](TableId id, const Agent::ScenarioLine& line) {
+    withSpace(id, [&] { apply(id, line); });
+  };
+  const auto settle = [this](const std::string& place) { handleSettle(place); };
+  if (path == "-") {
+    read(std::cin, "<stdin>", applyOne, settle);
+  } else {
+    std::ifstream in = opened(path);
+    read(in, path, applyOne, settle);
+  }
+}
+
+// apply(table, line) for what is to be published, settle(place) at each settle and checkpoint.
+template <class Apply, class Settle>
+void PublishCommand::read(std::istream& in, const std::string& name, Apply&& apply, Settle&& settle) const {
   Agent::ScenarioReader reader(in, name);
   while (const std::optional<Agent::ScenarioLine> line = reader.next()) {
-    reader.naming([&] { apply(*line); });
-    if (std::holds_alternative<Agent::SettleLine>(*line) || std::holds_alternative<Agent::CheckpointLine>(*line)) {
-      handleSettle(name + ":" + std::to_string(reader.lineNumber()));
+    if (const std::optional<TableId> id = wantedTable(*line)) {
+      reader.naming([&] { apply(*id, *line); });
+    } else if (std::holds_alternative<Agent::SettleLine>(*line) ||
+               std::holds_alternative<Agent::CheckpointLine>(*line)) {
+      settle(name + ":" + std::to_string(reader.lineNumber()));
     }
   }
 }
 
-void PublishCommand::apply(const Agent::ScenarioLine& line) {
-  if (const auto* const put = std::get_if<Agent::PutLine>(&line); put != nullptr && isWanted(put->table)) {
-    this->put(*put);
-  } else if (const auto* const del = std::get_if<Agent::DeleteLine>(&line); del != nullptr && isWanted(del->table)) {
-    this->del(*del);
-  } else if (const auto* const declared = std::get_if<Agent::ConvergedLine>(&line);
-             declared != nullptr && isWanted(TableId::bgpLu)) {
-    declare(*declared);
+// The table that the line writes; nothing when it writes none, or none that is to be published.
+std::optional<TableId> PublishCommand::wantedTable(const Agent::ScenarioLine& line) const {
+  std::optional<TableId> id;
+  if (const auto* const put = std::get_if<Agent::PutLine>(&line)) {
+    id = put->table;
+  } else if (const auto* const del = std::get_if<Agent::DeleteLine>(&line)) {
+    id = del->table;
+  } else if (std::holds_alternative<Agent::ConvergedLine>(line)) {
+    id = TableId::bgpLu;
   }
+  const bool isOther = options_.table && id != options_.table;
+  return isOther ? std::nullopt : id;
 }
 
-// Mounts the table when it is named first.
-auto PublishCommand::published(TableId table) -> Published& {
-  const auto present = published_.find(table);
-  if (present != published_.end()) {
-    return present->second;
+PublishedTable& PublishCommand::published(TableId id) {
+  std::unique_ptr<PublishedTable>& table = published_[id].table;
+  if (table == nullptr) {
+    table = std::make_unique<PublishedTable>(options_.stateDirectory, id);
   }
-  std::set<TableId> mounted = {table};
-  for (const auto& [other, standing] : published_) {
-    mounted.insert(other);
-  }
-  tables_.emplace(*entityManager_, mounted, Statehub::Access::write);
-  Published& added = published_[table];
-  tables_->withTable(table, [&](auto& target) {
-    Model::walkSafely(target, true, [&](const auto& hint) { added.stale.insert(hint.key()); });
-  });
-  return added;
+  return *table;
 }
 
-void PublishCommand::put(const Agent::PutLine& line) {
-  Published& table = published(line.table);
-  try {
-    putEntry(*tables_, line.table, line.entry);
-  } catch (const Zol::RangeException& refused) {
-    throw Agent::InputError("put", Agent::printable(refused.what(), 200));
+void PublishCommand::apply(TableId id, const Agent::ScenarioLine& line) {
+  PublishedTable& table = published(id);
+  if (const auto* const put = std::get_if<Agent::PutLine>(&line)) {
+    table.put(put->entry);
+  } else if (const auto* const del = std::get_if<Agent::DeleteLine>(&line)) {
+    table.del(del->index);
+  } else {
+    table.declare(std::get<Agent::ConvergedLine>(line));
   }
-  table.stale.erase(Model::TunnelId(tables_->table(line.table).tunnelType(), line.entry.index));
-}
-
-void PublishCommand::del(const Agent::DeleteLine& line) {
-  Published& table = published(line.table);
-  if (!hasEntry(*tables_, line.table, line.index)) {
-    throw Agent::InputError("delete", Zol::stringOf(line.table) + " has no entry " + std::to_string(line.index));
-  }
-  deleteEntry(*tables_, line.table, line.index);
-  table.stale.erase(Model::TunnelId(tables_->table(line.table).tunnelType(), line.index));
-}
-
-void PublishCommand::declare(const Agent::ConvergedLine& line) {
-  published(TableId::bgpLu);
-  if (declaration_ == nullptr) {
-    declaration_ = Agent::statusTable<Agent::BgpLuDeclaration>(*entityManager_, Agent::bgpLuDeclarationPath,
-                                                               Statehub::Access::write);
-  }
-  Agent::BgpLuDeclaration declaration;
-  declaration.convergedIs(line.isConverged);
-  declaration.seqnoIs(line.seqno.value_or(tables_->table(TableId::bgpLu).collectionControl().sequence()));
-  declaration_->entryIs(declaration);
-  declaration_->collectionReadyIs(true);
 }
 
 void PublishCommand::complete() {
-  for (auto& [id, state] : published_) {
-    if (std::exchange(state.isComplete, true)) {
-      continue;
-    }
-    tables_->withTable(id, [&, &stale = state.stale](auto& table) {
-      for (const Model::TunnelId& tunnel : stale) {
-        table.entryDel(tunnel);
-      }
-      stale.clear();
-      table.collectionReadyIs(true);
-    });
+  for (auto& [id, publishing] : published_) {
+    withSpace(id, [&table = *publishing.table] { table.complete(); });
   }
 }
 
@@ -141,9 +158,27 @@ void PublishCommand::handleSettle(const std::string& place) {
   }
 }
 
-// Until a signal ends the process: the table then has no publisher, and stays in force. Files that somebody removes or
-// replaces meanwhile are made again.
-void PublishCommand::hold() const {
+// A holder outwaits a full file system: what found no space has changed nothing.
+template <class F>
+void PublishCommand::withSpace(TableId id, F&& f) {
+  for (;;) {
+    try {
+      f();
+      report(id, "");
+      return;
+    } catch (const Memtab::NoSpace& full) {
+      if (!options_.holds) {
+        throw;
+      }
+      report(id, full.what());
+      sleep(1);
+    }
+  }
+}
+
+// Until a signal ends the process: the tables then have no publisher, and stay in force. Files that somebody removes,
+// replaces or spoils meanwhile are made again, as soon as that can be done.
+void PublishCommand::hold() {
   sigset_t ending;
   sigemptyset(&ending);
   sigaddset(&ending, SIGTERM);
@@ -151,7 +186,48 @@ void PublishCommand::hold() const {
   sigprocmask(SIG_BLOCK, &ending, nullptr);
   constexpr timespec second{.tv_sec = 1, .tv_nsec = 0};
   while (sigtimedwait(&ending, nullptr, &second) < 0) {
-    entityManager_->rescan();
+    for (auto& [id, publishing] : published_) {
+      mend(id, publishing);
+    }
+  }
+}
+
+void PublishCommand::mend(TableId id, Publishing& publishing) {
+  try {
+    if (publishing.table == nullptr) {
+      makeAnew(id, publishing);
+    }
+    publishing.table->rescan();
+    report(id, "");
+  } catch (const Memtab::CorruptionException& lost) {
+    report(id, std::string(lost.what()) + (canPlayAgain() ? "" : ", and its lines cannot be read again"));
+    if (canPlayAgain()) {
+      publishing.table.reset();
+    }
+  } catch (const Memtab::TableBusy&) {  // its text changes all the time
+    report(id, "another process has put a table in its place");
+  } catch (const std::exception& trouble) {
+    report(id, trouble.what());
+  }
+}
+
+// Bytes are lost that only the scenarios still tell.
+void PublishCommand::makeAnew(TableId id, Publishing& publishing) {
+  PublishCommand again({.stateDirectory = options_.stateDirectory, .scenarios = options_.scenarios, .table = id});
+  again.publish();
+  publishing.table = std::move(again.published_.at(id).table);
+}
+
+bool PublishCommand::canPlayAgain() const {
+  return std::all_of(options_.scenarios.begin(), options_.scenarios.end(), canBeReadTwice);
+}
+
+void PublishCommand::report(TableId id, const std::string& trouble) {
+  std::string& reported = published_[id].trouble;
+  if (trouble != reported) {
+    reported = trouble;
+    std::cerr << "tunnelctl: table " << Zol::stringOf(id) << ": "
+              << (trouble.empty() ? "all is well again" : trouble + "; trying again every second") << std::endl;
   }
 }
 

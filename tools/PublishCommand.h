@@ -3,23 +3,26 @@
 // Each table is taken over as its publisher's successor does it: what stands there stays in force while the lines up to
 // the next settle are written, then what they did not mention is deleted and the table is declared complete.
 //
+//   scenarios read through ─▶ all tables that they name locked ─▶ scenarios read again, line by line written ─▶ held
+//
+// So a wrong line or a table with another publisher is found before anything is touched. Standard input and pipes can
+// be read only once: their tables are locked as they come.
+//
 // Lines that are the agent's business (rib, ribDelete, mount, unmount, advance) are passed over.
 #pragma once
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
-#include "agent/AgentStatus.h"
-#include "agent/ProtocolTables.h"
 #include "agent/ScenarioReader.h"
+#include "tools/PublishedTable.h"
 
 namespace Tools {
-
-namespace Model = Tunnel::TunnelTable;
 
 struct PublishOptions {
   std::string stateDirectory;
@@ -31,36 +34,39 @@ struct PublishOptions {
 
 class PublishCommand {
  public:
-  explicit PublishCommand(PublishOptions options);
+  explicit PublishCommand(PublishOptions options) : options_(std::move(options)) {}
 
-  // Raises ScenarioError, with what stands before that line published, and what mounting raises: TableBusy for a table
-  // that has a publisher.
+  // Raises ScenarioError: of files with no table touched, of what is read once only with what stands before that line
+  // published. Raises what mounting raises: TableBusy for a table that has a publisher; and NoSpace, but a holder waits
+  // for space.
   void run();
 
  private:
-  // One table of this publisher.
-  struct Published {
-    std::set<Model::TunnelId> stale;  // what an earlier run left and no line has mentioned yet
-    bool isComplete = false;
+  struct Publishing {
+    std::unique_ptr<PublishedTable> table;  // null: lost, to be made anew
+    std::string trouble;                    // as it was reported; empty: all is well
   };
 
-  void playFile(const std::string& path);
-  void play(std::istream& in, const std::string& name);
-  void apply(const Agent::ScenarioLine& line);
-  bool isWanted(Agent::TableId table) const { return options_.table.value_or(table) == table; }
-  Published& published(Agent::TableId table);
-  void put(const Agent::PutLine& line);
-  void del(const Agent::DeleteLine& line);
-  void declare(const Agent::ConvergedLine& line);
+  void publish();
+  std::set<Agent::TableId> tablesNamed() const;
+  void play(const std::string& path);
+  template <class Apply, class Settle>
+  void read(std::istream& in, const std::string& name, Apply&& apply, Settle&& settle) const;
+  std::optional<Agent::TableId> wantedTable(const Agent::ScenarioLine& line) const;
+  PublishedTable& published(Agent::TableId id);
+  void apply(Agent::TableId id, const Agent::ScenarioLine& line);
   void complete();
   void handleSettle(const std::string& place);
-  void hold() const;
+  template <class F>
+  void withSpace(Agent::TableId id, F&& f);
+  void hold();
+  void mend(Agent::TableId id, Publishing& publishing);
+  void makeAnew(Agent::TableId id, Publishing& publishing);
+  bool canPlayAgain() const;
+  void report(Agent::TableId id, const std::string& trouble);
 
   const PublishOptions options_;
-  const Zol::Ptr<Statehub::EntityManager> entityManager_;
-  std::map<Agent::TableId, Published> published_;
-  std::optional<Agent::ProtocolTables> tables_;  // those in published_
-  Zol::Ptr<Agent::BgpLuDeclarationTable> declaration_;
+  std::map<Agent::TableId, Publishing> published_;
 };
 
 }  // namespace Tools
