@@ -303,7 +303,8 @@ void ServeCommand::configIs(AgentConfig config, const std::string& source) {
   config_ = std::move(config);
   configSource_ = source;
   configTask_.configIs(config_);
-  log(LogLevel::info, "configuration read (" + source + "): " + std::to_string(config_.size()) + " RIBs");
+  log(LogLevel::info, "configuration read (" + source + "): " + std::to_string(config_.size()) +
+                          (config_.size() == 1 ? " RIB" : " RIBs"));
 }
 
 void ServeCommand::handleConfigured() {

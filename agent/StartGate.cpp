@@ -71,7 +71,7 @@ std::vector<std::string> StartGate::waitingFor() const {
     const std::string trouble = held == held_.end() ? "" : this->trouble(table);
     if (!trouble.empty()) {
       lines.push_back("table " + Zol::stringOf(table) + " " + trouble + ", " + std::to_string(held->second) +
-                      " entries came from it");
+                      (held->second == 1 ? " entry came from it" : " entries came from it"));
     }
   }
   return lines;

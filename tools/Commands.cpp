@@ -1,5 +1,6 @@
 #include "tools/Commands.h"
 
+#include <charconv>
 #include <iostream>
 #include <memory>
 #include <sstream>
@@ -33,7 +34,26 @@ void addStateDirectory(CLI::App& command, std::string& stateDirectory) {
 }
 
 void addLimit(CLI::App& command, std::optional<std::uint64_t>& limit, const char* help) {
-  command.add_option("--limit", limit, help)->type_name("N")->check(CLI::PositiveNumber);
+  command.add_option("--limit", limit, help)->type_name("N")->check(isCount());
+}
+
+CLI::Validator isCount() {
+  return CLI::Validator(
+      [](const std::string& text) -> std::string {
+        std::uint64_t count = 0;
+        const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), count);
+        const bool isRight = error == std::errc() && end == text.data() + text.size() && count > 0;
+        return isRight ? "" : "'" + Agent::printable(text) + "' is not a number from 1 on";
+      },
+      "");
+}
+
+void tellNote(const std::string& text, bool isJson) {
+  std::cerr << (isJson ? Agent::textOf({{"note", text}}) : "tunnelctl: " + text) << std::endl;
+}
+
+std::string counted(std::uint64_t count, const char* one, const char* many) {
+  return std::to_string(count) + " " + (count == 1 ? one : many);
 }
 
 Agent::TableId tableNamed(const std::string& name) {
@@ -54,6 +74,7 @@ void addPublish(CLI::App& app, Action& action) {
       ->type_name("T")
       ->check([](const std::string& name) { return tableOf(name) ? "" : "no table '" + Agent::printable(name) + "'"; });
   command->add_flag("--hold", options->holds, "Stay the tables' publisher until a signal ends it");
+  command->add_flag("--json", options->isJson, "Print JSON");
   command->add_flag("--step", options->steps, "Wait for a line on standard input at each settle");
   command->callback([=, &action] {
     if (options->scenarios.empty() && table->empty()) {

@@ -21,11 +21,20 @@ constexpr int exitBadInput = 2;  // the command line or an input file is wrong
 // The option that nearly every command has.
 void addStateDirectory(CLI::App& command, std::string& stateDirectory);
 
+// Accepts a number of at least 1.
+CLI::Validator isCount();
+
 // At most so many rows, at least one.
 void addLimit(CLI::App& command, std::optional<std::uint64_t>& limit, const char* help);
 
 // The table of that name; raises InputError.
 Agent::TableId tableNamed(const std::string& name);
+
+// What there is to know besides the answer, on standard error; for programs {"note": TEXT}.
+void tellNote(const std::string& text, bool isJson);
+
+// "1 entry", "2 entries".
+std::string counted(std::uint64_t count, const char* one, const char* many);
 
 void addPublish(CLI::App& app, Action& action);
 void addState(CLI::App& app, Action& action);

@@ -56,14 +56,12 @@ int showConfig(const ControlOptions& options) {
   return exitDone;
 }
 
-std::string wordsOf(std::size_t ribs) { return std::to_string(ribs) + (ribs == 1 ? " RIB" : " RIBs"); }
-
 int checkConfig(const ControlOptions& options, const std::string& file) {
   const Agent::AgentConfig config = Agent::readConfigFile(file);
   if (options.isJson) {
     std::cout << OrderedJson{{"valid", true}, {"ribs", config.size()}}.dump() << '\n';
   } else {
-    std::cout << Agent::printable(file, 300) << ": valid, " << wordsOf(config.size()) << '\n';
+    std::cout << Agent::printable(file, 300) << ": valid, " << counted(config.size(), "RIB", "RIBs") << '\n';
   }
   return exitDone;
 }
@@ -90,7 +88,7 @@ int applyConfig(const ControlOptions& options, const std::string& file) {
       std::cout << what << ' ' << Agent::printable(name.get<std::string>(), 300) << '\n';
     }
   }
-  std::cout << wordsOf(result["ribs"].get<std::size_t>())
+  std::cout << counted(result["ribs"].get<std::size_t>(), "RIB", "RIBs")
             << " configured, until the agent reads its file again (SIGHUP, restart)\n";
   return exitDone;
 }

@@ -143,6 +143,9 @@ class Difference {
 };
 
 int diff(const DiffOptions& options) {
+  if (options.before == "-" && options.after == "-") {
+    throw Agent::InputError("BEFORE and AFTER", "both are standard input");
+  }
   const Members before = readMembers(options.before);
   const Members after = readMembers(options.after);
   Difference difference(options);

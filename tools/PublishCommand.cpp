@@ -11,6 +11,7 @@
 #include <iostream>
 #include <utility>
 
+#include "tools/Commands.h"
 #include "tools/PublishRehearsal.h"
 
 namespace Tools {
@@ -37,14 +38,34 @@ bool canBeReadTwice(const std::string& path) {
 }  // namespace
 
 void PublishCommand::run() {
+  const bool isNewDirectory = !std::filesystem::exists(options_.stateDirectory);
   publish();
-  for (const auto& [id, publishing] : published_) {
-    std::cout << Zol::stringOf(id) << ": " << publishing.table->size() << " entries\n";
+  if (isNewDirectory) {
+    tellNote(Agent::printable(options_.stateDirectory, 200) + ": made, there was no such directory", options_.isJson);
   }
-  std::cout << std::flush;
+  tellWhatIsPublished();
   if (options_.holds) {
     hold();
   }
+}
+
+void PublishCommand::tellWhatIsPublished() const {
+  if (published_.empty()) {
+    tellNote("no line is about a table: nothing is published", options_.isJson);
+  }
+  Agent::OrderedJson tables = Agent::OrderedJson::array();
+  for (const auto& [id, publishing] : published_) {
+    const std::size_t entries = publishing.table->size();
+    if (options_.isJson) {
+      tables.push_back({{"table", Zol::stringOf(id)}, {"entries", entries}});
+    } else {
+      std::cout << Zol::stringOf(id) << ": " << counted(entries, "entry", "entries") << '\n';
+    }
+  }
+  if (options_.isJson) {
+    std::cout << Agent::textOf({{"tables", tables}}) << '\n';
+  }
+  std::cout << std::flush;
 }
 
 void PublishCommand::publish() {

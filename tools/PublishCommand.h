@@ -29,7 +29,8 @@ struct PublishOptions {
   std::vector<std::string> scenarios;   // "-" is standard input
   std::optional<Agent::TableId> table;  // nothing: all that the scenarios name
   bool holds = false;                   // stays alive, and the tables' writer, until a signal ends it
-  bool steps = false;                   // waits for a line on standard input at each settle
+  bool isJson = false;
+  bool steps = false;  // waits for a line on standard input at each settle
 };
 
 class PublishCommand {
@@ -48,6 +49,7 @@ class PublishCommand {
   };
 
   void publish();
+  void tellWhatIsPublished() const;
   std::set<Agent::TableId> tablesNamed() const;
   void play(const std::string& path);
   template <class Apply, class Settle>

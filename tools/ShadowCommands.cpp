@@ -10,6 +10,7 @@ void addShadowOptions(CLI::App& command, ShadowOptions& options) {
 void addLimit(CLI::App& command, ShadowOptions& options, std::uint64_t standard) {
   command.add_option("--limit", options.limit, "Show at most N lines; everything counts")
       ->type_name("N")
+      ->check(isCount())
       ->default_val(standard);
 }
 

@@ -80,10 +80,7 @@ int main(int argc, char** argv) {
     if (error.get_exit_code() == int(CLI::ExitCodes::RequiredError) && !unknown.empty()) {
       return fail(Tools::exitBadInput, "'" + Agent::printable(unknown[0]) + "' is not known; see --help");
     }
-    if (isJson && error.get_exit_code() != 0) {
-      return fail(Tools::exitBadInput, error.what());
-    }
-    return app.exit(error) == 0 ? Tools::exitDone : Tools::exitBadInput;
+    return error.get_exit_code() != 0 ? fail(Tools::exitBadInput, error.what()) : app.exit(error);
   }
   return run(action);
 }

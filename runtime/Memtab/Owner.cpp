@@ -54,7 +54,7 @@ std::string Owner::text() const {
   const double nowSeconds = static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
   const double startSeconds = static_cast<double>(start) / static_cast<double>(sysconf(_SC_CLK_TCK));
   std::array<char, 40> ago{};
-  (void)std::snprintf(ago.data(), ago.size(), "%.1f", nowSeconds - startSeconds);
+  (void)std::snprintf(ago.data(), ago.size(), "%.1f", std::max(nowSeconds - startSeconds, 0.0));
   return "pid " + std::to_string(pid) + " (" + lineOf("/proc/" + std::to_string(pid) + "/comm") + "), started " +
          ago.data() + " s ago";
 }

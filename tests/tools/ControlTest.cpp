@@ -132,7 +132,7 @@ TEST_F(Control, anAgentThatWaitsAnswers) {
   const Support::Process agent = serve();
   ASSERT_TRUE(agent.says("waiting: table ldp is absent")) << agent.output();
   EXPECT_EQ(stats()["state"], "waiting");
-  EXPECT_EQ(stats()["waitingFor"], OrderedJson({"table ldp is absent, 1 entries came from it"}));
+  EXPECT_EQ(stats()["waitingFor"], OrderedJson({"table ldp is absent, 1 entry came from it"}));
   words({"config", "apply", scratch().fileWith("a.jsonl", R"({"rib": "a", "tables": {"ldp": {"pref": 7}}})")});
   ASSERT_EQ(publishAll({ldp}), 0);
   EXPECT_TRUE(Support::becomes([&] {

@@ -127,6 +127,7 @@ TEST_F(Questions, thatMakeNoSenseAreRefused) {
     SCOPED_TRACE("case in line " + std::to_string(row.line));
     const Answer text = ask(row.words);
     EXPECT_EQ(text.status, row.status) << text.text;
+    EXPECT_TRUE(text.text.starts_with("tunnelctl: ")) << text.text;
     EXPECT_NE(text.text.find(row.says), std::string::npos) << text.text;
     if (!row.words.empty() && row.words[0] != "graph") {
       EXPECT_EQ(ask(with(row.words, {"--json"})).json()["error"]["status"], row.status);

@@ -42,7 +42,7 @@ TEST_P(Notifying, isReadyAfterTheFirstDrainAndAfterEachReload) {
   ASSERT_TRUE(socket.isBound());
   const std::string config = scratch().fileWith("rib.jsonl", "");
   Support::Process agent = supervised({"NOTIFY_SOCKET=" + name, "WATCHDOG_USEC=6000000"}, {"--config", config});
-  EXPECT_NE(socket.nextWith("STATUS=waiting: table ldp is absent, 1 entries came from it\n"), "") << socket.seen();
+  EXPECT_NE(socket.nextWith("STATUS=waiting: table ldp is absent, 1 entry came from it\n"), "") << socket.seen();
   EXPECT_NE(socket.nextWith("WATCHDOG=1\n"), "") << "it is alive while it waits";
   agent.signal(SIGHUP);
   ASSERT_TRUE(agent.says("configuration read")) << agent.output();
