@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "agent/Terminal.h"
+
 namespace Agent {
 namespace {
 
@@ -9,15 +11,11 @@ bool isNumber(const std::string& cell) {
   return !cell.empty() && cell.find_first_not_of("0123456789") == std::string::npos;
 }
 
-// How many characters a terminal shows: bytes that do not continue a UTF-8 sequence.
-std::size_t widthOf(const std::string& cell) {
-  return static_cast<std::size_t>(
-      std::count_if(cell.begin(), cell.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));
-}
+constexpr std::size_t lastCellMin = 20;  // characters; narrower a list of vias is hard to read
 
 }  // namespace
 
-void Columns::write(std::ostream& out, const std::string& indent) const {
+void Columns::write(std::ostream& out, const std::string& indent, std::size_t width) const {
   std::vector<std::size_t> widths;
   for (const auto& cells : rows_) {
     widths.resize(std::max(widths.size(), cells.size()));
@@ -27,12 +25,19 @@ void Columns::write(std::ostream& out, const std::string& indent) const {
   }
   for (const auto& cells : rows_) {
     std::string line = indent;
-    for (std::size_t i = 0; i < cells.size(); ++i) {
+    for (std::size_t i = 0; i + 1 < cells.size(); ++i) {
       const std::string blanks(widths[i] - widthOf(cells[i]), ' ');
-      line += i == 0 ? "" : "  ";
-      line += isNumber(cells[i]) ? blanks + cells[i] : cells[i] + blanks;
+      line += (isNumber(cells[i]) ? blanks + cells[i] : cells[i] + blanks) + "  ";
     }
-    out << line.erase(line.find_last_not_of(' ') + 1) << '\n';
+    const std::size_t before = widthOf(line);
+    const std::string& last = cells.back();
+    const std::size_t room = width - std::min(before, width);
+    line += std::string(isNumber(last) ? widths[cells.size() - 1] - widthOf(last) : 0, ' ');
+    for (const std::string& part : folded(last, std::max(room, lastCellMin))) {
+      line += part;
+      out << line.erase(line.find_last_not_of(' ') + 1) << '\n';
+      line.assign(before, ' ');
+    }
   }
 }
 

@@ -1,6 +1,7 @@
 // Columns: rows of text, written so that their cells stand under each other. Cells that are numbers stand to the right.
 #pragma once
 
+#include <limits>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -11,8 +12,10 @@ class Columns {
  public:
   void row(std::vector<std::string> cells) { rows_.push_back(std::move(cells)); }
   std::size_t rows() const { return rows_.size(); }
-  // Each row behind the indent, two blanks between its cells, none at its end.
-  void write(std::ostream& out, const std::string& indent) const;
+  // Each row behind the indent, two blanks between its cells, none at its end. Where a row is longer than width its
+  // last cell goes on below itself.
+  void write(std::ostream& out, const std::string& indent,
+             std::size_t width = std::numeric_limits<std::size_t>::max()) const;
 
  private:
   std::vector<std::vector<std::string>> rows_;

@@ -1,8 +1,11 @@
 // What standard output and standard error are connected to.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <string>
+#include <vector>
 
 namespace Agent {
 
@@ -12,6 +15,19 @@ void openStandardDescriptors();
 
 // Whether people look at standard output in colour: it is a terminal, and NO_COLOR is unset or empty.
 bool isOutputColoured();
+
+// What fits on standard output: as COLUMNS and LINES in the environment say, else as the terminal does; all, where
+// there is none.
+struct OutputSize {
+  std::size_t columns = std::numeric_limits<std::size_t>::max();
+  std::size_t lines = std::numeric_limits<std::size_t>::max();
+};
+OutputSize outputSize();
+
+// How many characters a terminal shows of UTF-8.
+std::size_t widthOf(const std::string& text);
+// The text in lines of at most so many characters, parted at blanks. Words are not broken: a longer one stands alone.
+std::vector<std::string> folded(const std::string& text, std::size_t width);
 
 // Whether whoever read standard output has gone away.
 bool isOutputReaderGone();

@@ -22,7 +22,7 @@ struct TextTree {
   Tone tone;
   std::vector<TextTree> children;
 
-  // One line a node. Calls itself once a level: whoever builds a tree bounds its depth.
+  // A line a node, folded where the terminal ends. Calls itself once a level: whoever builds a tree bounds its depth.
   void write(std::ostream& out, bool isColoured) const { write(out, isColoured, "", ""); }
 
  private:

@@ -1,24 +1,15 @@
 #include "tools/Rows.h"
 
-#include <sys/ioctl.h>
-#include <unistd.h>
-
 #include <limits>
-#include <sstream>
 #include <utility>
+
+#include "agent/InputError.h"
+#include "agent/Terminal.h"
 
 namespace Tools {
 namespace {
 
 constexpr std::size_t blockRows = 500;
-
-// Characters in a line of the terminal; without one, any number.
-std::size_t lineWidth() {
-  winsize size{};
-  return isatty(STDOUT_FILENO) == 1 && ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0
-             ? size.ws_col
-             : std::numeric_limits<std::size_t>::max();
-}
 
 }  // namespace
 
@@ -26,18 +17,25 @@ Rows::Rows(std::ostream& out, bool isJson, std::string member, Cells titles, std
            const OrderedJson& head)
     : out_(out),
       isJson_(isJson),
+      member_(std::move(member)),
       titles_(std::move(titles)),
-      limit_(limit.value_or(std::numeric_limits<std::uint64_t>::max())) {
-  if (isJson_) {
-    out_ << '{';
-    for (const auto& [key, value] : head.items()) {
-      out_ << Agent::textOf(OrderedJson(key)) << ": " << Agent::textOf(value) << ", ";
-    }
-    out_ << Agent::textOf(OrderedJson(member)) << ": [";
+      head_(head),
+      limit_(limit.value_or(std::numeric_limits<std::uint64_t>::max())) {}
+
+void Rows::writeHead() {
+  out_ << '{';
+  for (const auto& [key, value] : head_.items()) {
+    out_ << Agent::textOf(OrderedJson(key)) << ": " << Agent::textOf(value) << ", ";
   }
+  out_ << Agent::textOf(OrderedJson(member_)) << ": [";
 }
 
-void Rows::write(const OrderedJson& json) { out_ << (count_++ == 0 ? "\n  " : ",\n  ") << Agent::textOf(json); }
+void Rows::write(const OrderedJson& json) {
+  if (count_++ == 0) {
+    writeHead();
+  }
+  out_ << (count_ == 1 ? "\n  " : ",\n  ") << Agent::textOf(json);
+}
 
 void Rows::write(Cells cells) {
   if (count_++ == 0) {
@@ -49,18 +47,16 @@ void Rows::write(Cells cells) {
   }
 }
 
-void Rows::flush() {
-  std::ostringstream text;
-  std::exchange(columns_, {}).write(text, "");
-  const std::size_t width = lineWidth();
-  std::istringstream lines(text.str());
-  for (std::string line; std::getline(lines, line);) {
-    out_ << (line.size() > width ? line.substr(0, width - 1) + "~" : line) << '\n';
-  }
-}
+void Rows::flush() { std::exchange(columns_, {}).write(out_, "", Agent::outputSize().columns); }
 
 void Rows::end() {
+  if (passedUpTo_) {
+    throw Agent::InputError("--after", "no row '" + Agent::printable(*passedUpTo_) + "'");
+  }
   if (isJson_) {
+    if (count_ == 0) {
+      writeHead();
+    }
     out_ << (count_ == 0 ? "]" : "\n]") << (isCut_ ? ", \"after\": " + Agent::textOf(OrderedJson(lastKey_)) : "")
          << "}\n";
     return;

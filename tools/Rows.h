@@ -29,9 +29,16 @@ class Rows {
   Rows(const Rows&) = delete;
   Rows& operator=(const Rows&) = delete;
 
+  // For short lists without an order of keys: rows up to the one with this key are passed over.
+  void beginBehind(const std::optional<std::string>& key) { passedUpTo_ = key; }
+
   // A row, of which only what is needed is asked. False: the limit has been reached, and this row is not shown.
   template <class Key, class CellsOf, class JsonOf>
   bool add(const Key& key, CellsOf&& cellsOf, JsonOf&& jsonOf) {
+    if (passedUpTo_) {
+      passedUpTo_ = passedUpTo_ == Zol::stringOf(key) ? std::nullopt : passedUpTo_;
+      return true;
+    }
     if (count_ == limit_) {
       isCut_ = true;
       return false;
@@ -40,20 +47,25 @@ class Rows {
     isJson_ ? write(jsonOf()) : write(Cells(cellsOf()));
     return true;
   }
+  // Raises InputError when there was no row to begin behind; nothing has been written then.
   void end();
 
  private:
+  void writeHead();
   void write(const OrderedJson& json);
   void write(Cells cells);
   void flush();
 
   std::ostream& out_;
   const bool isJson_;
+  const std::string member_;
   const Cells titles_;
+  const OrderedJson head_;
   const std::uint64_t limit_;
   std::uint64_t count_ = 0;
   bool isCut_ = false;
   std::string lastKey_;
+  std::optional<std::string> passedUpTo_;
   Agent::Columns columns_;
 };
 

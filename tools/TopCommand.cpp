@@ -15,6 +15,7 @@
 #include "agent/Columns.h"
 #include "agent/InputError.h"
 #include "agent/NumberRange.h"
+#include "agent/Terminal.h"
 #include "tools/AgentSample.h"
 
 namespace Tools {
@@ -58,7 +59,8 @@ class Interval {
   // At most so many seconds took that share of them; nothing when there were none, or it is beyond all bounds.
   std::optional<double> quantile(double share) const {
     const double wanted = share * static_cast<double>(count());
-    const std::size_t buckets = count() == 0 ? 0 : now_["buckets"].size();
+    const std::size_t known = before_ == nullptr ? now_["buckets"].size() : (*before_)["buckets"].size();
+    const std::size_t buckets = count() == 0 ? 0 : std::min(known, now_["buckets"].size());
     for (std::size_t i = 0; i < buckets; ++i) {
       const std::uint64_t upTo = since([i](const OrderedJson& each) { return each["buckets"][i]["count"]; });
       if (static_cast<double>(upTo) >= wanted) {
@@ -125,17 +127,34 @@ class Frame {
     return frame;
   }
 
-  std::string text() const {
-    std::ostringstream out;
-    now_.isUp() ? writeAgent(out) : writeTrouble(out);
+  // The lines that fit: the agent first, then tables, the busiest first.
+  std::string text(const Agent::OutputSize& size) const {
+    std::vector<std::string> lines;
+    now_.isUp() ? writeAgent(lines, size.columns) : writeTrouble(lines, size.columns);
+    std::vector<std::pair<double, std::vector<std::string>>> tables;
+    forEachTable([&](const TableSample& table, double rate) {
+      tables.push_back({rate,
+                        {Agent::printable(table.name, 40), std::to_string(table.entries), formatted("%.1f", rate),
+                         Agent::printable(table.standing, 40), table.isWriterAlive ? "alive" : "gone"}});
+    });
+    std::stable_sort(tables.begin(), tables.end(), [](const auto& a, const auto& b) { return a.first > b.first; });
     Agent::Columns columns;
     columns.row({"table", "entries", "changes/s", "state", "writer"});
-    forEachTable([&](const TableSample& table, double rate) {
-      columns.row({Agent::printable(table.name, 40), std::to_string(table.entries), formatted("%.1f", rate),
-                   Agent::printable(table.standing, 40), table.isWriterAlive ? "alive" : "gone"});
-    });
-    columns.write(out, "");
-    return out.str();
+    for (auto& [rate, cells] : tables) {
+      columns.row(std::move(cells));
+    }
+    addColumns(lines, columns, size.columns);
+    if (lines.size() > size.lines) {
+      const std::size_t shown = size.lines - 1;
+      const std::size_t left = lines.size() - shown;
+      lines.resize(shown);
+      lines.push_back("and " + std::to_string(left) + " more lines");
+    }
+    std::string text;
+    for (const std::string& line : lines) {
+      text += line + '\n';
+    }
+    return text;
   }
 
  private:
@@ -167,34 +186,56 @@ class Frame {
     }
   }
 
-  void writeTrouble(std::ostream& out) const {
-    out << "agent: " << Agent::printable(now_.trouble, 300) << "; what follows is read from the tables\n\n";
+  using Lines = std::vector<std::string>;
+  static void addText(Lines& lines, const std::string& text, std::size_t width) {
+    const Lines parts = Agent::folded(text, width);
+    lines.insert(lines.end(), parts.begin(), parts.end());
   }
-  void writeAgent(std::ostream& out) const {
+  static void addColumns(Lines& lines, const Agent::Columns& columns, std::size_t width) {
+    std::stringstream text;
+    columns.write(text, "", width);
+    for (std::string line; std::getline(text, line);) {
+      while (Agent::widthOf(line) > width) {
+        line.pop_back();
+      }
+      line.erase(line.find_last_not_of(' ') + 1);
+      lines.push_back(line);
+    }
+  }
+
+  void writeTrouble(Lines& lines, std::size_t width) const {
+    addText(lines, "agent: " + Agent::printable(now_.trouble, 300) + "; what follows is read from the tables", width);
+    lines.emplace_back();
+  }
+  void writeAgent(Lines& lines, std::size_t width) const {
     const OrderedJson& stats = now_.stats;
     const OrderedJson& backlog = stats["backlog"];
-    out << "agent " << stats["pid"] << ' ' << stats["state"].get<std::string>() << ", up "
-        << timeText(stats["uptime"].get<double>()) << ", "
-        << formatted("%.1f", stats["residentBytes"].get<double>() / (1 << 20)) << " MiB resident\n";
+    const auto number = [](const OrderedJson& value) { return value.dump(); };
+    addText(lines,
+            "agent " + number(stats["pid"]) + " " + Agent::printable(stats["state"].get<std::string>()) + ", up " +
+                timeText(stats["uptime"].get<double>()) + ", " +
+                formatted("%.1f", stats["residentBytes"].get<double>() / (1 << 20)) + " MiB resident",
+            width);
     for (const OrderedJson& each : stats["waitingFor"]) {
-      out << "waiting: " << Agent::printable(each.get<std::string>(), 200) << '\n';
+      addText(lines, "waiting: " + Agent::printable(each.get<std::string>(), 200), width);
     }
     for (const OrderedJson& each : stats["degraded"]) {
-      out << "degraded: " << Agent::printable(each.get<std::string>(), 200) << '\n';
+      addText(lines, "degraded: " + Agent::printable(each.get<std::string>(), 200), width);
     }
-    out << "waiting for their turn: " << backlog["unreadChanges"] << " changes unread, FIB " << backlog["fib"]
-        << " tunnels (and " << backlog["fibDeferred"] << " deferred)";
+    std::string waiting = "waiting for their turn: " + number(backlog["unreadChanges"]) + " changes unread, FIB " +
+                          number(backlog["fib"]) + " tunnels (and " + number(backlog["fibDeferred"]) + " deferred)";
     for (const auto& [rib, count] : backlog["ribs"].items()) {
-      out << ", RIB " << Agent::printable(rib, 30) << ' ' << count;
+      waiting += ", RIB " + Agent::printable(rib, 30) + " " + number(count);
     }
+    addText(lines, waiting, width);
     Agent::Columns columns;
-    columns.row({"", "per second", "half of them", "99 of 100", "longest since start"});
+    columns.row({"", "per second", "median", "99 of 100", "longest"});
     columns.row({"reviews", formatted("%.1f", reviewRate())});
     columns.row(interval("slices").cells("slices"));
     columns.row(interval("publishToFib").cells("publish to FIB"));
-    out << "\n\n";
-    columns.write(out, "");
-    out << '\n';
+    lines.emplace_back();
+    addColumns(lines, columns, width);
+    lines.emplace_back();
   }
 
   const AgentSample& before_;
@@ -208,6 +249,18 @@ struct TopOptions {
   std::uint64_t count = std::numeric_limits<std::uint64_t>::max();
 };
 
+// In place a frame has to fit, with a line to spare for the cursor behind it.
+Agent::OutputSize sizeOfFrame(bool isInPlace) {
+  constexpr std::size_t linesMin = 2;
+  Agent::OutputSize size = Agent::outputSize();
+  if (!isInPlace) {
+    size.lines = std::numeric_limits<std::size_t>::max();
+  } else {
+    size.lines = std::max(size.lines, linesMin) - 1;
+  }
+  return size;
+}
+
 int runTop(const TopOptions& options) {
   const bool isInPlace = !options.control->isJson && isatty(STDOUT_FILENO) == 1;
   AgentSample before(*options.control);
@@ -218,7 +271,7 @@ int runTop(const TopOptions& options) {
     if (options.control->isJson) {
       std::cout << Agent::textOf(frame.json()) << '\n';
     } else {
-      std::cout << (isInPlace ? "\x1b[H\x1b[J" : i == 0 ? "" : "\n") << frame.text();
+      std::cout << (isInPlace ? "\x1b[H\x1b[J" : i == 0 ? "" : "\n") << frame.text(sizeOfFrame(isInPlace));
     }
     std::cout.flush();
     before = std::move(now);
@@ -236,7 +289,7 @@ void addTop(CLI::App& app, Action& action) {
       ->type_name("SECONDS")
       ->check(Agent::numberBetween(0.05, 86400.0))
       ->default_val(options->interval);
-  command.add_option("--count", options->count, "End after N looks")->type_name("N")->check(CLI::PositiveNumber);
+  command.add_option("--count", options->count, "End after N looks")->type_name("N")->check(isCount());
   command.callback([=, &action] { action = [=] { return runTop(*options); }; });
 }
 
