@@ -17,6 +17,8 @@
 #include "agent/ControlAddress.h"
 #include "agent/InputError.h"
 #include "agent/JsonRpc.h"
+#include "tools/ControlMethod.h"
+#include "tools/StateReading.h"
 
 namespace Tools {
 namespace {
@@ -25,11 +27,24 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t answerBytesMax = 16U << 20;
 
+// Why nobody listens: who runs as an agent is known by the FIB that it writes.
+std::string runningAgent(const std::string& stateDirectory) {
+  std::optional<std::uint64_t> pid;
+  try {
+    const StateReading reading(stateDirectory);
+    pid = writerOf(*reading.state().entityManager()->mirror(Agent::fibPath));
+  } catch (const std::exception&) {  // no tables that can be read
+  }
+  return pid ? "the agent (pid " + std::to_string(*pid) + ") runs without a control socket, its log says why"
+             : "no agent is running";
+}
+
 // One connection, with a deadline for all that is done over it.
 class Connection {
  public:
   Connection(const std::string& stateDirectory, double seconds)
-      : path_(stateDirectory + "/" + Agent::controlSocketName),
+      : stateDirectory_(stateDirectory),
+        path_(stateDirectory + "/" + Agent::controlSocketName),
         seconds_(seconds),
         end_(Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds))),
         fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
@@ -81,7 +96,7 @@ class Connection {
       switch (errno) {
         case ENOENT:
         case ECONNREFUSED:
-          fail("no agent is running");
+          fail(runningAgent(stateDirectory_));
         case EACCES:
         case EPERM:
           fail("permission denied");
@@ -120,6 +135,7 @@ class Connection {
                : "";
   }
 
+  const std::string stateDirectory_;
   const std::string path_;
   const double seconds_;
   const Clock::time_point end_;
@@ -137,24 +153,41 @@ ControlClient::ControlClient(std::string stateDirectory, double seconds)
   }
 }
 
-std::string ControlClient::exchange(const std::string& line) const {
+std::string ControlClient::exchange(const std::string& line, bool isOrder) const {
   Connection connection(stateDirectory_, seconds_);
   connection.write(line + "\n");
-  return connection.readLine();
+  try {
+    return connection.readLine();
+  } catch (const AgentUnreachable& error) {
+    throw AgentUnreachable(error.what() + std::string(isOrder ? "; it may still carry the order out" : ""));
+  }
 }
 
 Agent::OrderedJson ControlClient::ask(const std::string& method, const Agent::OrderedJson& params) const {
-  const std::string line = Agent::textOf({{"jsonrpc", "2.0"}, {"method", method}, {"params", params}, {"id", 1}});
-  const std::string text = exchange(line);
+  constexpr int id = 1;
+  const ControlMethod& asked = ControlMethod::named(method);
+  const std::string line = Agent::textOf({{"jsonrpc", "2.0"}, {"method", method}, {"params", params}, {"id", id}});
+  const std::string text = exchange(line, asked.isOrder);
   const Agent::OrderedJson answer = Agent::OrderedJson::parse(text, nullptr, false);
+  const auto refuse = [&](const std::string& why) {
+    throw std::runtime_error("the agent's answer is none, " + why + ": " + Agent::printable(text, 200));
+  };
   if (answer.is_object() && answer.contains("result")) {
+    if (!answer.contains("id") || answer["id"] != id) {
+      refuse("it is to another question");
+    }
+    const std::string misfit = misfitOf(answer["result"], Agent::OrderedJson::parse(asked.form));
+    if (!misfit.empty()) {
+      refuse(misfit + " is missing or of another kind");
+    }
     return answer["result"];
   }
-  if (!answer.is_object() || !answer.contains("error") || !answer["error"].is_object()) {
-    throw std::runtime_error("the agent's answer is none: " + Agent::printable(text, 200));
+  const std::string misfit = misfitOf(answer, {{"error", {{"code", -1}, {"message", ""}}}}, "answer");
+  if (!misfit.empty()) {
+    refuse(misfit + " is missing or of another kind");
   }
-  const int code = answer["error"].value("code", 0);
-  const std::string message = answer["error"].value("message", "");
+  const auto code = answer["error"]["code"].get<std::int64_t>();
+  const std::string message = answer["error"]["message"];
   if (code == static_cast<int>(Agent::RpcCode::refused) || code == static_cast<int>(Agent::RpcCode::wrongParams)) {
     throw Agent::ScenarioError("refused by the agent", message);
   }

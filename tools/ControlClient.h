@@ -20,13 +20,14 @@ class ControlClient {
   // seconds: for the whole of a question. Raises runtime_error when there is no such directory.
   explicit ControlClient(std::string stateDirectory, double seconds = 3);
 
-  // The result. Raises AgentUnreachable; ScenarioError for what the agent refuses as wrong; runtime_error for another
+  // The result, which has the method's form. Raises AgentUnreachable, for an order with the word that it may still be
+  // carried out; ScenarioError for what the agent refuses as wrong; runtime_error for another
   // error that it answers, and for an answer that is none.
   Agent::OrderedJson ask(const std::string& method,
                          const Agent::OrderedJson& params = Agent::OrderedJson::object()) const;
 
  private:
-  std::string exchange(const std::string& line) const;
+  std::string exchange(const std::string& line, bool isOrder) const;
 
   const std::string stateDirectory_;
   const double seconds_;

@@ -18,13 +18,8 @@ std::string nameOf(std::uint64_t pid) {
 }
 
 // "alive" while a process has the table's lock; of a file that nobody reads or writes nothing can be said.
-std::string writerOf(const Memtab::MirrorStore& mirror) {
+std::string writerWord(const Memtab::MirrorStore& mirror) {
   return !mirror.isBound() ? "-" : mirror.isOwned() ? "alive" : "gone";
-}
-
-// The process that says that it writes the table, if the lock confirms that there is one.
-std::optional<std::uint64_t> holderOf(const Memtab::MirrorStore& mirror) {
-  return mirror.isOwned() ? std::optional(mirror.reader().ownerPid()) : std::nullopt;
 }
 
 int finish(Rows& rows) {
@@ -59,12 +54,12 @@ int showTables(const ListOptions& options) {
                    number,
                    mirror.isBound() ? std::to_string(sequence) : "-",
                    mirror.trouble().empty() ? standingOf(mirror) : "unreadable",
-                   writerOf(mirror),
+                   writerWord(mirror),
                    mirror.trouble().empty() ? file.path : mirror.trouble()};
     };
     const bool isMore = rows.add(file.name, cells, [&] {
-      return OrderedJson{{"table", file.name},          {"entries", entries},         {"sequence", sequence},
-                         {"state", standingOf(mirror)}, {"writer", writerOf(mirror)}, {"file", file.path}};
+      return OrderedJson{{"table", file.name},          {"entries", entries},           {"sequence", sequence},
+                         {"state", standingOf(mirror)}, {"writer", writerWord(mirror)}, {"file", file.path}};
     });
     if (!isMore) {
       break;
@@ -151,8 +146,9 @@ int showConvergence(const ListOptions& options) {
 int showProcesses(const ListOptions& options) {
   StateReading reading(options.stateDirectory);
   Rows rows(std::cout, options.isJson, "processes", {"pid", "process", "holds", "file"}, options.limit);
+  rows.beginBehind(options.after);
   for (const TableFile& file : reading.files()) {
-    const std::optional<std::uint64_t> pid = holderOf(*file.mirror);
+    const std::optional<std::uint64_t> pid = writerOf(*file.mirror);
     if (!pid) {
       continue;
     }

@@ -119,6 +119,10 @@ void StateReading::requireTable(const std::string& path) const {
   }
 }
 
+std::optional<std::uint64_t> writerOf(const Memtab::MirrorStore& mirror) {
+  return mirror.isOwned() ? std::optional(mirror.reader().ownerPid()) : std::nullopt;
+}
+
 std::string standingOf(const Memtab::MirrorStore& mirror) {
   if (mirror.isBound()) {
     return mirror.reader().ready() ? "complete" : "incomplete";

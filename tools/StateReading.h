@@ -48,6 +48,9 @@ class StateReading {
   std::optional<Agent::StatusReader> status_;
 };
 
+// The process that says that it writes the table, if the kernel's lock confirms that there is one.
+std::optional<std::uint64_t> writerOf(const Memtab::MirrorStore& mirror);
+
 // Whether the table is there, can be read, and is complete: "complete", "incomplete", "absent", or why not.
 std::string standingOf(const Memtab::MirrorStore& mirror);
 

@@ -177,6 +177,9 @@ TEST_F(Control, whoCannotBeAskedIsNamed) {
                 "agent.sock: the agent (pid " + std::to_string(agent.pid()) + ") has not answered for 0.2 seconds"),
             std::string::npos)
       << hung.text;
+  EXPECT_EQ(hung.text.find("may still"), std::string::npos) << "nothing was ordered";
+  EXPECT_NE(words({"trace", "set", "TunnelFibSm=3", "--timeout", "0.2"}, 1).find("may still carry the order out"),
+            std::string::npos);
   agent.stop(SIGKILL);
   EXPECT_NE(words({"trace", "show"}, 1).find("agent.sock: no agent is running"), std::string::npos);
   EXPECT_EQ(ask({"trace", "show", "--timeout", "never"}).status, 2);
@@ -184,6 +187,55 @@ TEST_F(Control, whoCannotBeAskedIsNamed) {
 
   const Support::Process successor = serveReady();
   EXPECT_EQ(stats()["pid"], successor.pid()) << "the dead agent's socket is in nobody's way";
+}
+
+TEST_F(Control, anAgentWithoutASocketIsNotTakenForNone) {
+  std::filesystem::create_directory(stateDirectory());
+  std::filesystem::permissions(stateDirectory(), std::filesystem::perms(0750));
+  std::ofstream(stateDirectory() + "/agent.sock") << "no socket";
+  const Support::Process agent = serve();
+  ASSERT_TRUE(agent.says("ready")) << agent.output();
+  const std::string runs = "the agent (pid " + std::to_string(agent.pid()) + ") runs without a control socket";
+  EXPECT_NE(words({"trace", "show"}, 1).find(runs), std::string::npos);
+  EXPECT_NE(words({"top", "--interval", "0.05", "--count", "1"}).find(runs), std::string::npos);
+}
+
+// Fails if an answer is used that is well-formed and yet does not hold what was asked for.
+TEST_F(Control, answersThatHoldSomethingElseAreRefused) {
+  ASSERT_EQ(publishAll({scratch().fileWith("lab.jsonl", labScenario)}), 0);
+  const Memtab::Descriptor listener(socket(AF_UNIX, SOCK_STREAM, 0));
+  const Agent::ControlAddress address(stateDirectory());
+  ASSERT_EQ(bind(listener.get(), address.get(), Agent::ControlAddress::size()), 0);
+  ASSERT_EQ(listen(listener.get(), 1), 0);
+  struct Case {
+    int line;
+    const char* command;
+    const char* answer;
+    const char* says;
+  };
+  for (const Case& each : {
+           Case{__LINE__, "metrics", R"({"result": {}, "id": 1})", "result.pid is missing"},
+           {__LINE__, "top", R"({"result": {"pid": -5}, "id": 1})", "result.pid is missing or of another kind"},
+           {__LINE__, "trace", R"({"result": {"default": 0, "sources": [{"level": 3}]}, "id": 1})",
+            "result.sources[0].source is missing"},
+           {__LINE__, "trace", R"({"result": {"default": 0, "sources": [], "early": []}, "id": 2})",
+            "another question"},
+           {__LINE__, "trace", R"({"error": {"code": "5"}, "id": 1})", "answer.error.code"},
+           {__LINE__, "trace", "[]", "answer is missing"},
+       }) {
+    std::thread agent([&] {
+      const Memtab::Descriptor client(accept(listener.get(), nullptr, nullptr));
+      const std::string line = std::string(each.answer) + "\n";
+      send(client.get(), line.data(), line.size(), MSG_NOSIGNAL);
+      char byte = 0;
+      while (recv(client.get(), &byte, 1, 0) > 0) {
+      }
+    });
+    const std::string command = each.command;
+    const std::string text = command == "trace" ? words({"trace", "show"}, 1) : words({command}, 1);
+    agent.join();
+    EXPECT_NE(text.find(each.says), std::string::npos) << "case in line " << each.line << ": " << text;
+  }
 }
 
 // Every line is a comment, or a value of the metric that was described last; its name, labels and value are of the
@@ -256,6 +308,12 @@ TEST_F(Control, topShowsRatesWithAndWithoutAnAgent) {
     EXPECT_EQ(text.find('\x1b'), std::string::npos) << "no terminal";
     EXPECT_TRUE(std::regex_search(text, std::regex("agent [0-9]+ ready, up ")));
     EXPECT_TRUE(std::regex_search(text, std::regex("\nldp +2 +0\\.0 +complete +alive"))) << text;
+    setenv("COLUMNS", "60", 1);
+    std::istringstream narrow(this->words({"top", "--interval", "0.05", "--count", "1"}));
+    unsetenv("COLUMNS");
+    for (std::string line; std::getline(narrow, line);) {
+      EXPECT_LE(line.size(), 60U) << line;
+    }
   }
   const std::string text = words({"top", "--interval", "0.05", "--count", "1"});
   EXPECT_TRUE(std::regex_search(text, std::regex("no agent is running.*\n"))) << text;
