@@ -138,13 +138,21 @@ std::string summaryOf(const Model::Via& via) {
   return !via.nextHop() ? intf : intf + " " + Zol::stringOf(via.nextHop());
 }
 
+std::string summaryOf(const Ipkit::MplsLabelOperation& labels) {
+  using Op = Ipkit::MplsLabelOperation::Op;
+  const bool isPush = labels.op() == Op::push || labels.op() == Op::none;
+  return (isPush ? "" : Zol::stringOf(labels.op()) + " ") + textOf(topFirst(labels));
+}
+
 std::string summaryOf(const FibVia& via) {
-  const std::string words = summaryOf(via.via.via());
-  if (via.encapId.encapType() == Fib::EncapType::labelStack) {
-    return words + " " + textOf(topFirst(via.via.labelStack()));
-  }
-  return via.encapId.encapType() == Fib::EncapType::invalid ? words
-                                                            : words + " " + Fib::stringValue(via.encapId.encapType());
+  const Fib::EncapType type = via.encapId.encapType();
+  std::string words = summaryOf(via.via.via());
+  Model::withEncapKind(type, [&](auto kind) {
+    const bool isStack = type == Fib::EncapType::labelStack;
+    words += isStack && !via.isEncapMissing ? " " : " " + Fib::stringValue(type) + " ";
+    words += via.isEncapMissing ? "without a record" : summaryOf((via.via.*kind.info)());
+  });
+  return words;
 }
 
 std::string summaryOf(const Fib::TunnelFib& fib, const Fib::TunnelFibEntry& entry) {

@@ -38,7 +38,22 @@ OrderedJson fibEntryJson(const Fib::TunnelFib& fib, const Fib::TunnelFibEntry& e
 // {"id": ..., "refCount": ..., then the fields of the record}.
 OrderedJson encapJson(const Fib::TunnelFib& fib, const Fib::EncapId& id, std::uint32_t refCount);
 
-// "if12 192.0.2.1", without the address where there is none; with the encapsulation behind it.
+// "[300123, 17]", the top of the stack first; with another operation than a push "swap [17]", "pop []".
+std::string summaryOf(const Ipkit::MplsLabelOperation& labels);
+// "192.0.2.2 -> 192.0.2.3", with "spi 7" behind it where there is one.
+template <class Info>
+std::string summaryOf(const Info& wrapped) requires requires {
+  wrapped.destination();
+}
+{
+  std::string words = Zol::stringOf(wrapped.source()) + " -> " + Zol::stringOf(wrapped.destination());
+  if constexpr (requires { wrapped.spi(); }) {
+    words += " spi " + std::to_string(wrapped.spi());
+  }
+  return words;
+}
+// "if12 192.0.2.1", without the address where there is none; with the encapsulation behind it: "[300123]",
+// "gre 192.0.2.2 -> 192.0.2.3".
 std::string summaryOf(const Tunnel::TunnelTable::Via& via);
 std::string summaryOf(const FibVia& via);
 // "if12 192.0.2.1 [300123], if13 192.0.2.5 [300123] backup if14 192.0.2.9 []"; of many vias the first and their number.

@@ -2,8 +2,6 @@
 
 #include <algorithm>
 
-#include "tools/TableWalk.h"
-
 namespace Tools {
 
 void EntryFilter::addOptions(CLI::App& command) {
@@ -47,15 +45,29 @@ bool EntryFilter::doesFit(const Ipkit::MplsLabelOperation& labels) const {
   return !label_ || std::find(stack.begin(), stack.end(), *label_) != stack.end();
 }
 
+void EntryFilter::offer(const Ipkit::IpGenPrefix& tep) {
+  if (!!tep && tep.contains(*tepAddress_) && (!isTepFound_ || tep.length() > tep_->length())) {
+    isTepFound_ = true;
+    tep_ = tep;
+  }
+}
+
 EntryFilter EntryFilter::among(const std::vector<Zol::Ptr<Model::TunnelRib>>& ribs) const {
   EntryFilter filter = *this;
   Model::TunnelRibEntry entry;
-  bool isFound = false;
   for (const auto& rib : ribs) {
-    if (tepAddress_ && longestMatch(*rib, *tepAddress_, entry) &&
-        (!isFound || entry.tep().length() > filter.tep_->length())) {
-      isFound = true;
-      filter.tepIs(entry.tep());
+    if (tepAddress_ && longestMatch(*rib, *tepAddress_, entry)) {
+      filter.offer(entry.tep());
+    }
+  }
+  return filter;
+}
+
+EntryFilter EntryFilter::amongUnprogrammable(const Agent::AgentState& state) const {
+  EntryFilter filter = *this;
+  if (tepAddress_) {
+    for (const auto& [id, isThere] : state.unprogrammable()->entry()) {
+      filter.offer(tepOf(state, id));
     }
   }
   return filter;

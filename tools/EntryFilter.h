@@ -10,8 +10,7 @@
 
 #include "agent/FibView.h"
 #include "agent/InputError.h"
-#include "tunnel/TunnelRib.h"
-#include "tunnel/TunnelTable.h"
+#include "tools/TableWalk.h"
 #include "tunnel_table_sm/TunnelFibTableEntry.h"
 
 namespace Tools {
@@ -39,9 +38,21 @@ class EntryFilter {
   // An address was given for the endpoint: whoever knows the endpoints says which has the longest prefix that holds it.
   // Until then it stands for the address alone.
   const std::optional<Ipkit::IpGenAddr>& tepAddress() const { return tepAddress_; }
-  void tepIs(const Ipkit::IpGenPrefix& tep) { tep_ = tep; }
-  // With the endpoint that it is among those of the RIBs.
+  // With the endpoint that it is among those of the RIBs; of the table's entries; of the tunnels that cannot be
+  // programmed. Without an address as it is. A look-up a length of prefix and RIB, and a walk, respectively.
   EntryFilter among(const std::vector<Zol::Ptr<Model::TunnelRib>>& ribs) const;
+  template <class Table>
+  EntryFilter amongEntries(const Table& table) const {
+    EntryFilter filter = *this;
+    if (tepAddress_) {
+      walk(table, {}, [&](const auto& entry) {
+        filter.offer(entry.tep());
+        return true;
+      });
+    }
+    return filter;
+  }
+  EntryFilter amongUnprogrammable(const Agent::AgentState& state) const;
   const std::optional<Model::TunnelId>& tunnel() const { return tunnel_; }
   bool asksForVias() const { return nextHop_ || intf_ || label_; }
 
@@ -61,6 +72,8 @@ class EntryFilter {
   }
 
  private:
+  // An endpoint that there is: taken when it holds the address, unless one with a longer prefix has been.
+  void offer(const Ipkit::IpGenPrefix& tep);
   bool doesFit(const Model::Via& via) const {
     return nextHop_.value_or(via.nextHop()) == via.nextHop() && intf_.value_or(via.intf()) == via.intf();
   }
@@ -90,6 +103,7 @@ class EntryFilter {
   std::optional<std::uint32_t> label_;
   std::optional<Ipkit::IpGenPrefix> tep_;
   std::optional<Ipkit::IpGenAddr> tepAddress_;
+  bool isTepFound_ = false;
   std::optional<Model::TunnelId> tunnel_;
   std::optional<Model::TunnelType> type_;
   std::optional<Ipkit::IpGenAddr> nextHop_;

@@ -1,10 +1,13 @@
-// A record of a protocol table as a scenario writes it, and in words.
+// A record of a protocol table as a scenario writes it, an entry of a RIB as the state document has it, and both in
+// words.
 #pragma once
 
+#include <algorithm>
 #include <string>
+#include <vector>
 
 #include "agent/FibView.h"
-#include "agent/JsonText.h"
+#include "agent/StateDocument.h"
 #include "tunnel_table_sm/TunnelFibTableEntry.h"
 
 namespace Tools {
@@ -82,26 +85,61 @@ OrderedJson entryJson(const Entry& entry) {
   return json;
 }
 
-// "if12 192.0.2.1 [300123], tunnel:ldpTunnel/5 [17] and 3 more"
-template <class Entry>
-std::string viaWords(const Entry& entry) {
+// The first words, and how many more there are.
+inline std::string someOf(const std::vector<std::string>& words) {
   constexpr std::size_t shownMax = 2;
-  std::size_t count = 0;
-  std::string words;
-  const auto add = [&](const std::string& via) { words += ++count > shownMax ? "" : (count == 1 ? "" : ", ") + via; };
+  std::string text;
+  for (std::size_t i = 0; i < std::min(words.size(), shownMax); ++i) {
+    text += (i == 0 ? "" : ", ") + words[i];
+  }
+  return words.size() > shownMax ? text + " and " + std::to_string(words.size() - shownMax) + " more" : text;
+}
+
+// What follows the tunnel's id: "if12 192.0.2.1 [300123], tunnel:ldpTunnel/5 [17] and 3 more backup if14 pop []",
+// "if12 192.0.2.1, 192.0.2.2 -> 192.0.2.3 spi 7", "tunnel:ldpTunnel/5 [17], not contributing".
+template <class Entry>
+std::string entryWords(const Entry& entry) {
+  const auto words = [](const Model::MplsVia& via) {
+    return Agent::summaryOf(static_cast<const Model::Via&>(via)) + " " + Agent::summaryOf(via.labelOp());
+  };
+  std::vector<std::string> vias;
   if constexpr (Model::IsMplsTunnel<Entry>) {
-    Model::forEachMplsVia(entry, [&](const Model::MplsVia& via) {
-      add(Agent::summaryOf(static_cast<const Model::Via&>(via)) + " " + Agent::textOf(Agent::topFirst(via.labelOp())));
-    });
+    Model::forEachMplsVia(entry, [&](const Model::MplsVia& via) { vias.push_back(words(via)); });
   } else if constexpr (requires { entry.via(); }) {
     for (const Model::Via& via : entry.via()) {
-      add(Agent::summaryOf(via));
+      vias.push_back(Agent::summaryOf(via));
     }
   } else {
-    add("nexthopGroup:" + std::to_string(entry.nexthopGroupId()));
+    vias.push_back("nexthopGroup:" + std::to_string(entry.nexthopGroupId()));
   }
-  words += count > shownMax ? " and " + std::to_string(count - shownMax) + " more" : "";
-  return words.empty() ? "no vias" : words;
+  std::string text = vias.empty() ? "no vias" : someOf(vias);
+  if constexpr (Model::HoldsBackupVias<Entry>) {
+    std::vector<std::string> backups;
+    for (const Model::MplsVia& via : entry.backupVia()) {
+      backups.push_back(words(via));
+    }
+    text += backups.empty() ? "" : " backup " + someOf(backups);
+  }
+  if constexpr (requires { entry.tunnelInfo(); }) {
+    text += ", " + Agent::summaryOf(entry.tunnelInfo());
+  }
+  if constexpr (requires { entry.contribution(); }) {
+    text += entry.contribution() == Model::Contribution::contributing ? "" : ", not contributing";
+  }
+  return text;
+}
+
+// An entry of a RIB. Preference and metrics are those of the RIB's choice; a per-protocol RIB makes none.
+inline OrderedJson ribEntryJson(const Model::TunnelRibEntry& entry, bool hasChoice) {
+  OrderedJson json = Agent::ribEntryJson(entry);
+  if (!hasChoice) {
+    json.erase("pref");
+    json.erase("metrics");
+  }
+  return json;
+}
+inline std::string ribEntryWords(const Model::TunnelRibEntry& entry, bool hasChoice) {
+  return Agent::listOf(Agent::sortedTunnelIds(entry), 4) + (hasChoice ? " (" + std::to_string(entry.pref()) + ")" : "");
 }
 
 }  // namespace Tools

@@ -1,17 +1,15 @@
 #include "tools/ShowCommand.h"
 
-#include <iterator>
 #include <memory>
 
 #include "tools/Commands.h"
-#include "tunnel/TunnelFibViaCalcResult.h"
 
 namespace Tools {
 namespace {
 
 using Show = std::function<int(const ListOptions&)>;
 
-enum class Narrowing { none, after, filter };
+enum class Narrowing { none, filter };
 
 // One command below "show". show is called with the options read.
 CLI::App* addList(CLI::App& parent, Action& action, const char* name, const char* help, Narrowing narrowing,
@@ -21,9 +19,7 @@ CLI::App* addList(CLI::App& parent, Action& action, const char* name, const char
   addStateDirectory(*command, options->stateDirectory);
   command->add_flag("--json", options->isJson, "Print one JSON document");
   addLimit(*command, options->limit, "At most N rows");
-  if (narrowing != Narrowing::none) {
-    command->add_option("--after", options->after, "Go on behind this row")->type_name("KEY");
-  }
+  command->add_option("--after", options->after, "Go on behind this row")->type_name("KEY");
   if (narrowing == Narrowing::filter) {
     options->filter.addOptions(*command);
   }
@@ -49,16 +45,13 @@ void addFib(CLI::App& show, Action& action) {
 
 void addUnprogrammable(CLI::App& show, Action& action) {
   const auto reason = std::make_shared<std::string>();
-  std::vector<std::string> reasons = {"any"};
-  reasons.insert(reasons.end(), std::begin(Model::TunnelFibViaCalcResult::flagNames),
-                 std::end(Model::TunnelFibViaCalcResult::flagNames));
   addList(show, action, "unprogrammable", "Tunnels that cannot be programmed", Narrowing::filter,
           [reason](ListOptions options) {
             options.reason = *reason;
             return showUnprogrammable(options);
           })
       ->add_option("--reason", *reason, "Those with this reason, and all their reasons; any: whatever it is")
-      ->check(CLI::IsMember(reasons));
+      ->check(CLI::IsMember(unprogrammableReasons()));
 }
 
 }  // namespace
@@ -70,7 +63,7 @@ void addShow(CLI::App& app, Action& action) {
           Narrowing::none, showTables);
   addList(show, action, "ribs", "The RIBs and their configuration", Narrowing::none, showRibs);
   addFib(show, action);
-  addList(show, action, "encaps", "Encapsulations, and how many vias share each", Narrowing::after, showEncaps);
+  addList(show, action, "encaps", "Encapsulations, and how many vias share each", Narrowing::none, showEncaps);
   addUnprogrammable(show, action);
   addList(show, action, "convergence", "How far the RIBs have followed BGP", Narrowing::none, showConvergence);
   addList(show, action, "processes", "The processes that write the tables", Narrowing::none, showProcesses);

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "agent/ProtocolTables.h"
 #include "tools/EntryFilter.h"
@@ -18,7 +19,7 @@ struct ListOptions {
   std::optional<std::string> after;  // the key behind which a list begins; without: at its begin
   EntryFilter filter;
   std::string rib;     // of FIB entries: those of this RIB's tunnels; empty: all
-  std::string reason;  // of unprogrammable tunnels: a flag of their vias, or "any", both with all reasons; empty: none
+  std::string reason;  // of unprogrammable tunnels: one of unprogrammableReasons(), with all reasons; empty: without
 };
 
 // Each writes to standard output and returns the exit status: 1 when damaged records had to be left out. They raise
@@ -31,6 +32,9 @@ int showRib(const ListOptions& options, const std::string& name);
 int showTable(const ListOptions& options, Agent::TableId table);
 int showEncaps(const ListOptions& options);
 int showUnprogrammable(const ListOptions& options);
+
+// Flags of vias, where none has one how the tunnel stands, and "any".
+std::vector<std::string> unprogrammableReasons();
 
 // What these cost does not depend on the sizes of tables, RIBs and FIB.
 int showTables(const ListOptions& options);

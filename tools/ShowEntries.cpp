@@ -2,7 +2,6 @@
 #include <iostream>
 #include <set>
 
-#include "agent/ChangeReport.h"
 #include "tools/Commands.h"
 #include "tools/EntryJson.h"
 #include "tools/ShowCommand.h"
@@ -33,10 +32,12 @@ std::string fullPath(const ListOptions& options, const std::string& path) {
   return options.stateDirectory + "/" + path;
 }
 
-// The tunnels that any RIB has at the endpoint.
-std::vector<Model::TunnelId> tunnelsAt(StateReading& reading, const Ipkit::IpGenPrefix& tep) {
+using Ribs = std::vector<Zol::Ptr<Model::TunnelRib>>;
+
+// The tunnels that any of the RIBs has at the endpoint.
+std::vector<Model::TunnelId> tunnelsAt(const Ribs& ribs, const Ipkit::IpGenPrefix& tep) {
   std::set<Model::TunnelId> tunnels;
-  for (const auto& rib : reading.ribs()) {
+  for (const auto& rib : ribs) {
     Model::TunnelRibEntry entry;
     if (Model::readSafely(rib.get(), tep, entry)) {
       tunnels.insert(entry.tunnelId().begin(), entry.tunnelId().end());
@@ -45,28 +46,11 @@ std::vector<Model::TunnelId> tunnelsAt(StateReading& reading, const Ipkit::IpGen
   return {tunnels.begin(), tunnels.end()};
 }
 
-// With --tep ADDRESS: the endpoint among those of a table.
-template <class Table>
-EntryFilter filterAmong(const Table& table, EntryFilter filter) {
-  bool isFound = false;
-  if (filter.tepAddress()) {
-    walk(table, {}, [&](const auto& entry) {
-      if (!!entry.tep() && entry.tep().contains(*filter.tepAddress()) &&
-          (!isFound || entry.tep().length() > filter.tep()->length())) {
-        isFound = true;
-        filter.tepIs(entry.tep());
-      }
-      return true;
-    });
-  }
-  return filter;
-}
-
-std::optional<std::vector<Model::TunnelId>> askedTunnels(StateReading& reading, const EntryFilter& filter) {
+std::optional<std::vector<Model::TunnelId>> askedTunnels(const Ribs& ribs, const EntryFilter& filter) {
   if (filter.tunnel()) {
     return std::vector{*filter.tunnel()};
   }
-  return filter.tep() ? std::optional(tunnelsAt(reading, *filter.tep())) : std::nullopt;
+  return filter.tep() ? std::optional(tunnelsAt(ribs, *filter.tep())) : std::nullopt;
 }
 
 }  // namespace
@@ -75,9 +59,10 @@ int showFib(const ListOptions& options) {
   const auto after = keyAfter<Model::TunnelId>(options);
   StateReading reading(options.stateDirectory);
   reading.requireTable(Agent::fibPath);
-  const EntryFilter filter = options.filter.tepAddress() ? options.filter.among(reading.ribs()) : options.filter;
   const Fib::TunnelFib& fib = *reading.state().fib();
   const auto rib = options.rib.empty() ? nullptr : reading.rib(options.rib);
+  const Ribs ribs = rib == nullptr ? reading.ribs() : Ribs{rib};
+  const EntryFilter filter = options.filter.among(ribs);
   const auto isInRib = [&](const Model::TunnelId& tunnel) {
     Model::TunnelRibEntry entry;
     return rib == nullptr ||
@@ -87,7 +72,7 @@ int showFib(const ListOptions& options) {
   Rows rows(std::cout, options.isJson, "fib", {"tunnel", "vias"}, options.limit);
   // With both, the tunnel is looked up and must be at the endpoint.
   const bool isElsewhere = filter.tunnel() && filter.tep() && tepOf(reading.state(), *filter.tunnel()) != *filter.tep();
-  auto keys = askedTunnels(reading, filter);
+  auto keys = askedTunnels(ribs, filter);
   if (isElsewhere) {
     keys->clear();
   }
@@ -113,15 +98,17 @@ int showRib(const ListOptions& options, const std::string& name) {
   if (filter.tep() || filter.tunnel()) {
     keys = {filter.tep() ? *filter.tep() : tepOf(reading.state(), *filter.tunnel())};
   }
-  Rows rows(std::cout, options.isJson, "entries", {"tep", "tunnels (preference)"}, options.limit, {{"name", name}});
+  const bool hasChoice = !reading.isProtocolRib(name);
+  Rows rows(std::cout, options.isJson, "entries", {"tep", hasChoice ? "tunnels (preference)" : "tunnels"},
+            options.limit, {{"name", name}});
   walk(*rib, {keys, after}, [&](const Model::TunnelRibEntry& entry) {
     return !filter.doesFitRibEntry(fib, entry) ||
            rows.add(
                entry.tep(),
                [&] {
-                 return Cells{Zol::stringOf(entry.tep()), Agent::summaryOf(entry)};
+                 return Cells{Zol::stringOf(entry.tep()), ribEntryWords(entry, hasChoice)};
                },
-               [&] { return Agent::ribEntryJson(entry); });
+               [&] { return ribEntryJson(entry, hasChoice); });
   });
   return finish(rows, *rib, options.stateDirectory + ": RIB " + name);
 }
@@ -136,7 +123,7 @@ int showTable(const ListOptions& options, Agent::TableId table) {
             {{"table", Zol::stringOf(table)}});
   reading.state().tables().withTable(table, [&](const auto& each) {
     using Entry = typename std::remove_cvref_t<decltype(each)>::Record;
-    const EntryFilter filter = filterAmong(each, options.filter);
+    const EntryFilter filter = options.filter.amongEntries(each);
     std::optional<std::vector<Model::TunnelId>> keys;
     if (filter.tunnel()) {
       keys = {*filter.tunnel()};
@@ -144,7 +131,7 @@ int showTable(const ListOptions& options, Agent::TableId table) {
     walk(each, {keys, after}, [&](const Entry& entry) {
       const auto cells = [&] {
         return Cells{Zol::stringOf(entry.tunnelId()), !entry.tep() ? "-" : Zol::stringOf(entry.tep()),
-                     std::to_string(entry.pref()), viaWords(entry)};
+                     std::to_string(entry.pref()), entryWords(entry)};
       };
       return !filter.doesFitEntry(entry) || rows.add(entry.tunnelId(), cells, [&] { return entryJson(entry); });
     });

@@ -42,6 +42,7 @@ int showTables(const ListOptions& options) {
   StateReading reading(options.stateDirectory);
   Rows rows(std::cout, options.isJson, "tables", {"table", "entries", "sequence", "state", "writer", "file"},
             options.limit);
+  rows.beginBehind(options.after);
   bool isTroubled = false;
   for (const TableFile& file : reading.files()) {
     const Memtab::MirrorStore& mirror = *file.mirror;
@@ -74,6 +75,7 @@ int showRibs(const ListOptions& options) {
   const Agent::StatusReader& status = reading.status();
   Rows rows(std::cout, options.isJson, "ribs",
             {"rib", "id", "endpoints", "sequence", "state", "BGP at sequence", "tables (preference)"}, options.limit);
+  rows.beginBehind(options.after);
   for (const auto& each : status.ribs()) {
     const Model::TunnelRibId id = each.first;
     const Agent::RibLine& line = each.second;
@@ -124,6 +126,7 @@ int showConvergence(const ListOptions& options) {
   }
   Rows rows(std::cout, options.isJson, "ribs", {"rib", "id", "follows BGP at sequence"}, options.limit,
             {{"bgpLu", seqnoJson(declared)}});
+  rows.beginBehind(options.after);
   for (const auto& each : status.ribs()) {
     const Model::TunnelRibId id = each.first;
     const Agent::RibLine& line = each.second;

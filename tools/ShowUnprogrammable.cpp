@@ -53,12 +53,23 @@ std::string joined(const std::vector<std::string>& words) {
 
 }  // namespace
 
+std::vector<std::string> unprogrammableReasons() {
+  std::vector<std::string> reasons = {"any"};
+  reasons.insert(reasons.end(), std::begin(Model::TunnelFibViaCalcResult::flagNames),
+                 std::end(Model::TunnelFibViaCalcResult::flagNames));
+  for (auto standing = Agent::FibStanding::programmed; standing <= Agent::FibStanding::tooManyBackupVias;
+       standing = Agent::FibStanding(int(standing) + 1)) {
+    reasons.push_back(Agent::stringValue(standing));
+  }
+  return reasons;
+}
+
 int showUnprogrammable(const ListOptions& options) {
   const auto after = options.after ? optionValue<Model::TunnelId>("--after", *options.after) : Model::TunnelId();
   StateReading reading(options.stateDirectory);
   reading.status();
   reading.requireTable(Agent::unprogrammablePath);
-  const std::set<Model::TunnelId> ids = listed(reading, options.filter);
+  const std::set<Model::TunnelId> ids = listed(reading, options.filter.amongUnprogrammable(reading.state()));
   std::optional<Shadow> shadow;
   if (!options.reason.empty()) {
     shadow.emplace(reading);

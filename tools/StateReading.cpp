@@ -42,11 +42,18 @@ void StateReading::reread() {
   status_->read();
 }
 
-std::string StateReading::pathOfRib(const std::string& name) {
+bool StateReading::isProtocolRib(const std::string& name) const {
   for (const auto& [type, wrapper] : state_.protocolRibs()->protocolTunnelRib()) {
     if (Model::stringValue(type) == name) {
-      return Agent::protocolRibPathPrefix + name;
+      return true;
     }
+  }
+  return false;
+}
+
+std::string StateReading::pathOfRib(const std::string& name) {
+  if (isProtocolRib(name)) {
+    return Agent::protocolRibPathPrefix + name;
   }
   if (name == Model::TunnelRibNameIdMap::systemTunnelRibName) {
     return Agent::systemRibPath;

@@ -33,6 +33,8 @@ class StateReading {
   // The RIB of that name, be it a configured one, "system", or the tunnel type of a per-protocol one. Raises
   // runtime_error when there is none or its table cannot be read.
   Zol::Ptr<Model::TunnelRib> rib(const std::string& name);
+  // Whether the name is that of a per-protocol RIB: all tunnels of a type, without a choice among them.
+  bool isProtocolRib(const std::string& name) const;
   // Where that RIB lies, relative to the directory. Raises runtime_error when there is none.
   std::string pathOfRib(const std::string& name);
   // All RIBs that can be read.

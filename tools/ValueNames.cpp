@@ -2,6 +2,8 @@
 
 #include "agent/CommandLine.h"
 #include "agent/ProtocolTables.h"
+#include "tools/ControlClient.h"
+#include "tools/ShowCommand.h"
 #include "tools/StateReading.h"
 
 namespace Tools {
@@ -39,6 +41,18 @@ std::vector<std::string> ribNames(const std::string& stateDirectory) {
   return names;
 }
 
+// "TunnelFibSm=": the agent knows its sources. Between two keys it has little time to answer.
+std::vector<std::string> traceSources(const std::string& stateDirectory) {
+  constexpr double seconds = 0.2;
+  const ControlClient client(stateDirectory.empty() ? Agent::stateDirectoryDefault : stateDirectory, seconds);
+  std::vector<std::string> names;
+  const Agent::OrderedJson levels = client.ask("trace.get");
+  for (const Agent::OrderedJson& each : levels["sources"]) {
+    names.push_back(each["source"].get<std::string>() + "=");
+  }
+  return names;
+}
+
 }  // namespace
 
 std::vector<std::string> valueNames(const Agent::ValuePlace& place) {
@@ -53,6 +67,15 @@ std::vector<std::string> valueNames(const Agent::ValuePlace& place) {
     }
     if (named == "--type") {
       return typeNames("");
+    }
+    if (named == "--reason") {
+      return unprogrammableReasons();
+    }
+    if (named == "--each") {
+      return {"intf"};
+    }
+    if (named == "set") {
+      return traceSources(place.stateDirectory);
     }
     if (named == "--tunnel" || named == "--fail-tunnel" || named == "why" || named == "dependents") {
       return typeNames("/");

@@ -8,7 +8,8 @@
 
 namespace Tools {
 
-// Tables, tunnel types, and the RIBs of the state directory. Nothing for other places, and when nothing can be read.
+// Tables, tunnel types, reasons, the RIBs of the state directory, and the trace sources of its agent. Nothing for other
+// places, and when nothing can be read.
 std::vector<std::string> valueNames(const Agent::ValuePlace& place);
 
 }  // namespace Tools

@@ -20,7 +20,6 @@
 #include <memory>
 #include <set>
 
-#include "agent/ChangeReport.h"
 #include "agent/InputError.h"
 #include "agent/Terminal.h"
 #include "runtime/Quor/EventLoop.h"
@@ -82,7 +81,6 @@ class Watch final : private Quor::NewsSource {
     constexpr std::uint32_t changes = IN_CREATE | IN_DELETE | IN_MOVE | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
     inotify_add_watch(directory_.get(), options_.stateDirectory.c_str(), changes);
     reading_.status();
-    options_.filter = options_.filter.among(reading_.ribs());
     addTables();
     addRibs();
     if (options_.isAll() || options_.hasFib) {
@@ -99,7 +97,7 @@ class Watch final : private Quor::NewsSource {
   ~Watch() { loop_.newsSourceIs(nullptr); }
 
   void run() {
-    std::cerr << "tunnelctl: watching " << Agent::printable(options_.stateDirectory, 200) << std::endl;
+    tellNote("watching " + Agent::printable(options_.stateDirectory, 200), options_.isJson);
     loop_.run();
     if (!failure_.empty()) {
       throw std::runtime_error(failure_);
@@ -199,9 +197,9 @@ class Watch final : private Quor::NewsSource {
         add(
             each, Zol::stringOf(table), Model::tunnelTableInfo(table).path,
             [](const Entry& entry) {
-              return Standing{viaWords(entry), entryJson(entry)};
+              return Standing{entryWords(entry), entryJson(entry)};
             },
-            [this](const Entry& entry) { return options_.filter.doesFitEntry(entry); });
+            [filter = options_.filter.amongEntries(each)](const Entry& entry) { return filter.doesFitEntry(entry); });
       });
     }
   }
@@ -217,13 +215,14 @@ class Watch final : private Quor::NewsSource {
   }
   Ear& addRib(const std::string& name, const Zol::Ptr<Model::TunnelRib>& rib) {
     ribs_[name] = rib;
+    const bool hasChoice = !reading_.isProtocolRib(name);
     return add(
         *rib, "rib " + name, reading_.pathOfRib(name),
-        [](const Model::TunnelRibEntry& entry) {
-          return Standing{Agent::summaryOf(entry), Agent::ribEntryJson(entry)};
+        [hasChoice](const Model::TunnelRibEntry& entry) {
+          return Standing{ribEntryWords(entry, hasChoice), ribEntryJson(entry, hasChoice)};
         },
-        [this](const Model::TunnelRibEntry& entry) {
-          return options_.filter.doesFitRibEntry(*reading_.state().fib(), entry);
+        [this, filter = options_.filter.among({rib})](const Model::TunnelRibEntry& entry) {
+          return filter.doesFitRibEntry(*reading_.state().fib(), entry);
         });
   }
   // The RIBs that are configured now; those that are new.
@@ -251,13 +250,17 @@ class Watch final : private Quor::NewsSource {
 
   void addFib() {
     const Agent::AgentState& state = reading_.state();
+    std::vector<Zol::Ptr<Model::TunnelRib>> ribs;
+    for (const std::string& name : options_.ribs) {
+      ribs.push_back(reading_.rib(name));
+    }
     add(
         state.fib()->entry(), "fib", Agent::fibPath,
         [&state](const Fib::TunnelFibEntry& entry) {
           return Standing{Agent::summaryOf(*state.fib(), entry), Agent::fibEntryJson(*state.fib(), entry)};
         },
-        [this, &state](const Fib::TunnelFibEntry& entry) {
-          const EntryFilter& filter = options_.filter;
+        [&state,
+         filter = options_.filter.among(ribs.empty() ? reading_.ribs() : ribs)](const Fib::TunnelFibEntry& entry) {
           return filter.doesFit(entry.tunnelId()) && filter.doViasFit(*state.fib(), entry) &&
                  (!filter.tep() || tepOf(state, entry.tunnelId()) == *filter.tep());
         });
@@ -272,8 +275,8 @@ class Watch final : private Quor::NewsSource {
         [](const Agent::UnprogrammableStatus& status) {
           return Standing{"cannot be programmed", Zol::stringOf(status.tunnelId())};
         },
-        [this](const Agent::UnprogrammableStatus& status) {
-          const EntryFilter& filter = options_.filter;
+        [this,
+         filter = options_.filter.amongUnprogrammable(reading_.state())](const Agent::UnprogrammableStatus& status) {
           return !filter.asksForVias() && filter.doesFit(status.tunnelId()) &&
                  (!filter.tep() || tepOf(reading_.state(), status.tunnelId()) == *filter.tep());
         });

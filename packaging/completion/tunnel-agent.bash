@@ -6,7 +6,7 @@ _tunnel_agent() {
   while IFS= read -r word; do
     COMPREPLY+=("$(printf '%q' "$word")")
   done < <("${COMP_WORDS[0]}" complete "${COMP_WORDS[@]:1:COMP_CWORD}" 2>/dev/null)
-  # More is to come behind the type of a tunnel's id.
-  if [[ ${COMPREPLY[0]-} == */ ]]; then compopt -o nospace 2>/dev/null || true; fi
+  # More is to come behind the type of a tunnel's id, and behind the source of a trace level.
+  if [[ ${COMPREPLY[0]-} == *[/=] ]]; then compopt -o nospace 2>/dev/null || true; fi
 }
 complete -o default -F _tunnel_agent tunnelctl tunnel-agent

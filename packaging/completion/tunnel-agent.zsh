@@ -5,7 +5,7 @@ candidates=("${(@f)$("${words[1]}" complete "${(@Q)words[2,CURRENT]}" 2>/dev/nul
 candidates=("${(@)candidates:#}")
 if (( $#candidates == 0 )); then
   _files
-elif [[ ${candidates[1]} == */ ]]; then
+elif [[ ${candidates[1]} == *[/=] ]]; then
   compadd -S '' -a candidates
 else
   compadd -a candidates

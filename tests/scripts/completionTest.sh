@@ -48,6 +48,9 @@ expect 'low\ latency' ldpTunnel -- tunnelctl resolve --state-dir "$scratch/state
 expect system -- tunnelctl resolve --state-dir = "$scratch/state" --rib = sy
 expect ldpTunnel -- tunnelctl show fib --type ldp
 expect ldpTunnel/ -- tunnelctl why ldp
+expect noPush -- tunnelctl show unprogrammable --reason noP
+expect intf -- tunnelctl what-if --each ''
+expect TunnelFibSm= -- tunnelctl trace set --state-dir "$scratch/state" TunnelF
 expect -- tunnelctl show rib --state-dir "$scratch/none" sy
 expect -- tunnelctl publish exam
 exit "$failed"

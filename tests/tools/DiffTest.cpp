@@ -77,7 +77,8 @@ class Watch : public testing::Test, protected Lab {
     std::map<std::string, OrderedJson> last;
     std::istringstream lines(process.output());
     for (std::string line; std::getline(lines, line);) {
-      if (const OrderedJson json = OrderedJson::parse(line, nullptr, false); !json.is_discarded()) {
+      if (const OrderedJson json = OrderedJson::parse(line, nullptr, false);
+          !json.is_discarded() && json.contains("table")) {
         last[json["table"].get<std::string>() + " " + json["key"].get<std::string>()] = json;
       }
     }

@@ -1,5 +1,6 @@
 // "tunnelctl show": lists out of the tables, with the agent dead.
 
+#include "agent/Terminal.h"
 #include "tests/tools/Lab.h"
 
 namespace Tools {
@@ -35,13 +36,13 @@ TEST_F(Show, listsHoldWhatTheStateDocumentHolds) {
   EXPECT_EQ(rowsOf(ask({"show", "fib", "--json"}).json()["fib"]), rowsOf(document["fib"]));
   EXPECT_EQ(rowsOf(ask({"show", "encaps", "--json"}).json()["encaps"]), rowsOf(document["encaps"]));
   EXPECT_EQ(rowsOf(ask({"show", "rib", "system", "--json"}).json()["entries"]), rowsOf(document["ribs"][0]["entries"]));
+  EXPECT_EQ(rowsOf(ask({"show", "rib", "srTunnel", "--json"}).json()["entries"]),
+            rowsOf(document["protocolRibs"]["srTunnel"]));
   EXPECT_EQ(ask({"show", "unprogrammable", "--json"}).json()["unprogrammable"], document["unprogrammable"]);
   EXPECT_EQ(ask({"show", "ribs", "--json"}).json()["ribs"][0]["entries"], document["ribs"][0]["entries"].size());
 }
 
-// Fails if a field of a record is left out or written in another form than scenarios have.
-TEST_F(Show, aTableIsShownSoThatItCanBePublishedAgain) {
-  const std::string path = scratch().fileWith("all.jsonl", R"(
+constexpr const char* fullScenario = R"(
 {"table": "bgpLu", "put": {"index": 1, "tep": "10.1.0.1/32", "vias": [{"intf": "tunnel:ldpTunnel/5"}], "labels": [5, 6], "metrics": [1, 2, 3, 4], "contribution": "notContributing"}}
 {"table": "bgpLuPush", "put": {"index": 2, "vias": [{"nextHop": "fe80::1", "intf": "if7"}], "labels": [9], "op": "swap"}}
 {"table": "ldp", "put": {"index": 5, "tep": "10.0.0.5/32", "pref": 3, "tieBreaker": 18446744073709551615, "vias": [{"nextHop": "192.0.2.1", "intf": "if12", "labels": [300123]}], "metrics": [9, 8, 7, 6]}}
@@ -49,7 +50,11 @@ TEST_F(Show, aTableIsShownSoThatItCanBePublishedAgain) {
 {"table": "nexthopGroup", "put": {"index": 4, "tep": "2001:db8::4/128", "nexthopGroupId": 7}}
 {"table": "tiLfa", "put": {"index": 6, "vias": [{"intf": "if1"}], "backupVias": [{"intf": "if2", "labels": [1]}]}}
 {"table": "ipsecGreTunnelInterface", "put": {"index": 2, "vias": [], "source": "192.0.2.2", "destination": "192.0.2.3", "tos": 1, "ttl": 2, "spi": 4294967295}}
-)");
+)";
+
+// Fails if a field of a record is left out or written in another form than scenarios have.
+TEST_F(Show, aTableIsShownSoThatItCanBePublishedAgain) {
+  const std::string path = scratch().fileWith("all.jsonl", fullScenario);
   ASSERT_EQ(publishAll({path}), 0);
   const Router other;
   for (const std::string table :
@@ -60,6 +65,75 @@ TEST_F(Show, aTableIsShownSoThatItCanBePublishedAgain) {
     ASSERT_EQ(other.publishAll({other.scratch().fileWith("again.jsonl", line.dump())}), 0) << line;
     EXPECT_EQ(other.ask({"show", "table", table, "--json"}).json(), shown);
   }
+}
+
+// Fails if words hide what a filter has found, or what keeps an entry out of the FIB.
+TEST_F(Show, wordsTellBackupsOperationsAndWraps) {
+  publishLab();
+  EXPECT_NE(ask({"show", "fib"}).text.find("if12 192.0.2.1 gre 192.0.2.2 -> 192.0.2.3\n"), std::string::npos);
+  ASSERT_EQ(publishAll({scratch().fileWith("all.jsonl", fullScenario)}), 0);
+  for (const auto& [table, words] : std::map<std::string, std::string>{
+           {"bgpLu", "tunnel:ldpTunnel/5 [5, 6], not contributing\n"},
+           {"bgpLuPush", "if7 fe80::1 swap [9]\n"},
+           {"static", "if14 pop [40] backup if12 []\n"},
+           {"tiLfa", "if1 [] backup if2 [1]\n"},
+           {"ipsecGreTunnelInterface", "no vias, 192.0.2.2 -> 192.0.2.3 spi 4294967295\n"}}) {
+    EXPECT_NE(ask({"show", "table", table}).text.find(words), std::string::npos) << ask({"show", "table", table}).text;
+  }
+}
+
+// Fails if an address is looked for among endpoints that are not listed.
+TEST_F(Show, anAddressFindsTheLongestPrefixOfItsList) {
+  const std::string config = scratch().fileWith("rib.jsonl", R"({"rib": "onlyldp", "tables": {"ldp": {}}})");
+  const Support::Process agent = serve({"--config", config});
+  ASSERT_EQ(publishAll({scratch().fileWith("nested.jsonl", R"(
+{"table": "ldp", "put": {"index": 2, "tep": "10.9.0.0/16", "vias": [{"nextHop": "192.0.2.1", "intf": "if12"}]}}
+{"table": "sr", "put": {"index": 5, "tep": "10.9.9.0/24", "vias": [{"nextHop": "192.0.2.1", "intf": "if12"}]}}
+{"table": "sr", "put": {"index": 6, "tep": "10.9.9.128/25", "vias": [{"intf": "tunnel:ldpTunnel/99"}]}}
+{"table": "static", "put": {"index": 7, "tep": "10.8.0.0/16", "vias": [{"intf": "if12", "labels": [9], "op": "pop"}]}}
+)")}),
+            0);
+  ASSERT_TRUE(Support::becomes([&] {
+    const OrderedJson now = document();
+    return now["fib"].size() == 2 && now["unprogrammable"].size() == 2;
+  })) << agentLog();
+  const std::string address = "10.9.9.200";
+  EXPECT_EQ(keys({"show", "fib", "--tep", address}, "fib", "tunnel"), std::set<std::string>{"srTunnel/5"});
+  EXPECT_EQ(keys({"show", "fib", "--tep", address, "--rib", "onlyldp"}, "fib", "tunnel"),
+            std::set<std::string>{"ldpTunnel/2"});
+  EXPECT_EQ(ask({"show", "unprogrammable", "--tep", address, "--json"}).json()["unprogrammable"],
+            OrderedJson::array({"srTunnel/6"}));
+  EXPECT_EQ(keys({"show", "unprogrammable", "--reason", "noPush"}, "unprogrammable", "tunnel"),
+            std::set<std::string>{"staticTunnel/7"})
+      << "a reason that is shown can be asked for";
+
+  Support::Process watch(
+      {TUNNELCTL_PATH, "watch", "--rib", "onlyldp", "--tep", address, "--limit", "1", "--state-dir", stateDirectory()},
+      scratch() / "watch.log");
+  ASSERT_TRUE(watch.says("watching"));
+  ASSERT_EQ(publishAll({"--table", "ldp"}), 0);
+  EXPECT_TRUE(watch.says("10.9.0.0/16: gone")) << watch.output();
+}
+
+// Fails if a line is longer than the terminal, or an address is broken.
+TEST_F(Show, linesFitTheTerminal) {
+  publishLab();
+  setenv("COLUMNS", "44", 1);
+  for (const std::vector<std::string>& words : {std::vector<std::string>{"show", "fib"},
+                                                {"dependents", "ldpTunnel/5"},
+                                                {"why", "srTunnel/8"},
+                                                {"resolve", "10.0.0.5"}}) {
+    std::istringstream text(ask(words).text);
+    for (std::string line; std::getline(text, line);) {
+      EXPECT_LE(Agent::widthOf(line), 44U) << line;
+    }
+  }
+  const std::string fib = ask({"show", "fib", "--tunnel", "ldpTunnel/5"}).text;
+  unsetenv("COLUMNS");
+  EXPECT_EQ(fib,
+            "tunnel       vias\n"
+            "ldpTunnel/5  if12 192.0.2.1 [300123], if13\n"
+            "             192.0.2.5 [300124]\n");
 }
 
 TEST_F(Show, filtersNarrow) {
@@ -111,6 +185,9 @@ TEST_F(Show, pagesPutTogetherAreTheWhole) {
                                                {"fib", "--type", "ldpTunnel"},
                                                {"rib", "system"},
                                                {"table", "ldp"},
+                                               {"tables"},
+                                               {"ribs"},
+                                               {"convergence"},
                                                {"unprogrammable"}}) {
     std::vector<std::string> all = {"show"};
     all.insert(all.end(), list.begin(), list.end());
