@@ -42,13 +42,7 @@ FibVia fibVia(const Fib::TunnelFib& fib, const Fib::TunnelVia& tunnelVia) {
 void addInfo(OrderedJson& json, const Ipkit::MplsLabelOperation& labels) { json["labels"] = topFirst(labels); }
 template <class Info>
 void addInfo(OrderedJson& json, const Info& info) {
-  json["source"] = Zol::stringOf(info.source());
-  json["destination"] = Zol::stringOf(info.destination());
-  json["tos"] = info.tos();
-  json["ttl"] = info.ttl();
-  if constexpr (requires { info.spi(); }) {
-    json["spi"] = info.spi();
-  }
+  addWrapping(json, info);
 }
 
 std::string summaryOf(const Fib::TunnelFib& fib, const Fib::TunnelViaArray& vias) {

@@ -52,6 +52,17 @@ std::string summaryOf(const Info& wrapped) requires requires {
   }
   return words;
 }
+// Adds the same as "source", "destination", "tos", "ttl", and "spi" where there is one.
+template <class Info>
+void addWrapping(OrderedJson& json, const Info& wrapped) {
+  json["source"] = Zol::stringOf(wrapped.source());
+  json["destination"] = Zol::stringOf(wrapped.destination());
+  json["tos"] = wrapped.tos();
+  json["ttl"] = wrapped.ttl();
+  if constexpr (requires { wrapped.spi(); }) {
+    json["spi"] = wrapped.spi();
+  }
+}
 // "if12 192.0.2.1", without the address where there is none; with the encapsulation behind it: "[300123]",
 // "gre 192.0.2.2 -> 192.0.2.3".
 std::string summaryOf(const Tunnel::TunnelTable::Via& via);

@@ -73,14 +73,7 @@ OrderedJson entryJson(const Entry& entry) {
     json["nexthopGroupId"] = entry.nexthopGroupId();
   }
   if constexpr (requires { entry.tunnelInfo(); }) {
-    const auto& info = entry.tunnelInfo();
-    json["source"] = Zol::stringOf(info.source());
-    json["destination"] = Zol::stringOf(info.destination());
-    json["tos"] = info.tos();
-    json["ttl"] = info.ttl();
-    if constexpr (requires { info.spi(); }) {
-      json["spi"] = info.spi();
-    }
+    Agent::addWrapping(json, entry.tunnelInfo());
   }
   return json;
 }
