@@ -256,6 +256,21 @@ TEST(MemtabFile, unpublishedLeavesNothing) {
   EXPECT_EQ(scene.files(), 0u);
 }
 
+// Fails if a reader could spoil the table: what it maps is for reading alone.
+TEST(MemtabFile, aReadersStoreFaults) {
+  Scene scene;
+  makeTable(scene);
+  const std::string before = Scene::bytesAt(scene.at("rib/system"));
+  const int status = inChild([&] {
+    signal(SIGSEGV, SIG_DFL);
+    const ReaderFile file = readerOf(scene);
+    *reinterpret_cast<volatile char*>(const_cast<std::byte*>(file.view().base) + headerBytes) = 'x';
+    return 0;
+  });
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGSEGV) << status;
+  EXPECT_EQ(Scene::bytesAt(scene.at("rib/system")), before);
+}
+
 // Fails if a full file system is a fault at some store, or more than a refused change.
 TEST(MemtabFile, fullFileSystem) {
   Scene scene;
