@@ -22,6 +22,7 @@ AgentSample::AgentSample(const ControlOptions& options) {
     }
     tables.push_back(std::move(table));
   }
+  damages = reading.damages();
 }
 
 }  // namespace Tools

@@ -28,6 +28,7 @@ struct AgentSample {
   Agent::OrderedJson stats;         // as stats.get has them; null: the agent cannot be asked
   std::string trouble;              // why not
   std::vector<TableSample> tables;  // the absent ones too
+  std::vector<std::string> damages;
 
   bool isUp() const { return stats.is_object(); }
 };

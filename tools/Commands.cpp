@@ -7,6 +7,7 @@
 
 #include "agent/CommandLine.h"
 #include "agent/InputError.h"
+#include "agent/JsonText.h"
 #include "agent/StateDocument.h"
 #include "tools/PublishCommand.h"
 #include "tools/StateReading.h"
@@ -25,6 +26,22 @@ std::optional<Agent::TableId> tableOf(const std::string& name) {
 }
 
 }  // namespace
+
+void complain(bool isJson, int status, const std::string& reason) {
+  std::cout.flush();
+  if (isJson) {
+    std::cerr << Agent::textOf(Agent::OrderedJson{{"error", {{"status", status}, {"reason", reason}}}}) << '\n';
+  } else {
+    std::cerr << "tunnelctl: " << reason << '\n';
+  }
+}
+
+int toldDamage(const std::vector<std::string>& damages, bool isJson) {
+  for (const std::string& damage : damages) {
+    complain(isJson, exitFailed, Agent::printable(damage, 300));
+  }
+  return damages.empty() ? exitDone : exitFailed;
+}
 
 void addStateDirectory(CLI::App& command, std::string& stateDirectory) {
   command.add_option("--state-dir", stateDirectory, "Where the tables lie")
@@ -97,7 +114,7 @@ void addState(CLI::App& app, Action& action) {
       StateReading reading(*stateDirectory);
       reading.status();
       Agent::writeStateDocument(std::cout, reading.state());
-      return exitDone;
+      return toldDamage(reading.damages(), false);
     };
   });
 }

@@ -6,6 +6,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "agent/ProtocolTables.h"
 
@@ -17,6 +18,12 @@ using Action = std::function<int()>;
 constexpr int exitDone = 0;
 constexpr int exitFailed = 1;  // asked rightly, but it cannot be done, or something is wrong with what was asked about
 constexpr int exitBadInput = 2;  // the command line or an input file is wrong
+
+// On standard error: "tunnelctl: REASON", or {"error": {"status": ..., "reason": ...}}. What was printed comes first.
+void complain(bool isJson, int status, const std::string& reason);
+
+// Says what of a state directory could not be read; the exit status.
+int toldDamage(const std::vector<std::string>& damages, bool isJson);
 
 // The option that nearly every command has.
 void addStateDirectory(CLI::App& command, std::string& stateDirectory);

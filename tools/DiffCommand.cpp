@@ -1,5 +1,6 @@
 // The command "tunnelctl diff": what has changed between two state documents.
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -55,13 +56,15 @@ Members membersOf(const Agent::Json& document) {
   return members;
 }
 
-// A file with a document, "-" for standard input, or a state directory, which is read now.
-std::string documentText(const std::string& name) {
+// A file with a document, "-" for standard input, or a state directory, which is read now. status: exitFailed when not
+// all of it can be read.
+std::string documentText(const std::string& name, bool isJson, int& status) {
   if (std::filesystem::is_directory(name)) {
     StateReading reading(name);
     reading.status();
     std::ostringstream text;
     Agent::writeStateDocument(text, reading.state());
+    status = std::max(status, toldDamage(reading.damages(), isJson));
     return text.str();
   }
   std::ifstream file;
@@ -75,9 +78,9 @@ std::string documentText(const std::string& name) {
   return {std::istreambuf_iterator<char>(in), {}};
 }
 
-Members readMembers(const std::string& name) {
+Members readMembers(const std::string& name, bool isJson, int& status) {
   try {
-    return membersOf(Agent::jsonFromText(documentText(name)));
+    return membersOf(Agent::jsonFromText(documentText(name, isJson, status)));
   } catch (const Agent::InputError& error) {
     throw Agent::ScenarioError(name, error.what());
   } catch (const Agent::Json::exception& error) {
@@ -146,8 +149,9 @@ int diff(const DiffOptions& options) {
   if (options.before == "-" && options.after == "-") {
     throw Agent::InputError("BEFORE and AFTER", "both are standard input");
   }
-  const Members before = readMembers(options.before);
-  const Members after = readMembers(options.after);
+  int status = exitDone;
+  const Members before = readMembers(options.before, options.isJson, status);
+  const Members after = readMembers(options.after, options.isJson, status);
   Difference difference(options);
   auto left = before.begin();
   auto right = after.begin();
@@ -166,7 +170,7 @@ int diff(const DiffOptions& options) {
       ++right;
     }
   }
-  return difference.end();
+  return std::max(status, difference.end());
 }
 
 }  // namespace

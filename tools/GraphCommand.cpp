@@ -15,6 +15,7 @@
 #include "runtime/Memtab/Descriptor.h"
 #include "tools/Commands.h"
 #include "tools/EntryFilter.h"
+#include "tools/Rows.h"
 #include "tools/StateReading.h"
 #include "tools/TableExplanation.h"
 #include "tools/TableWalk.h"
@@ -26,23 +27,53 @@ struct GraphOptions {
   std::string stateDirectory;
   std::vector<std::string> tunnels;
   bool isSvg = false;
+  bool isJson = false;
 };
+
+// From a tunnel to a next level, or to a next hop.
+struct Edge {
+  std::optional<Model::TunnelId> next;
+  Model::Via via;
+  std::vector<Ipkit::MplsLabelOperation::Label> labels;  // top first
+  Fib::EncapType encap = Fib::EncapType::labelStack;
+  bool isBackup = false;
+  bool isLost = false;  // nothing is programmed along it
+};
+
+// As published where that is resolved; else, and of backup vias, as the FIB has it.
+std::vector<Edge> edgesOf(const Agent::ExplainedTunnel& explained) {
+  std::vector<Edge> edges;
+  const bool isGood = explained.standing == Agent::FibStanding::programmed;
+  for (const auto& via : explained.finding.vias) {
+    edges.push_back({.next = via.nextLevel,
+                     .via = via.via,
+                     .labels = Agent::topFirst(via.via.labelOp()),
+                     .isLost = !isGood || (via.nextLevel && via.nextLevelVias == 0)});
+  }
+  const auto add = [&edges](const std::vector<Agent::FibVia>& vias, bool isBackup) {
+    for (const Agent::FibVia& via : vias) {
+      const bool isStack = via.encapId.encapType() == Fib::EncapType::labelStack;
+      edges.push_back({.next = {},
+                       .via = via.via.via(),
+                       .labels = isStack ? Agent::topFirst(via.via.labelStack()) : decltype(Edge::labels)(),
+                       .encap = via.encapId.encapType(),
+                       .isBackup = isBackup});
+    }
+  };
+  if (edges.empty()) {
+    add(explained.vias, false);
+  }
+  add(explained.backupVias, true);
+  return edges;
+}
 
 std::string quoted(const std::string& text) { return "\"" + text + "\""; }
 
-void writeEdge(std::ostream& out, const Model::TunnelId& from, const std::string& to, const std::string& label,
-               const char* style) {
-  out << "  " << quoted(Zol::stringOf(from)) << " -> " << quoted(to) << " [label=" << quoted(label) << style << "];\n";
-}
-
-std::string labelsOf(const Ipkit::MplsLabelOperation& operation) {
-  const auto labels = Agent::topFirst(operation);
-  return labels.empty() ? "" : Agent::textOf(labels);
-}
-
-std::string encapOf(const Agent::FibVia& via) {
-  return via.encapId.encapType() == Fib::EncapType::labelStack ? labelsOf(via.via.labelStack())
-                                                               : Fib::stringValue(via.encapId.encapType());
+std::string labelOf(const Edge& edge) {
+  if (edge.encap != Fib::EncapType::labelStack) {
+    return Fib::stringValue(edge.encap);
+  }
+  return edge.labels.empty() ? "" : Agent::textOf(edge.labels);
 }
 
 void writeTunnel(std::ostream& out, const Model::TunnelId& tunnel, const Agent::ExplainedTunnel& explained) {
@@ -51,42 +82,69 @@ void writeTunnel(std::ostream& out, const Model::TunnelId& tunnel, const Agent::
   const bool isGood = explained.standing == Agent::FibStanding::programmed;
   out << "  " << quoted(name) << " [shape=box, label=" << quoted(!tep ? name : name + "\\n" + Zol::stringOf(tep))
       << (isGood ? "" : ", color=red") << "];\n";
-  for (const auto& via : explained.finding.vias) {
-    const bool isLost = !isGood || (via.nextLevel && via.nextLevelVias == 0);
-    const std::string to = via.nextLevel ? Zol::stringOf(*via.nextLevel) : Agent::summaryOf(via.via);
-    writeEdge(out, tunnel, to, labelsOf(via.via.labelOp()), isLost ? ", color=red" : "");
+  for (const Edge& edge : edgesOf(explained)) {
+    out << "  " << quoted(name) << " -> " << quoted(edge.next ? Zol::stringOf(*edge.next) : Agent::summaryOf(edge.via))
+        << " [label=" << quoted(labelOf(edge)) << (edge.isLost ? ", color=red" : "")
+        << (edge.isBackup ? ", style=dashed" : "") << "];\n";
   }
-  if (explained.finding.vias.empty()) {
-    for (const Agent::FibVia& via : explained.vias) {
-      writeEdge(out, tunnel, Agent::summaryOf(via.via.via()), encapOf(via), "");
+}
+
+OrderedJson tunnelJson(const Model::TunnelId& tunnel, const Agent::ExplainedTunnel& explained) {
+  const auto& tep = explained.finding.head.tep();
+  OrderedJson edges = OrderedJson::array();
+  for (const Edge& edge : edgesOf(explained)) {
+    OrderedJson json = edge.next ? OrderedJson{{"tunnel", Zol::stringOf(*edge.next)}}
+                                 : OrderedJson{{"nextHop", Zol::stringOf(edge.via.nextHop())},
+                                               {"intf", Zol::stringOf(edge.via.intf())}};
+    json.update({{"encap", Fib::stringValue(edge.encap)},
+                 {"labels", edge.labels},
+                 {"backup", edge.isBackup},
+                 {"programmed", !edge.isLost}});
+    edges.push_back(std::move(json));
+  }
+  return {{"tunnel", Zol::stringOf(tunnel)},
+          {"tep", !tep ? OrderedJson() : OrderedJson(Zol::stringOf(tep))},
+          {"programmed", explained.standing == Agent::FibStanding::programmed},
+          {"edges", std::move(edges)}};
+}
+
+// visit(tunnel, explained) for these tunnels and what they go through; none: for all that tables have.
+template <class F>
+void forEachTunnel(const Agent::AgentState& state, const std::vector<Model::TunnelId>& tunnels, F&& visit) {
+  if (!tunnels.empty()) {
+    for (const auto& [tunnel, explained] : explainFromTables(state, tunnels).tunnels) {
+      visit(tunnel, explained);
     }
+    return;
   }
-  for (const Agent::FibVia& via : explained.backupVias) {
-    writeEdge(out, tunnel, Agent::summaryOf(via.via.via()), encapOf(via), ", style=dashed");
+  for (const Agent::TableId table : Agent::allTables()) {
+    state.tables().withTable(table, [&](const auto& each) {
+      walk(each, {}, [&](const auto& entry) {
+        visit(entry.tunnelId(), explainTunnel(state, entry.tunnelId()));
+        return true;
+      });
+    });
   }
 }
 
 void writeGraph(std::ostream& out, const Agent::AgentState& state, const std::vector<Model::TunnelId>& tunnels) {
   out << "digraph tunnels {\n  rankdir=LR;\n";
-  if (!tunnels.empty()) {
-    for (const auto& [tunnel, explained] : explainFromTables(state, tunnels).tunnels) {
-      writeTunnel(out, tunnel, explained);
-    }
-  } else {
-    for (const Agent::TableId table : Agent::allTables()) {
-      state.tables().withTable(table, [&](const auto& each) {
-        walk(each, {}, [&](const auto& entry) {
-          writeTunnel(out, entry.tunnelId(), explainTunnel(state, entry.tunnelId()));
-          return true;
-        });
-      });
-    }
-  }
+  forEachTunnel(state, tunnels,
+                [&out](const auto& tunnel, const auto& explained) { writeTunnel(out, tunnel, explained); });
   out << "}\n";
 }
 
+void writeJson(const Agent::AgentState& state, const std::vector<Model::TunnelId>& tunnels) {
+  Rows rows(std::cout, true, "nodes", {});
+  forEachTunnel(state, tunnels, [&rows](const auto& tunnel, const auto& explained) {
+    rows.add(
+        tunnel, [] { return Cells(); }, [&] { return tunnelJson(tunnel, explained); });
+  });
+  rows.end();
+}
+
 // Standard output of "dot -Tsvg" over the text is ours.
-int drawAsSvg(const std::string& graph) {
+void drawAsSvg(const std::string& graph) {
   std::array<int, 2> ends{};
   if (pipe2(ends.data(), O_CLOEXEC) != 0) {
     throw std::runtime_error(std::string("no pipe to dot: ") + std::strerror(errno));
@@ -119,7 +177,6 @@ int drawAsSvg(const std::string& graph) {
   if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
     throw std::runtime_error("dot failed");
   }
-  return exitDone;
 }
 
 int graph(const GraphOptions& options) {
@@ -129,13 +186,16 @@ int graph(const GraphOptions& options) {
   }
   StateReading reading(options.stateDirectory);
   reading.status();
-  if (!options.isSvg) {
+  if (options.isJson) {
+    writeJson(reading.state(), tunnels);
+  } else if (options.isSvg) {
+    std::ostringstream text;
+    writeGraph(text, reading.state(), tunnels);
+    drawAsSvg(text.str());
+  } else {
     writeGraph(std::cout, reading.state(), tunnels);
-    return exitDone;
   }
-  std::ostringstream text;
-  writeGraph(text, reading.state(), tunnels);
-  return drawAsSvg(text.str());
+  return toldDamage(reading.damages(), options.isJson);
 }
 
 }  // namespace
@@ -148,7 +208,9 @@ void addGraph(CLI::App& app, Action& action) {
       ->type_name("ID")
       ->type_size(1)
       ->allow_extra_args(false);
-  command->add_flag("--svg", options->isSvg, "Drawn by graphviz, instead of in the DOT language");
+  CLI::Option* const svg =
+      command->add_flag("--svg", options->isSvg, "Drawn by graphviz, instead of in the DOT language");
+  command->add_flag("--json", options->isJson, "Print one JSON document")->excludes(svg);
   command->callback([=, &action] { action = [options] { return graph(*options); }; });
 }
 

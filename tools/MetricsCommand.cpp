@@ -139,7 +139,7 @@ void addMetrics(CLI::App& app, Action& action) {
     action = [options] {
       const AgentSample sample(*options);
       options->isJson ? writeJson(sample) : writeText(sample);
-      return exitDone;
+      return toldDamage(sample.damages, options->isJson);
     };
   });
 }

@@ -30,6 +30,7 @@ int resolve(const ResolveOptions& options) {
   reading.status();
   Model::TunnelRibEntry entry;
   if (!longestMatch(*rib, address, entry)) {
+    toldDamage(reading.damages(), options.isJson);
     throw std::runtime_error(options.address + ": no entry of RIB " + Agent::printable(options.rib) +
                              " has this address");
   }
@@ -40,13 +41,13 @@ int resolve(const ResolveOptions& options) {
     json.update(Agent::ribEntryJson(entry));
     json["resolution"] = explanationJson(explanation)["tunnels"];
     std::cout << Agent::textOf(json) << '\n';
-    return exitDone;
+    return toldDamage(reading.damages(), true);
   }
   writeWays(std::cout, tunnels,
             options.address + ": " + Zol::stringOf(entry.tep()) + " in RIB " + Agent::printable(options.rib) +
                 ", preference " + std::to_string(entry.pref()),
             explanation, Agent::isOutputColoured());
-  return exitDone;
+  return toldDamage(reading.damages(), false);
 }
 
 }  // namespace

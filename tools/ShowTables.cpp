@@ -22,9 +22,9 @@ std::string writerWord(const Memtab::MirrorStore& mirror) {
   return !mirror.isBound() ? "-" : mirror.isOwned() ? "alive" : "gone";
 }
 
-int finish(Rows& rows) {
+int finish(Rows& rows, StateReading& reading, const ListOptions& options) {
   rows.end();
-  return exitDone;
+  return toldDamage(reading.damages(), options.isJson);
 }
 
 OrderedJson seqnoJson(const std::optional<std::uint64_t>& seqno) { return seqno ? OrderedJson(*seqno) : OrderedJson(); }
@@ -80,7 +80,9 @@ int showRibs(const ListOptions& options) {
     const Model::TunnelRibId id = each.first;
     const Agent::RibLine& line = each.second;
     const auto rib = reading.state().rib(id);
-    const std::string state = rib && rib->collectionReady() ? "complete" : "incomplete";
+    const Memtab::MirrorStore& mirror = *reading.state().entityManager()->mirror(reading.pathOfRib(line.name));
+    const bool isReadable = mirror.trouble().empty();
+    const std::string state = isReadable ? standingOf(mirror) : "unreadable";
     const auto seqno = convergedAt(reading.state(), id);
     const std::uint64_t sequence = rib ? rib->collectionControl().sequence() : 0;
     const std::uint64_t size = rib ? rib->size() : 0;
@@ -94,8 +96,8 @@ int showRibs(const ListOptions& options) {
     const auto cells = [&] {
       return Cells{Agent::printable(line.name),
                    std::to_string(id),
-                   std::to_string(size),
-                   std::to_string(sequence),
+                   isReadable ? std::to_string(size) : "-",
+                   isReadable ? std::to_string(sequence) : "-",
                    state,
                    seqnoWords(seqno),
                    tables};
@@ -109,7 +111,7 @@ int showRibs(const ListOptions& options) {
       break;
     }
   }
-  return finish(rows);
+  return finish(rows, reading, options);
 }
 
 int showConvergence(const ListOptions& options) {
@@ -143,7 +145,7 @@ int showConvergence(const ListOptions& options) {
       break;
     }
   }
-  return finish(rows);
+  return finish(rows, reading, options);
 }
 
 int showProcesses(const ListOptions& options) {
@@ -168,7 +170,7 @@ int showProcesses(const ListOptions& options) {
       break;
     }
   }
-  return finish(rows);
+  return finish(rows, reading, options);
 }
 
 }  // namespace Tools

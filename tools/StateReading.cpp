@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "agent/InputError.h"
+#include "tunnel/EncapKind.h"
 #include "tunnel/TunnelTableInfo.h"
 #include "tunnel_table_sm/TunnelRibConfigDirSm.h"
 
@@ -21,6 +22,19 @@ const std::string& existing(const std::string& directory) {
     throw std::runtime_error(Agent::printable(directory, 200) + ": no tables in it");
   }
   return directory;
+}
+
+// Damage found in the maps of the entity.
+std::uint64_t corruptionsIn(const Zol::Ptr<Zol::Entity>& entity) {
+  if (const auto map = Zol::dynamicPtrCast<Memtab::MapBase>(entity)) {
+    return map->corruptions();
+  }
+  std::uint64_t count = 0;
+  if (const auto fib = Zol::dynamicPtrCast<Tunnel::TunnelFib::TunnelFib>(entity)) {
+    count = fib->entry().corruptions();
+    Model::forEachEncapKind([&](auto kind) { count += kind.encaps(*fib).corruptions(); });
+  }
+  return count;
 }
 
 std::string customRibPath(Model::TunnelRibId id) { return Model::tunnelRibStatusPathPrefix + std::to_string(id); }
@@ -61,6 +75,10 @@ std::string StateReading::pathOfRib(const std::string& name) {
   status();
   const auto id = state_.ribIds()->tunnelRibId(name);
   if (!id) {
+    const Memtab::MirrorStore* const names = state_.entityManager()->mirror(Agent::ribStatusPath);
+    if (names != nullptr && !names->trouble().empty()) {
+      throw std::runtime_error(names->trouble());
+    }
     throw std::runtime_error(state_.entityManager()->stateDirectory() + ": no RIB '" + Agent::printable(name) + "'");
   }
   return customRibPath(*id);
@@ -114,6 +132,19 @@ std::vector<TableFile> StateReading::files() {
   add("status/ribs", Agent::ribStatusPath);
   add("status/unprogrammable", Agent::unprogrammablePath);
   add("status/convergence", Agent::convergencePath);
+  return all;
+}
+
+std::vector<std::string> StateReading::damages() {
+  std::vector<std::string> all;
+  const std::string directory = state_.entityManager()->stateDirectory() + "/";
+  for (const TableFile& file : files()) {
+    if (!file.mirror->trouble().empty()) {
+      all.push_back(file.mirror->trouble());
+    } else if (corruptionsIn(state_.entityManager()->getEntity(file.path.substr(directory.size()))) > 0) {
+      all.push_back(file.path + ": damaged; what cannot be read is left out");
+    }
+  }
   return all;
 }
 

@@ -42,6 +42,8 @@ class StateReading {
 
   // All files that belong to the state, those that are absent too.
   std::vector<TableFile> files();
+  // What was found damaged until now, with its path; what cannot be read is left out of what was read.
+  std::vector<std::string> damages();
   // Raises runtime_error, with the path, unless the table mounted there can be read.
   void requireTable(const std::string& path) const;
 

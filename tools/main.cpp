@@ -8,7 +8,6 @@
 
 #include "agent/CommandLine.h"
 #include "agent/InputError.h"
-#include "agent/JsonText.h"
 #include "agent/Terminal.h"
 #include "tools/Commands.h"
 #include "tools/ControlCommands.h"
@@ -20,13 +19,7 @@ namespace {
 bool isJson = false;
 
 int fail(int status, const std::string& reason) {
-  std::cout.flush();
-  if (isJson) {
-    const Agent::OrderedJson error = {{"error", {{"status", status}, {"reason", reason}}}};
-    std::cerr << Agent::textOf(error) << '\n';
-  } else {
-    std::cerr << "tunnelctl: " << reason << '\n';
-  }
+  Tools::complain(isJson, status, reason);
   return status;
 }
 

@@ -39,7 +39,7 @@ const Words questions[] = {
     {"what-if", "--each", "intf"},
 };
 
-bool takesJson(const Words& words) { return words[0] != "state" && words[0] != "graph"; }
+bool takesJson(const Words& words) { return words[0] != "state"; }
 
 TEST_F(Questions, areAnsweredWithoutAnAgent) {
   publishExample("abilene");
@@ -133,10 +133,37 @@ TEST_F(Questions, thatMakeNoSenseAreRefused) {
     EXPECT_EQ(text.status, row.status) << text.text;
     EXPECT_TRUE(text.text.starts_with("tunnelctl: ")) << text.text;
     EXPECT_NE(text.text.find(row.says), std::string::npos) << text.text;
-    if (!row.words.empty() && row.words[0] != "graph") {
+    if (!row.words.empty()) {
       EXPECT_EQ(ask(with(row.words, {"--json"})).json()["error"]["status"], row.status);
     }
   }
+}
+
+// Fails if a file that cannot be read passes for an empty one.
+TEST_F(Questions, whatCannotBeReadIsTold) {
+  publishExample("abilene");
+  const std::string whole = copied();
+  struct Row {
+    const char* file;
+    std::vector<Words> questions;
+  };
+  for (const Row& row :
+       {Row{"tunnel/tunnelFib", {{"state"}, {"resolve", "10.0.0.7"}, {"graph"}, {"metrics"}, {"why", "ldpTunnel/1"}}},
+        {"tunnel/status/ribs", {{"state"}, {"show", "ribs"}, {"show", "rib", "te-custom"}}},
+        {"tunnel/tunnelRibs/system", {{"show", "ribs"}, {"show", "convergence"}, {"why", "10.0.0.7/32"}}},
+        {"tunnel/table/ldp", {{"state"}, {"graph"}, {"resolve", "10.0.0.7"}, {"what-if", "--each", "intf"}}}}) {
+    const std::string path = stateDirectory() + "/" + row.file;
+    std::filesystem::resize_file(path, 100);
+    for (const Words& words : row.questions) {
+      const Answer answer = ask(words);
+      EXPECT_EQ(answer.status, 1) << row.file << ": " << words[0] << answer.text;
+      EXPECT_NE(answer.text.find(path), std::string::npos) << row.file << ": " << words[0] << answer.text;
+    }
+    Support::Process diff({TUNNELCTL_PATH, "diff", stateDirectory(), stateDirectory()}, scratch() / "diff");
+    EXPECT_EQ(diff.wait(), 1) << row.file;
+    std::filesystem::copy_file(whole + "/" + row.file, path, std::filesystem::copy_options::overwrite_existing);
+  }
+  EXPECT_EQ(ask({"state"}).status, 0);
 }
 
 }  // namespace

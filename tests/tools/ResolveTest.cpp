@@ -56,6 +56,11 @@ TEST_F(Resolve, theGraphHasEveryTunnelAndMarksWhatLeadsNowhere) {
                                  "\"l3IntfTunnel/2\" -> \"if12 192.0.2.1\" [label=\"gre\"];"}) {
     EXPECT_NE(graph.find(line), std::string::npos) << line << "\n" << graph;
   }
+  const OrderedJson nodes = ask({"graph", "--json"}).json()["nodes"];
+  EXPECT_EQ(nodes.size(), 7U);
+  EXPECT_EQ(ask({"graph", "--json", "--tunnel", "srTunnel/8"}).json()["nodes"][1].dump(),
+            "{\"tunnel\":\"srTunnel/8\",\"tep\":\"10.0.0.8/32\",\"programmed\":false,\"edges\":[{\"tunnel\":"
+            "\"ldpTunnel/99\",\"encap\":\"labelStack\",\"labels\":[17],\"backup\":false,\"programmed\":false}]}");
   const std::string part = ask({"graph", "--tunnel", "srTunnel/9"}).text;
   EXPECT_NE(part.find("ldpTunnel/5"), std::string::npos);
   EXPECT_EQ(part.find("ldpTunnel/6"), std::string::npos);
