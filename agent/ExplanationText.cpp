@@ -6,7 +6,6 @@
 
 #include "agent/InputError.h"
 #include "agent/StateDocument.h"
-#include "agent/TextTree.h"
 
 namespace Agent {
 namespace {
@@ -282,7 +281,7 @@ void writeWays(std::ostream& out, const std::vector<Model::TunnelId>& tunnels, c
   writeAll(out, isColoured, std::move(top), unfolding);
 }
 
-void writeWhy(std::ostream& out, const Explanation& explanation, bool isColoured) {
+void writeWhy(std::ostream& out, const Explanation& explanation, bool isColoured, const std::vector<TextTree>& more) {
   Unfolding unfolding(explanation, Follow::causes);
   const ExplainedTunnel& explained = explanation.tunnels.at(explanation.tunnel);
   TextTree fib(standingWords(explanation.tunnel, explained),
@@ -291,7 +290,20 @@ void writeWhy(std::ostream& out, const Explanation& explanation, bool isColoured
   TextTree top("why " + Zol::stringOf(explanation.tunnel));
   top.children.push_back(std::move(fib));
   top.children.push_back(ribsTree(explanation));
+  top.children.insert(top.children.end(), more.begin(), more.end());
   writeAll(out, isColoured, std::move(top), unfolding);
+}
+
+std::vector<TextTree> causeTrees(const std::vector<Model::TunnelId>& tunnels, const Explanation& explanation) {
+  Unfolding unfolding(explanation, Follow::causes);
+  std::vector<TextTree> trees;
+  for (const Model::TunnelId& tunnel : tunnels) {
+    trees.push_back(unfolding.tunnelTree(tunnel, 1));
+  }
+  for (TextTree& tree : unfolding.rest()) {
+    trees.push_back(std::move(tree));
+  }
+  return trees;
 }
 
 }  // namespace Agent

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "agent/Explanation.h"
+#include "agent/TextTree.h"
 
 namespace Agent {
 
@@ -18,8 +19,13 @@ void writeWay(std::ostream& out, const Explanation& explanation, bool isColoured
 void writeWays(std::ostream& out, const std::vector<Model::TunnelId>& tunnels, const std::string& title,
                const Explanation& explanation, bool isColoured);
 
-// Why the tunnel is, or is not, in the FIB and in each RIB: only what went wrong is followed, down to its causes.
-void writeWhy(std::ostream& out, const Explanation& explanation, bool isColoured);
+// Why the tunnel is, or is not, in the FIB and in each RIB: only what went wrong is followed, down to its causes. more
+// stands below that.
+void writeWhy(std::ostream& out, const Explanation& explanation, bool isColoured,
+              const std::vector<TextTree>& more = {});
+
+// How each of these tunnels stands in the FIB, and what went wrong with it, down to the causes.
+std::vector<TextTree> causeTrees(const std::vector<Model::TunnelId>& tunnels, const Explanation& explanation);
 
 // How the tunnel stands in one RIB: "lost 10.0.0.5/32 to ldpTunnel/5: preference 10 against 9".
 std::string ribWords(const ExplainedRib& rib, const Model::TunnelId& tunnel);

@@ -15,7 +15,7 @@ using Agent::OrderedJson;
 int runCheck(const ShadowOptions& options) {
   const std::vector<Problem> problems = checkStructure(options.stateDirectory);
   OrderedJson list = OrderedJson::array();
-  for (std::size_t i = 0; i < problems.size() && i < options.limit; ++i) {
+  for (std::size_t i = 0; i < problems.size() && i < options.shown(); ++i) {
     if (options.isJson) {
       list.push_back({{"table", problems[i].table}, {"problem", problems[i].text}});
     } else {

@@ -2,15 +2,17 @@
 
 #include <stdexcept>
 
+#include "tools/TableWalk.h"
+
 namespace Tools {
 
-Shadow::Shadow(StateReading& reading) {
+Shadow::Shadow(StateReading& reading, const Agent::AgentState& tables) {
   for (const TableFile& file : reading.files()) {
     if (!file.mirror->trouble().empty()) {
       throw std::runtime_error(file.mirror->trouble());
     }
   }
-  readTables(reading.state());
+  readTables(tables);
   readConfiguration(reading);
   host_.start();
   settle();
@@ -19,13 +21,10 @@ Shadow::Shadow(StateReading& reading) {
 void Shadow::readTables(const Agent::AgentState& state) {
   Agent::forEachNamedTable([&](auto named) {
     using Table = typename decltype(named)::Table;
-    const Table& from = *state.tables().table<Table>();
     Table& to = *host_.tables().table<Table>();
-    typename Table::Record record;
-    Model::walkSafely(from, true, [&](const auto& hint) {
-      if (Model::readSafely(&from, hint.key(), record)) {
-        to.entryIs(record);
-      }
+    walk(*state.tables().table<Table>(), {}, [&to](const auto& record) {
+      to.entryIs(record);
+      return true;
     });
   });
 }

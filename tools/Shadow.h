@@ -19,7 +19,9 @@ class Shadow {
  public:
   // RIBs with the numbers and configuration that are published; without any: the system RIB with all tables.
   // Raises runtime_error for a file that cannot be read. Time and memory as of an agent that starts over these tables.
-  explicit Shadow(StateReading& reading);
+  explicit Shadow(StateReading& reading) : Shadow(reading, reading.state()) {}
+  // Over the tables of another state, such as those of a shadow before it is changed.
+  Shadow(StateReading& reading, const Agent::AgentState& tables);
 
   Agent::AgentHost& host() { return host_; }
   const Agent::AgentHost& host() const { return host_; }

@@ -2,6 +2,8 @@
 #pragma once
 
 #include <cstdint>
+#include <limits>
+#include <optional>
 #include <string>
 
 #include "tools/Commands.h"
@@ -12,10 +14,14 @@ namespace Tools {
 struct ShadowOptions {
   std::string stateDirectory;
   bool isJson = false;
-  std::uint64_t limit = 0;  // lines of each list that are shown
+  std::optional<std::uint64_t> limit;
+  std::uint64_t textLimit = 0;  // where none is given
+
+  // Lines of each list that are shown. JSON has all unless a limit is given.
+  std::uint64_t shown() const { return limit.value_or(isJson ? std::numeric_limits<std::uint64_t>::max() : textLimit); }
 };
 void addShadowOptions(CLI::App& command, ShadowOptions& options);
-void addLimit(CLI::App& command, ShadowOptions& options, std::uint64_t standard);
+void addLimit(CLI::App& command, ShadowOptions& options, std::uint64_t textLimit);
 
 void addWhy(CLI::App& app, Action& action);
 void addDependents(CLI::App& app, Action& action);

@@ -8,21 +8,13 @@
 #include "agent/FibView.h"
 #include "agent/InputError.h"
 #include "agent/StateDocument.h"
+#include "tools/TableWalk.h"
 
 namespace Tools {
 namespace {
 
 namespace Fib = Tunnel::TunnelFib;
 using Agent::FibVia;
-
-Held held(const std::string& text) { return {text, text}; }
-
-Held held(const FibVia& via) {
-  OrderedJson json = Agent::viasJson({via})[0];
-  const bool isSaid = via.encapId.encapType() == Fib::EncapType::labelStack && !via.isEncapMissing;
-  return {isSaid ? Agent::summaryOf(via) : Agent::summaryOf(via.via.via()) + " " + Agent::textOf(json["encap"]),
-          std::move(json)};
-}
 
 bool isSame(const FibVia& a, const FibVia& b) { return a.isEncapMissing == b.isEncapMissing && a.via == b.via; }
 
@@ -40,28 +32,41 @@ bool isAt(const Agent::AgentState& state, const Model::TunnelId& tunnel, const I
 
 class Comparison {
  public:
-  Comparison(const Agent::AgentState& left, const Agent::AgentState& right, const TellDifference& tell)
-      : left_(left), right_(right), tell_(tell) {}
+  Comparison(const Agent::AgentState& left, const Agent::AgentState& right, const ComparisonScope& scope,
+             const TellDifference& tell)
+      : left_(left), right_(right), scope_(scope), tell_(tell) {}
 
   void run() {
     compareRibs();
     compareProtocolRibs();
     place_.where = "fib";
-    compareMaps(left_.fib()->entry(), right_.fib()->entry(), [this](const auto& a, const auto& b) { compare(a, b); });
+    compareMaps(left_.fib()->entry(), right_.fib()->entry(), scope_.tunnels,
+                [this](const auto& a, const auto& b) { compare(a, b); });
     compareUnprogrammable();
   }
 
  private:
-  void tell(const char* what, std::optional<Held> left, std::optional<Held> right) {
-    place_.what = what;
-    place_.left = std::move(left);
-    place_.right = std::move(right);
-    tell_(place_);
-  }
-  void tellUnlessSame(const char* what, const std::string& left, const std::string& right) {
-    if (left != right) {
-      tell(what, held(left), held(right));
+  void tell(const std::string& key, const char* what, std::optional<Held> left, std::optional<Held> right) {
+    if (goesOn_) {
+      place_.key = key;
+      place_.what = what;
+      place_.left = std::move(left);
+      place_.right = std::move(right);
+      goesOn_ = tell_(place_);
     }
+  }
+  void tellUnlessSame(const std::string& key, const char* what, const std::string& left, const std::string& right) {
+    if (left != right) {
+      tell(key, what, held(left), held(right));
+    }
+  }
+
+  Held held(const std::string& text) const { return {text, scope_.withJson ? OrderedJson(text) : OrderedJson()}; }
+  Held held(const FibVia& via) const {
+    const bool isSaid = via.encapId.encapType() == Fib::EncapType::labelStack && !via.isEncapMissing;
+    const OrderedJson json = isSaid && !scope_.withJson ? OrderedJson() : Agent::viasJson({via})[0];
+    return {isSaid ? Agent::summaryOf(via) : Agent::summaryOf(via.via.via()) + " " + Agent::textOf(json["encap"]),
+            json};
   }
 
   void compareRibs() {
@@ -94,61 +99,76 @@ class Comparison {
   // A RIB that only one side has is empty on the other.
   void compareRib(const Zol::Ptr<Model::TunnelRib>& left, const Zol::Ptr<Model::TunnelRib>& right) {
     const auto none = Zol::make<Model::TunnelRib>("none");
-    compareMaps(left ? *left : *none, right ? *right : *none, [this](const auto& a, const auto& b) { compare(a, b); });
+    compareMaps(left ? *left : *none, right ? *right : *none, scope_.teps,
+                [this](const auto& a, const auto& b) { compare(a, b); });
   }
 
-  template <class Map, class Compare>
-  void compareMaps(const Map& left, const Map& right, Compare&& compareRecords) {
-    typename Map::Record a, b;
-    Model::walkSafely(left, true, [&](const auto& hint) {
-      if (!Model::readSafely(&left, hint.key(), a)) {
-        return;
-      }
-      place_.key = Zol::stringOf(hint.key());
-      if (Model::readSafely(&right, hint.key(), b)) {
-        compareRecords(a, b);
+  template <class Map, class Keys, class Compare>
+  void compareMaps(const Map& left, const Map& right, const Keys& keys, Compare&& compareRecords) {
+    typename Map::Record other;
+    std::size_t common = 0;
+    walk(left, {keys, std::nullopt}, [&](const auto& record) {
+      if (Model::readSafely(&right, keyOf(record), other)) {
+        ++common;
+        compareRecords(record, other);
       } else {
-        tell("entry", entryHeld(left_, a), std::nullopt);
+        tell(Zol::stringOf(keyOf(record)), "entry", entryHeld(left_, record), std::nullopt);
       }
+      return goesOn_;
     });
-    Model::walkSafely(right, true, [&](const auto& hint) {
-      if (Model::readSafely(&right, hint.key(), b) && !Model::readSafely(&left, hint.key(), a)) {
-        place_.key = Zol::stringOf(hint.key());
-        tell("entry", std::nullopt, entryHeld(right_, b));
+    if (common == right.size()) {
+      return;
+    }
+    walk(right, {keys, std::nullopt}, [&](const auto& record) {
+      if (!Model::readSafely(&left, keyOf(record), other)) {
+        tell(Zol::stringOf(keyOf(record)), "entry", std::nullopt, entryHeld(right_, record));
       }
+      return goesOn_;
     });
   }
+  static Model::TunnelId keyOf(const Fib::TunnelFibEntry& entry) { return entry.tunnelId(); }
+  static Ipkit::IpGenPrefix keyOf(const Model::TunnelRibEntry& entry) { return entry.tep(); }
 
-  static Held entryHeld(const Agent::AgentState& state, const Fib::TunnelFibEntry& entry) {
-    OrderedJson json = Agent::fibEntryJson(*state.fib(), entry);
-    json.erase("tunnel");
+  Held entryHeld(const Agent::AgentState& state, const Fib::TunnelFibEntry& entry) const {
+    OrderedJson json;
+    if (scope_.withJson) {
+      json = Agent::fibEntryJson(*state.fib(), entry);
+      json.erase("tunnel");
+    }
     return {Agent::summaryOf(*state.fib(), entry), std::move(json)};
   }
-  static Held entryHeld(const Agent::AgentState&, const Model::TunnelRibEntry& entry) {
-    OrderedJson tunnels = OrderedJson::array();
+  Held entryHeld(const Agent::AgentState&, const Model::TunnelRibEntry& entry) const {
     const std::vector<Model::TunnelId> ids = Agent::sortedTunnelIds(entry);
-    for (const Model::TunnelId& id : ids) {
-      tunnels.push_back(Zol::stringOf(id));
+    OrderedJson json;
+    if (scope_.withJson) {
+      json = {{"pref", entry.pref()}, {"tunnels", OrderedJson::array()}};
+      for (const Model::TunnelId& id : ids) {
+        json["tunnels"].push_back(Zol::stringOf(id));
+      }
     }
-    return {Agent::listOf(ids, 4), {{"pref", entry.pref()}, {"tunnels", std::move(tunnels)}}};
+    return {Agent::listOf(ids, 4), std::move(json)};
   }
 
   void compare(const Model::TunnelRibEntry& left, const Model::TunnelRibEntry& right) {
+    if (left == right) {
+      return;
+    }
+    const std::string key = Zol::stringOf(left.tep());
     const bool areFull = left.isFull() && right.isFull();
     if (!isProtocolRib_) {
-      tellUnlessSame("preference", std::to_string(left.pref()), std::to_string(right.pref()));
+      tellUnlessSame(key, "preference", std::to_string(left.pref()), std::to_string(right.pref()));
       if (!areFull) {
-        tellUnlessSame("metrics", textOf(left.metrics()), textOf(right.metrics()));
+        tellUnlessSame(key, "metrics", textOf(left.metrics()), textOf(right.metrics()));
       }
     }
     for (const Model::TunnelId& id : Agent::sortedTunnelIds(left)) {
       if (!right.hasTunnelId(id) && !(areFull && isAt(right_, id, right.tep()))) {
-        tell("tunnel", held(Zol::stringOf(id)), std::nullopt);
+        tell(key, "tunnel", held(Zol::stringOf(id)), std::nullopt);
       }
     }
     for (const Model::TunnelId& id : Agent::sortedTunnelIds(right)) {
       if (!left.hasTunnelId(id) && !areFull) {
-        tell("tunnel", std::nullopt, held(Zol::stringOf(id)));
+        tell(key, "tunnel", std::nullopt, held(Zol::stringOf(id)));
       }
     }
   }
@@ -157,14 +177,17 @@ class Comparison {
   }
 
   void compare(const Fib::TunnelFibEntry& left, const Fib::TunnelFibEntry& right) {
-    compareVias("via", left.tunnelVia(), right.tunnelVia());
-    compareVias("backup via", left.backupTunnelVia(), right.backupTunnelVia());
-    tellUnlessSame("usable", left.arePrimaryViasUsable() ? "true" : "false",
-                   right.arePrimaryViasUsable() ? "true" : "false");
+    compareVias(left.tunnelId(), "via", left.tunnelVia(), right.tunnelVia());
+    compareVias(left.tunnelId(), "backup via", left.backupTunnelVia(), right.backupTunnelVia());
+    if (left.arePrimaryViasUsable() != right.arePrimaryViasUsable()) {
+      tellUnlessSame(Zol::stringOf(left.tunnelId()), "usable", left.arePrimaryViasUsable() ? "true" : "false",
+                     right.arePrimaryViasUsable() ? "true" : "false");
+    }
   }
 
   // Vias without a partner on the other side; two to the same next hop are one via whose wrapping differs.
-  void compareVias(const char* what, const Fib::TunnelViaArray& left, const Fib::TunnelViaArray& right) {
+  void compareVias(const Model::TunnelId& tunnel, const char* what, const Fib::TunnelViaArray& left,
+                   const Fib::TunnelViaArray& right) {
     std::vector<FibVia> onlyRight = Agent::sortedVias(*right_.fib(), right);
     std::vector<FibVia> onlyLeft;
     const auto take = [&onlyRight](auto&& isPartner) {
@@ -183,10 +206,10 @@ class Comparison {
     }
     for (const FibVia& via : onlyLeft) {
       const auto partner = take([&via](const FibVia& other) { return via.via.via() == other.via.via(); });
-      tell(what, held(via), partner ? std::optional(held(*partner)) : std::nullopt);
+      tell(Zol::stringOf(tunnel), what, held(via), partner ? std::optional(held(*partner)) : std::nullopt);
     }
-    for (const FibVia& via : std::vector<FibVia>(onlyRight)) {
-      tell(what, std::nullopt, held(via));
+    for (const FibVia& via : onlyRight) {
+      tell(Zol::stringOf(tunnel), what, std::nullopt, held(via));
     }
   }
 
@@ -194,31 +217,36 @@ class Comparison {
     place_.where = "unprogrammable";
     const auto& left = *left_.unprogrammable();
     const auto& right = *right_.unprogrammable();
+    const auto isOnlyIn = [this](const Model::TunnelId& id, const Model::TunnelIdColl& other) {
+      const auto& asked = scope_.tunnels;
+      return !other.has(id) && (!asked || std::find(asked->begin(), asked->end(), id) != asked->end());
+    };
     for (const auto& [id, isThere] : left.entry()) {
-      if (!right.has(id)) {
-        place_.key = Zol::stringOf(id);
-        tell("tunnel", held(place_.key), std::nullopt);
+      if (isOnlyIn(id, right)) {
+        tell(Zol::stringOf(id), "tunnel", held(Zol::stringOf(id)), std::nullopt);
       }
     }
     for (const auto& [id, isThere] : right.entry()) {
-      if (!left.has(id)) {
-        place_.key = Zol::stringOf(id);
-        tell("tunnel", std::nullopt, held(place_.key));
+      if (isOnlyIn(id, left)) {
+        tell(Zol::stringOf(id), "tunnel", std::nullopt, held(Zol::stringOf(id)));
       }
     }
   }
 
   const Agent::AgentState& left_;
   const Agent::AgentState& right_;
+  const ComparisonScope& scope_;
   const TellDifference& tell_;
   Difference place_;  // of what is looked at
+  bool goesOn_ = true;
   bool isProtocolRib_ = false;
 };
 
 }  // namespace
 
-void compareStates(const Agent::AgentState& left, const Agent::AgentState& right, const TellDifference& tell) {
-  Comparison(left, right, tell).run();
+void compareStates(const Agent::AgentState& left, const Agent::AgentState& right, const ComparisonScope& scope,
+                   const TellDifference& tell) {
+  Comparison(left, right, scope, tell).run();
 }
 
 OrderedJson differenceJson(const Difference& difference, const char* left, const char* right) {
@@ -227,6 +255,17 @@ OrderedJson differenceJson(const Difference& difference, const char* left, const
           {"what", difference.what},
           {left, difference.left ? difference.left->json : OrderedJson()},
           {right, difference.right ? difference.right->json : OrderedJson()}};
+}
+
+std::string publishedWords(const Difference& difference) {
+  const std::string place = difference.where + " " + difference.key + ": " + difference.what;
+  if (!difference.left) {
+    return place + " missing: " + difference.right->text;
+  }
+  if (!difference.right) {
+    return place + " not due: " + difference.left->text;
+  }
+  return place + " " + difference.left->text + " should be " + difference.right->text;
 }
 
 }  // namespace Tools

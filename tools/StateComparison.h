@@ -5,6 +5,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "agent/AgentState.h"
 #include "agent/JsonText.h"
@@ -17,7 +18,7 @@ using Agent::OrderedJson;
 // What one of the two has in a place; for people and for programs.
 struct Held {
   std::string text;
-  OrderedJson json;
+  OrderedJson json;  // null unless it was asked for
 };
 
 struct Difference {
@@ -30,13 +31,25 @@ struct Difference {
   static std::string textOf(const std::optional<Held>& held) { return held ? held->text : std::string(); }
 };
 
-using TellDifference = std::function<void(const Difference&)>;
+// False: that is enough.
+using TellDifference = std::function<bool(const Difference&)>;
+
+// What is looked at: these tunnels, these endpoints of every RIB; without them all.
+struct ComparisonScope {
+  std::optional<std::vector<Model::TunnelId>> tunnels;
+  std::optional<std::vector<Ipkit::IpGenPrefix>> teps;
+  bool withJson = false;
+};
 
 // Tells each difference. Walks in the tables' order; nothing is kept. Of an endpoint with more tunnels than an entry
 // holds, which ones have a place depends on who came first: there it suffices that each is one of the endpoint's.
-void compareStates(const Agent::AgentState& left, const Agent::AgentState& right, const TellDifference& tell);
+void compareStates(const Agent::AgentState& left, const Agent::AgentState& right, const ComparisonScope& scope,
+                   const TellDifference& tell);
 
 // {"where": ..., "key": ..., "what": ..., LEFT: ..., RIGHT: ...}; absent is null.
 OrderedJson differenceJson(const Difference& difference, const char* left, const char* right);
+
+// "fib ldpTunnel/5: entry missing: if12 192.0.2.1 [300123]", where left is what is published and right what is due.
+std::string publishedWords(const Difference& difference);
 
 }  // namespace Tools

@@ -63,7 +63,7 @@ bool moves(StateReading& reading, const Sequences& since, bool isAgentRunning) {
 
 }  // namespace
 
-Verdict verify(const std::string& stateDirectory) {
+Verdict verify(const std::string& stateDirectory, bool withJson) {
   Verdict verdict;
   std::vector<Difference> standing;
   for (unsigned tries = 1;; ++tries) {
@@ -75,7 +75,11 @@ Verdict verify(const std::string& stateDirectory) {
     std::vector<Difference> found;
     if (verdict.incomplete.empty()) {
       const Shadow shadow(reading);
-      compareStates(reading.state(), shadow.host(), [&](const Difference& each) { found.push_back(each); });
+      compareStates(reading.state(), shadow.host(), {.tunnels = {}, .teps = {}, .withJson = withJson},
+                    [&](const Difference& each) {
+                      found.push_back(each);
+                      return true;
+                    });
     }
     if (found.empty() && verdict.incomplete.empty()) {
       return verdict;

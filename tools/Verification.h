@@ -31,7 +31,8 @@ constexpr std::chrono::milliseconds verifyPause{300};
 constexpr std::chrono::milliseconds verifyAgentTime{1000};
 constexpr std::chrono::milliseconds verifyStillTime{50};
 
-// Raises runtime_error for a directory or a file that cannot be read.
-Verdict verify(const std::string& stateDirectory);
+// withJson: differences hold JSON beside their text. Raises runtime_error for a directory or a file that cannot be
+// read.
+Verdict verify(const std::string& stateDirectory, bool withJson = false);
 
 }  // namespace Tools

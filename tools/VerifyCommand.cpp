@@ -30,17 +30,6 @@ const char* resultOf(const Verdict& verdict) {
   return verdict.inFlight.empty() ? "same" : "inFlight";
 }
 
-std::string words(const Difference& difference) {
-  const std::string place = difference.where + " " + difference.key + ": " + difference.what;
-  if (!difference.left) {
-    return place + " missing: " + difference.right->text;
-  }
-  if (!difference.right) {
-    return place + " not due: " + difference.left->text;
-  }
-  return place + " " + difference.left->text + " should be " + difference.right->text;
-}
-
 OrderedJson listJson(const std::vector<Difference>& differences, std::uint64_t limit) {
   OrderedJson list = OrderedJson::array();
   for (std::size_t i = 0; i < differences.size() && i < limit; ++i) {
@@ -55,15 +44,15 @@ void writeJson(const Verdict& verdict, const VerifyOptions& options) {
                             {"fibEntries", verdict.fibEntries},
                             {"incomplete", verdict.incomplete},
                             {"wrongCount", verdict.wrong.size()},
-                            {"wrong", listJson(verdict.wrong, options.limit)},
+                            {"wrong", listJson(verdict.wrong, options.shown())},
                             {"inFlightCount", verdict.inFlight.size()},
-                            {"inFlight", listJson(verdict.inFlight, options.limit)}};
+                            {"inFlight", listJson(verdict.inFlight, options.shown())}};
   std::cout << (options.everySeconds ? Agent::textOf(json) : json.dump(1)) << std::endl;
 }
 
 void writeList(const std::vector<Difference>& differences, const char* kind, std::uint64_t limit) {
   for (std::size_t i = 0; i < differences.size() && i < limit; ++i) {
-    std::cout << kind << words(differences[i]) << '\n';
+    std::cout << kind << publishedWords(differences[i]) << '\n';
   }
   if (differences.size() > limit) {
     std::cout << kind << differences.size() - limit << " more\n";
@@ -74,8 +63,8 @@ void writeText(const Verdict& verdict, const VerifyOptions& options) {
   for (const std::string& line : verdict.incomplete) {
     std::cout << "cannot be told: " << line << '\n';
   }
-  writeList(verdict.wrong, "", options.limit);
-  writeList(verdict.inFlight, "in flight: ", options.limit);
+  writeList(verdict.wrong, "", options.shown());
+  writeList(verdict.inFlight, "in flight: ", options.shown());
   if (verdict.incomplete.empty()) {
     std::cout << verdict.fibEntries << " FIB entries, " << verdict.wrong.size()
               << (verdict.wrong.size() == 1 ? " difference, " : " differences, ") << verdict.inFlight.size()
@@ -102,7 +91,7 @@ bool comes(const sigset_t& signals, double seconds) {
 }
 
 bool tellVerdict(const VerifyOptions& options) {
-  const Verdict verdict = verify(options.stateDirectory);
+  const Verdict verdict = verify(options.stateDirectory, options.isJson);
   options.isJson ? writeJson(verdict, options) : writeText(verdict, options);
   return isRight(verdict);
 }

@@ -1,9 +1,11 @@
 #include "tools/WhatIf.h"
 
 #include <algorithm>
-#include <set>
+#include <map>
 #include <tuple>
 
+#include "runtime/Zol/HashCollection.h"
+#include "tools/TableWalk.h"
 #include "tunnel/TunnelFib.h"
 
 namespace Tools {
@@ -15,14 +17,22 @@ void forEachTable(const Agent::ProtocolTables& tables, F&& f) {
   Agent::forEachNamedTable([&](auto named) { f(*tables.table<typename decltype(named)::Table>()); });
 }
 
-template <class Table, class F>
-void forEachRecord(const Table& table, F&& f) {
-  Model::walkSafely(table, true, [&](const auto& hint) {
-    typename Table::Record record;
-    if (Model::readSafely(&table, hint.key(), record)) {
-      f(record);
+// f(intf) for each that packets of the entry leave through, backup vias included.
+template <class Record, class F>
+void forEachIntf(const Record& record, F&& f) {
+  if constexpr (requires { record.via(); }) {
+    for (const auto& via : record.via()) {
+      f(via.intf());
     }
-  });
+  }
+  if constexpr (requires { record.backupVia(); }) {
+    for (const auto& via : record.backupVia()) {
+      f(via.intf());
+    }
+  }
+  if constexpr (requires { record.nexthopGroupId(); }) {
+    f(Ipkit::NexthopGroupIntfId::nexthopGroupIdToIntfId(record.nexthopGroupId()));
+  }
 }
 
 template <class Vias>
@@ -36,8 +46,9 @@ Vias viasWithout(const Vias& vias, Ipkit::IntfId intf) {
   return kept;
 }
 
+// What the interface leaves of the entry; nothing: no way at all.
 template <class Record>
-Record without(const Record& record, Ipkit::IntfId intf) {
+std::optional<Record> without(const Record& record, Ipkit::IntfId intf) {
   Record kept = record;
   if constexpr (requires { record.via(); }) {
     kept.viaIs(viasWithout(record.via(), intf));
@@ -45,15 +56,9 @@ Record without(const Record& record, Ipkit::IntfId intf) {
   if constexpr (requires { record.backupVia(); }) {
     kept.backupViaIs(viasWithout(record.backupVia(), intf));
   }
-  return kept;
-}
-
-template <class Record>
-bool hasVias(const Record& record) {
-  if constexpr (requires { record.via(); }) {
-    return record.via().size() > 0;
-  }
-  return true;
+  bool hasWay = false;
+  forEachIntf(kept, [&](Ipkit::IntfId left) { hasWay = hasWay || left != intf; });
+  return hasWay ? std::optional(kept) : std::nullopt;
 }
 
 Undo together(std::vector<Undo> undos, std::size_t& count) {
@@ -65,24 +70,26 @@ Undo together(std::vector<Undo> undos, std::size_t& count) {
   };
 }
 
-// The keys of one collection that changed, each once.
-template <class Key>
-class ChangedKeys final : private Zol::Listener<Key> {
+// The keys of one collection that change, each once.
+template <class Map>
+class ChangedKeys final : private Zol::Listener<typename Map::Key> {
  public:
-  explicit ChangedKeys(Zol::Channel<Key>& channel) { this->channelIs(&channel); }
-  const std::set<Key>& keys() const { return keys_; }
+  explicit ChangedKeys(const Map& map) : map_(map) { this->channelIs(&map.entryChannel()); }
+  std::size_t count() const { return keys_.size(); }
+  // Those that are not there any more.
+  std::size_t gone() const {
+    std::size_t count = 0;
+    for (auto it = keys_.begin(); it; ++it) {
+      count += map_.has(it.key()) ? 0U : 1U;
+    }
+    return count;
+  }
 
  private:
-  void onKey(const Key& key) override { keys_.insert(key); }
-  std::set<Key> keys_;
+  void onKey(const typename Map::Key& key) override { keys_.insert(key); }
+  const Map& map_;
+  Zol::HashCollection<typename Map::Key> keys_;
 };
-
-// What is gone of the keys that changed.
-template <class Map, class Key>
-std::size_t goneOf(const Map& map, const std::set<Key>& changed) {
-  return static_cast<std::size_t>(
-      std::count_if(changed.begin(), changed.end(), [&](const Key& key) { return !map.has(key); }));
-}
 
 }  // namespace
 
@@ -91,14 +98,17 @@ Undo failIntf(const Agent::ProtocolTables& tables, Ipkit::IntfId intf, std::size
   forEachTable(tables, [&](auto& table) {
     using Record = typename std::remove_cvref_t<decltype(table)>::Record;
     std::vector<Record> touched;
-    forEachRecord(table, [&](const Record& record) {
-      if (!(without(record, intf) == record)) {
+    walk(table, {}, [&](const Record& record) {
+      bool isTouched = false;
+      forEachIntf(record, [&](Ipkit::IntfId each) { isTouched = isTouched || each == intf; });
+      if (isTouched) {
         touched.push_back(record);
       }
+      return true;
     });
     for (const Record& record : touched) {
-      const Record kept = without(record, intf);
-      hasVias(kept) ? table.entryIs(kept) : table.entryDel(record.tunnelId());
+      const std::optional<Record> kept = without(record, intf);
+      kept ? table.entryIs(*kept) : table.entryDel(record.tunnelId());
       undos.push_back([&table, record] { table.entryIs(record); });
     }
   });
@@ -118,45 +128,49 @@ Undo failTunnel(const Agent::ProtocolTables& tables, const Model::TunnelId& tunn
 }
 
 std::vector<Ipkit::IntfId> intfsOf(const Agent::ProtocolTables& tables) {
-  std::set<Ipkit::IntfId> intfs;
-  const auto add = [&intfs](const auto& vias) {
-    for (const auto& via : vias) {
-      if (!Model::DynamicTunnelIntfId::isDynamicTunnelIntfId(via.intf())) {
-        intfs.insert(via.intf());
-      }
-    }
-  };
+  std::map<Ipkit::IntfId, std::size_t> vias;
   forEachTable(tables, [&](auto& table) {
-    forEachRecord(table, [&](const auto& record) {
-      if constexpr (requires { record.via(); }) {
-        add(record.via());
-      }
-      if constexpr (requires { record.backupVia(); }) {
-        add(record.backupVia());
-      }
+    walk(table, {}, [&](const auto& record) {
+      forEachIntf(record, [&](Ipkit::IntfId intf) {
+        if (intf.is(Ipkit::IntfId::Kind::ordinary)) {
+          ++vias[intf];
+        }
+      });
+      return true;
     });
   });
-  return {intfs.begin(), intfs.end()};
+  std::vector<Ipkit::IntfId> intfs;
+  for (const auto& [intf, count] : vias) {
+    intfs.push_back(intf);
+  }
+  std::stable_sort(intfs.begin(), intfs.end(), [&](auto a, auto b) { return vias.at(a) < vias.at(b); });
+  return intfs;
+}
+
+IntfCost costOf(Shadow& shadow, Ipkit::IntfId intf, Undo& undo) {
+  const ChangedKeys tunnels(shadow.host().fib()->entry());
+  const ChangedKeys endpoints(*shadow.host().rib(0));
+  IntfCost cost{.intf = intf};
+  undo = failIntf(shadow.host().tables(), intf, cost.entries);
+  shadow.settle();
+  cost.lost = tunnels.gone();
+  cost.changed = tunnels.count() - cost.lost;
+  cost.endpointsLost = endpoints.gone();
+  return cost;
 }
 
 std::vector<IntfCost> intfCosts(Shadow& shadow) {
-  const Agent::AgentHost& host = shadow.host();
   std::vector<IntfCost> costs;
-  for (const Ipkit::IntfId intf : intfsOf(host.tables())) {
-    IntfCost cost{.intf = intf};
-    const ChangedKeys<Model::TunnelId> tunnels(host.fib()->entryChannel());
-    const ChangedKeys<Ipkit::IpGenPrefix> endpoints(host.rib(0)->entryChannel());
-    const Undo undo = failIntf(host.tables(), intf, cost.entries);
-    shadow.settle();
-    cost.lost = goneOf(host.fib()->entry(), tunnels.keys());
-    cost.changed = tunnels.keys().size() - cost.lost;
-    cost.endpointsLost = goneOf(*host.rib(0), endpoints.keys());
-    undo();
-    shadow.settle();
-    costs.push_back(cost);
+  Undo undo;
+  for (const Ipkit::IntfId intf : intfsOf(shadow.host().tables())) {
+    if (undo) {
+      undo();
+      shadow.settle();
+    }
+    costs.push_back(costOf(shadow, intf, undo));
   }
-  std::stable_sort(costs.begin(), costs.end(), [](const IntfCost& a, const IntfCost& b) {
-    return std::tie(a.lost, a.changed) > std::tie(b.lost, b.changed);
+  std::sort(costs.begin(), costs.end(), [](const IntfCost& a, const IntfCost& b) {
+    return std::tie(b.lost, b.changed, a.intf) < std::tie(a.lost, a.changed, b.intf);
   });
   return costs;
 }

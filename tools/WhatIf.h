@@ -13,14 +13,15 @@ namespace Tools {
 // Puts everything back as it was.
 using Undo = std::function<void()>;
 
-// The interface fails: its vias go from every table entry, and with its last via the entry. Returns how to take that
-// back; entries is the number of table entries that it concerned. O(tables).
+// The interface fails: its vias, primary and backup, go from every table entry, and with the last of both the entry; so
+// do entries of its nexthop group. Returns how to take that back; entries is the number of table entries that it
+// concerned. O(tables).
 Undo failIntf(const Agent::ProtocolTables& tables, Ipkit::IntfId intf, std::size_t& entries);
 
 // The tunnel's entry goes; of an interface tunnel those of all its tables. entries 0: there is none.
 Undo failTunnel(const Agent::ProtocolTables& tables, const Model::TunnelId& tunnel, std::size_t& entries);
 
-// The ordinary interfaces that table entries leave through. O(tables).
+// The ordinary interfaces that table entries leave through, those of the fewest vias first. O(tables).
 std::vector<Ipkit::IntfId> intfsOf(const Agent::ProtocolTables& tables);
 
 // What the failure of one interface costs.
@@ -32,7 +33,8 @@ struct IntfCost {
   std::size_t endpointsLost = 0;  // of the system RIB
 };
 
-// Each interface by itself, the most tunnels lost first, then the most changed. The shadow is as before afterwards.
+// Each interface by itself, the most tunnels lost first, then the most changed. Of the shadow nothing more may be
+// asked: the interface that costs most to take back stays failed.
 std::vector<IntfCost> intfCosts(Shadow& shadow);
 
 }  // namespace Tools

@@ -9,8 +9,8 @@
 #include "agent/Columns.h"
 #include "agent/InputError.h"
 #include "agent/ScenarioReader.h"
+#include "tools/Lag.h"
 #include "tools/ShadowCommands.h"
-#include "tools/StateComparison.h"
 #include "tools/WhatIf.h"
 
 namespace Tools {
@@ -73,18 +73,11 @@ std::string words(const Difference& difference) {
 // Lists the differences up to the limit and counts them all.
 class Report {
  public:
-  explicit Report(const WhatIfOptions& options) : options_(options) {}
+  Report(const WhatIfOptions& options, const Lag& lag) : options_(options), lag_(lag) {}
 
   void add(const Difference& difference) {
-    if (difference.what == "entry") {
-      ++(difference.right ? appear_ : disappear_)[difference.where];
-    } else if (difference.where == "unprogrammable" && difference.right) {
-      ++unprogrammable_;
-    } else if (difference.where + difference.key != lastChanged_ && difference.where != "unprogrammable") {
-      ++changed_[difference.where];
-      lastChanged_ = difference.where + difference.key;
-    }
-    if (count_++ >= options_.limit) {
+    count(difference);
+    if (count_++ >= options_.shown()) {
       return;
     }
     if (options_.isJson) {
@@ -96,59 +89,93 @@ class Report {
 
   void end() {
     if (options_.isJson) {
-      std::cout << OrderedJson{{"count", count_}, {"summary", summaryJson()}, {"changes", changes_}}.dump(1) << '\n';
+      const OrderedJson json = {
+          {"published", lagJson(lag_)}, {"count", count_}, {"summary", summaryJson()}, {"changes", changes_}};
+      std::cout << json.dump(1) << '\n';
       return;
     }
-    if (count_ > options_.limit) {
-      std::cout << count_ - options_.limit << " more\n";
+    if (count_ > options_.shown()) {
+      std::cout << count_ - options_.shown() << " more\n";
     }
     if (count_ == 0) {
       std::cout << "nothing changes\n";
+      return;
     }
-    const OrderedJson summary = summaryJson();
-    for (const auto& [where, counts] : summary.items()) {
-      if (counts.is_object()) {
-        std::cout << where << ": " << counts["lost"] << " lost, " << counts["changed"] << " changed, " << counts["new"]
-                  << " new\n";
-      } else if (counts > 0) {
-        std::cout << "become unprogrammable: " << counts << '\n';
-      }
+    std::cout << "tunnels touched: " << touched() << ", stacks changed: " << stacks_
+              << ", become unprogrammable: " << unprogrammable_ << '\n';
+    for (const auto& [where, counts] : places_) {
+      std::cout << where << ": " << counts.lost << " lost, " << counts.changed << " changed, " << counts.appeared
+                << " new\n";
     }
   }
 
  private:
-  using Counts = std::map<std::string, std::size_t>;
+  struct Counts {
+    std::size_t lost = 0;
+    std::size_t changed = 0;
+    std::size_t appeared = 0;
+    std::string lastChanged;  // key; an entry's differences come one after the other
+  };
 
-  OrderedJson summaryJson() {
-    std::map<std::string, int> places;
-    for (const Counts* const counts : {&appear_, &disappear_, &changed_}) {
-      for (const auto& [where, count] : *counts) {
-        places[where];
-      }
+  void count(const Difference& difference) {
+    if (difference.where == "unprogrammable") {
+      unprogrammable_ += difference.right ? 1U : 0U;
+      return;
     }
-    OrderedJson json = {{"becomeUnprogrammable", unprogrammable_}};
-    for (const auto& [where, none] : places) {
-      json[where] = {{"lost", disappear_[where]}, {"changed", changed_[where]}, {"new", appear_[where]}};
+    Counts& counts = places_[difference.where];
+    if (difference.what == "entry") {
+      ++(difference.right ? counts.appeared : counts.lost);
+    } else if (difference.key != counts.lastChanged) {
+      ++counts.changed;
+      counts.lastChanged = difference.key;
+    }
+    // A via to the same next hop, wrapped in another way.
+    stacks_ +=
+        difference.where == "fib" && difference.what != "usable" && difference.left && difference.right ? 1U : 0U;
+  }
+
+  std::size_t touched() const {
+    const auto fib = places_.find("fib");
+    return fib == places_.end() ? 0 : fib->second.lost + fib->second.changed + fib->second.appeared;
+  }
+
+  OrderedJson summaryJson() const {
+    OrderedJson json = {
+        {"tunnelsTouched", touched()}, {"stacksChanged", stacks_}, {"becomeUnprogrammable", unprogrammable_}};
+    for (const auto& [where, counts] : places_) {
+      json[where] = {{"lost", counts.lost}, {"changed", counts.changed}, {"new", counts.appeared}};
     }
     return json;
   }
 
   const WhatIfOptions& options_;
+  const Lag& lag_;
   std::size_t count_ = 0;
-  Counts appear_, disappear_, changed_;
+  std::map<std::string, Counts> places_;
   std::size_t unprogrammable_ = 0;
-  std::string lastChanged_;
+  std::size_t stacks_ = 0;
   OrderedJson changes_ = OrderedJson::array();
 };
+
+// Whether what is published is what the change starts from. For people it is said here if not.
+Lag toldLag(StateReading& reading, const Shadow& shadow, const WhatIfOptions& options) {
+  Lag lag = lagOf(reading, shadow, {}, 1);
+  if (!lag.differences.empty() && !options.isJson) {
+    std::cerr << "tunnelctl: what is published is not what the tables ask for (" << reasonsOf(lag)
+              << "); compared is what they ask for, before and after\n";
+  }
+  return lag;
+}
 
 int runEach(const WhatIfOptions& options) {
   StateReading reading(options.stateDirectory);
   Shadow shadow(reading);
+  const Lag lag = toldLag(reading, shadow, options);
   const std::vector<IntfCost> costs = intfCosts(shadow);
   OrderedJson list = OrderedJson::array();
   Agent::Columns columns;
   columns.row({"interface", "lost", "changed", "endpoints lost", "table entries"});
-  for (std::size_t i = 0; i < costs.size() && i < options.limit; ++i) {
+  for (std::size_t i = 0; i < costs.size() && i < options.shown(); ++i) {
     const IntfCost& cost = costs[i];
     list.push_back({{"intf", Zol::stringOf(cost.intf)},
                     {"lost", cost.lost},
@@ -159,21 +186,31 @@ int runEach(const WhatIfOptions& options) {
                  std::to_string(cost.endpointsLost), std::to_string(cost.entries)});
   }
   if (options.isJson) {
-    std::cout << OrderedJson{{"count", costs.size()}, {"interfaces", list}}.dump(1) << '\n';
+    const OrderedJson json = {{"published", lagJson(lag)}, {"count", costs.size()}, {"interfaces", list}};
+    std::cout << json.dump(1) << '\n';
   } else {
     columns.write(std::cout, "");
   }
-  return exitDone;
+  return toldDamage(reading.damages(), options.isJson);
 }
 
 int runWhatIf(const WhatIfOptions& options) {
   StateReading reading(options.stateDirectory);
   Shadow after(reading);
+  const Lag lag = toldLag(reading, after, options);
+  std::optional<Shadow> before;  // needed only where what is published is something else
+  if (!lag.differences.empty()) {
+    before.emplace(reading, after.host());
+  }
   change(after, options);
-  Report report(options);
-  compareStates(reading.state(), after.host(), [&](const Difference& each) { report.add(each); });
+  Report report(options, lag);
+  compareStates(before ? before->host() : reading.state(), after.host(),
+                {.tunnels = {}, .teps = {}, .withJson = options.isJson}, [&](const Difference& each) {
+                  report.add(each);
+                  return true;
+                });
   report.end();
-  return exitDone;
+  return toldDamage(reading.damages(), options.isJson);
 }
 
 template <class Value>

@@ -1,5 +1,6 @@
-// "why" and "dependents": what the decisions about one tunnel or endpoint rest on, and what rests on a tunnel.
+// "why": what the decisions about one tunnel or endpoint rest on.
 
+#include <algorithm>
 #include <iostream>
 #include <memory>
 #include <optional>
@@ -8,241 +9,174 @@
 #include "agent/ExplanationJson.h"
 #include "agent/ExplanationText.h"
 #include "agent/InputError.h"
-#include "agent/StateDocument.h"
 #include "agent/Terminal.h"
-#include "agent/TextTree.h"
-#include "tools/Shadow.h"
+#include "tools/EndpointView.h"
+#include "tools/Lag.h"
 #include "tools/ShadowCommands.h"
+#include "tools/TableWalk.h"
 
 namespace Tools {
 namespace {
 
-using Agent::OrderedJson;
 using Agent::TextTree;
+
+constexpr std::size_t differencesMax = 20;  // that are told of what is published
 
 struct WhyOptions : ShadowOptions {
   std::string subject;
 };
 
-using Subject = std::variant<Model::TunnelId, Ipkit::IpGenPrefix>;
+// An address stands for the endpoint with the longest prefix that holds it.
+using Subject = std::variant<Model::TunnelId, Ipkit::IpGenPrefix, Ipkit::IpGenAddr>;
+
+template <class Value>
+std::optional<Subject> subjectAs(const std::string& text) {
+  try {
+    return Value::fromText(text);
+  } catch (const Zol::Exception&) {
+    return std::nullopt;
+  }
+}
 
 // Raises InputError.
 Subject subjectOf(const std::string& text) {
-  try {
-    return Model::TunnelId::fromText(text);
-  } catch (const Zol::Exception&) {
-    try {
-      return Ipkit::IpGenPrefix::fromText(text);
-    } catch (const Zol::Exception&) {
-      throw Agent::InputError("TUNNEL|TEP", "'" + Agent::printable(text) +
-                                                "' is neither a tunnel, as ldpTunnel/5, nor a prefix, as 10.0.0.5/32");
+  for (const auto& subject :
+       {subjectAs<Model::TunnelId>(text), subjectAs<Ipkit::IpGenPrefix>(text), subjectAs<Ipkit::IpGenAddr>(text)}) {
+    if (subject) {
+      return *subject;
     }
   }
+  throw Agent::InputError("TUNNEL|TEP", "'" + Agent::printable(text) +
+                                            "' is neither a tunnel, as ldpTunnel/5, nor a prefix, as 10.0.0.5/32, nor "
+                                            "an address");
 }
 
-Model::TunnelId tunnelOf(const std::string& text) {
-  const Subject subject = subjectOf(text);
-  if (const auto* const tunnel = std::get_if<Model::TunnelId>(&subject)) {
-    return *tunnel;
-  }
-  throw Agent::InputError("TUNNEL", "'" + Agent::printable(text) + "' is no tunnel, as ldpTunnel/5");
-}
-
-Agent::Explanation explained(const Shadow& shadow, const Model::TunnelId& tunnel) {
-  const Agent::AgentHost& host = shadow.host();
-  return Agent::explain(*host.fibSm(), *host.ribConfigDirSm(), *host.ribIds(), tunnel, Agent::Follow::causes);
-}
-
-// Those that a RIB could take, ascending. O(tables).
-std::vector<Model::TunnelId> tunnelsAt(const Agent::AgentState& state, const Ipkit::IpGenPrefix& tep) {
-  std::vector<Model::TunnelId> tunnels;
+// The longest prefix with the address in it that a table asks for or a RIB has. O(tables).
+std::optional<Ipkit::IpGenPrefix> endpointOf(StateReading& reading, const Shadow& shadow,
+                                             const Ipkit::IpGenAddr& address) {
+  std::optional<Ipkit::IpGenPrefix> longest;
+  const auto consider = [&](const Ipkit::IpGenPrefix& tep) {
+    if (!!tep && tep.contains(address) && (!longest || tep.length() > longest->length())) {
+      longest = tep;
+    }
+    return true;
+  };
   for (const Agent::TableId id : Agent::ribTables) {
-    state.tables().withTable(id, [&](const auto& table) {
-      typename std::remove_cvref_t<decltype(table)>::Record record;
-      Model::walkSafely(table, true, [&](const auto& hint) {
-        if (Model::readSafely(&table, hint.key(), record) && record.tep() == tep) {
-          tunnels.push_back(hint.key());
-        }
-      });
+    shadow.host().tables().withTable(
+        id, [&](const auto& table) { walk(table, {}, [&](const auto& entry) { return consider(entry.tep()); }); });
+  }
+  for (const auto& rib : reading.ribs()) {
+    Model::TunnelRibEntry entry;
+    if (longestMatch(*rib, address, entry)) {
+      consider(entry.tep());
+    }
+  }
+  return longest;
+}
+
+// Where the tunnel is due, and where RIBs have it. O(RIBs).
+std::vector<Ipkit::IpGenPrefix> endpointsOf(StateReading& reading, const Shadow& shadow,
+                                            const Model::TunnelId& tunnel) {
+  std::vector<Ipkit::IpGenPrefix> teps;
+  const Ipkit::IpGenPrefix due = tepOf(shadow.host(), tunnel);
+  if (!!due) {
+    teps.push_back(due);
+  }
+  for (const auto& rib : reading.ribs()) {
+    walk(*rib, {}, [&](const Model::TunnelRibEntry& entry) {
+      if (entry.hasTunnelId(tunnel) && std::find(teps.begin(), teps.end(), entry.tep()) == teps.end()) {
+        teps.push_back(entry.tep());
+      }
+      return true;
     });
   }
-  std::sort(tunnels.begin(), tunnels.end());
-  return tunnels;
+  return teps;
 }
 
-// The endpoint's tunnels as each RIB sees them: those in its entry first.
-class EndpointView {
- public:
-  EndpointView(const Shadow& shadow, const Ipkit::IpGenPrefix& tep) : tep_(tep) {
-    for (const Model::TunnelId& tunnel : tunnelsAt(shadow.host(), tep)) {
-      const Agent::Explanation explanation = explained(shadow, tunnel);
-      const OrderedJson json = Agent::explanationJson(explanation)["ribs"];
-      for (std::size_t i = 0; i < explanation.ribs.size(); ++i) {
-        const Agent::ExplainedRib& rib = explanation.ribs[i];
-        Rib& seen = ribOf(rib.name);
-        const bool isIn = rib.standing == Agent::RibStanding::inEntry;
-        OrderedJson row = {{"tunnel", Zol::stringOf(tunnel)}};
-        row.update(json[i]);
-        for (const char* const shared : {"name", "tep", "tunnels"}) {
-          row.erase(shared);
-        }
-        (isIn ? seen.winners : seen.losers).push_back({Zol::stringOf(tunnel), Agent::ribWords(rib, tunnel), row});
-      }
-    }
+// What is published, where that is something else.
+std::vector<TextTree> lagTrees(const Lag& lag) {
+  if (lag.differences.empty()) {
+    return {};
   }
-
-  bool isEmpty() const { return ribs_.empty(); }
-
-  OrderedJson json() const {
-    OrderedJson ribs = OrderedJson::array();
-    for (const Rib& rib : ribs_) {
-      OrderedJson json = {{"name", rib.name}, {"winners", OrderedJson::array()}, {"losers", OrderedJson::array()}};
-      for (const auto& [member, rows] : {std::pair("winners", &rib.winners), std::pair("losers", &rib.losers)}) {
-        for (const Row& row : *rows) {
-          json[member].push_back(row.json);
-        }
-      }
-      ribs.push_back(std::move(json));
-    }
-    return {{"tep", Zol::stringOf(tep_)}, {"ribs", std::move(ribs)}};
+  TextTree tree("published is something else: " + reasonsOf(lag), TextTree::Tone::fault);
+  for (const Difference& each : lag.differences) {
+    tree.children.emplace_back(publishedWords(each));
   }
+  return {tree};
+}
 
-  void write(std::ostream& out, bool isColoured) const {
-    TextTree top("why " + Zol::stringOf(tep_), TextTree::Tone::title);
-    for (const Rib& rib : ribs_) {
-      TextTree tree("RIB " + Agent::printable(rib.name) +
-                    (rib.winners.empty() ? ": no entry, none of its tunnels is a candidate" : ""));
-      for (const Row& row : rib.winners) {
-        tree.children.emplace_back(row.tunnel + ": " + row.words);
-      }
-      for (const Row& row : rib.losers) {
-        tree.children.emplace_back(row.tunnel + ": " + row.words, TextTree::Tone::fault);
-      }
-      top.children.push_back(std::move(tree));
-    }
-    if (isEmpty()) {
-      top.children.emplace_back("no table has a tunnel to it", TextTree::Tone::fault);
-    }
-    top.write(out, isColoured);
+void writeJson(OrderedJson json, const Lag& lag) {
+  json["published"] = lagJson(lag);
+  OrderedJson& differences = json["published"]["differences"] = OrderedJson::array();
+  for (const Difference& each : lag.differences) {
+    differences.push_back(differenceJson(each, "published", "due"));
   }
+  std::cout << json.dump(1) << '\n';
+}
 
- private:
-  struct Row {
-    std::string tunnel;
-    std::string words;
-    OrderedJson json;
-  };
-  struct Rib {
-    std::string name;
-    std::vector<Row> winners;
-    std::vector<Row> losers;
-  };
-  Rib& ribOf(const std::string& name) {
-    const auto present = std::find_if(ribs_.begin(), ribs_.end(), [&](const Rib& rib) { return rib.name == name; });
-    return present == ribs_.end() ? ribs_.emplace_back(Rib{name, {}, {}}) : *present;
+int runWhyTunnel(const WhyOptions& options, StateReading& reading, const Shadow& shadow,
+                 const Model::TunnelId& tunnel) {
+  const Agent::Explanation explanation = explained(shadow, tunnel);
+  const Lag lag =
+      lagOf(reading, shadow, {{{tunnel}}, endpointsOf(reading, shadow, tunnel), options.isJson}, differencesMax);
+  if (options.isJson) {
+    writeJson(Agent::explanationJson(explanation), lag);
+  } else {
+    Agent::writeWhy(std::cout, explanation, Agent::isOutputColoured(), lagTrees(lag));
   }
+  const bool isKnown = explanation.tunnels.at(tunnel).standing != Agent::FibStanding::noTableEntry;
+  return isKnown || !lag.differences.empty() ? exitDone : exitFailed;
+}
 
-  const Ipkit::IpGenPrefix tep_;
-  std::vector<Rib> ribs_;
-};
+int runWhyEndpoint(const WhyOptions& options, StateReading& reading, const Shadow& shadow,
+                   const Ipkit::IpGenPrefix& tep) {
+  const EndpointView view(shadow, tep);
+  const Lag lag = lagOf(reading, shadow, {std::vector<Model::TunnelId>(), {{tep}}, options.isJson}, differencesMax);
+  if (options.isJson) {
+    writeJson(view.json(), lag);
+  } else {
+    TextTree tree = view.tree();
+    const std::vector<TextTree> more = lagTrees(lag);
+    tree.children.insert(tree.children.end(), more.begin(), more.end());
+    tree.write(std::cout, Agent::isOutputColoured());
+  }
+  return view.isEmpty() && lag.differences.empty() ? exitFailed : exitDone;
+}
+
+int answer(const WhyOptions& options, StateReading& reading, const Subject& subject) {
+  const Shadow shadow(reading);
+  if (const auto* const tunnel = std::get_if<Model::TunnelId>(&subject)) {
+    return runWhyTunnel(options, reading, shadow, *tunnel);
+  }
+  if (const auto* const tep = std::get_if<Ipkit::IpGenPrefix>(&subject)) {
+    return runWhyEndpoint(options, reading, shadow, *tep);
+  }
+  const auto tep = endpointOf(reading, shadow, std::get<Ipkit::IpGenAddr>(subject));
+  if (!tep) {
+    throw std::runtime_error(options.subject + ": no tunnel endpoint has this address");
+  }
+  return runWhyEndpoint(options, reading, shadow, *tep);
+}
 
 int runWhy(const WhyOptions& options) {
   const Subject subject = subjectOf(options.subject);
   StateReading reading(options.stateDirectory);
-  const Shadow shadow(reading);
-  if (const auto* const tep = std::get_if<Ipkit::IpGenPrefix>(&subject)) {
-    const EndpointView view(shadow, *tep);
-    if (options.isJson) {
-      std::cout << view.json().dump(1) << '\n';
-    } else {
-      view.write(std::cout, Agent::isOutputColoured());
-    }
-    return exitDone;
-  }
-  const Agent::Explanation explanation = explained(shadow, std::get<Model::TunnelId>(subject));
-  if (options.isJson) {
-    std::cout << Agent::explanationJson(explanation).dump(1) << '\n';
-  } else {
-    Agent::writeWhy(std::cout, explanation, Agent::isOutputColoured());
-  }
-  return exitDone;
-}
-
-// [n]: those whose shortest way to the tunnel has n + 1 steps, ascending.
-std::vector<std::vector<Model::TunnelId>> dependantsByDepth(const Model::TunnelFibDependencies& dependencies,
-                                                            const Model::TunnelId& tunnel) {
-  std::vector<std::vector<Model::TunnelId>> levels;
-  Zol::HashCollection<Model::TunnelId> seen;
-  seen.insert(tunnel);
-  std::vector<Model::TunnelId> level = {tunnel};
-  while (!level.empty()) {
-    std::vector<Model::TunnelId> next;
-    for (const Model::TunnelId& each : level) {
-      for (const Model::TunnelId& dependant : dependencies.directlyDependentTunnels(each)) {
-        if (seen.insert(dependant).second) {
-          next.push_back(dependant);
-        }
-      }
-    }
-    std::sort(next.begin(), next.end());
-    level = next;
-    if (!next.empty()) {
-      levels.push_back(std::move(next));
-    }
-  }
-  return levels;
-}
-
-int runDependents(const WhyOptions& options) {
-  const Model::TunnelId tunnel = tunnelOf(options.subject);
-  StateReading reading(options.stateDirectory);
-  const Shadow shadow(reading);
-  const auto levels = dependantsByDepth(shadow.host().fibSm()->dependencies(), tunnel);
-  std::size_t total = 0;
-  OrderedJson depths = OrderedJson::array();
-  TextTree tree(Zol::stringOf(tunnel), TextTree::Tone::title);
-  for (const std::vector<Model::TunnelId>& level : levels) {
-    total += level.size();
-    const std::size_t shown = std::min<std::size_t>(level.size(), options.limit);
-    OrderedJson ids = OrderedJson::array();
-    for (std::size_t i = 0; i < shown; ++i) {
-      ids.push_back(Zol::stringOf(level[i]));
-    }
-    depths.push_back({{"depth", depths.size() + 1}, {"count", level.size()}, {"tunnels", std::move(ids)}});
-    tree.children.emplace_back("depth " + std::to_string(depths.size()) + ", " + std::to_string(level.size()) +
-                               (level.size() == 1 ? " tunnel" : " tunnels") +
-                               (shown == 0 ? "" : ": " + Agent::listOf(level, std::max<std::size_t>(shown, 2))));
-  }
-  if (options.isJson) {
-    std::cout << OrderedJson{{"tunnel", Zol::stringOf(tunnel)}, {"total", total}, {"depths", depths}}.dump(1) << '\n';
-  } else {
-    tree.text += ": " + std::to_string(total) + (total == 1 ? " tunnel resolves" : " tunnels resolve") + " through it";
-    tree.write(std::cout, Agent::isOutputColoured());
-  }
-  return exitDone;
-}
-
-template <class Run>
-void addQuestion(CLI::App& command, const char* subject, const char* help, Action& action,
-                 const std::shared_ptr<WhyOptions>& options, Run run) {
-  addShadowOptions(command, *options);
-  command.add_option(subject, options->subject, help)->required();
-  command.callback([=, &action] { action = [=] { return run(*options); }; });
+  const int status = answer(options, reading, subject);
+  return std::max(status, toldDamage(reading.damages(), options.isJson));
 }
 
 }  // namespace
 
 void addWhy(CLI::App& app, Action& action) {
-  addQuestion(*app.add_subcommand("why", "Say why a tunnel is, or is not, in FIB and RIBs, or who has an endpoint"),
-              "TUNNEL|TEP", "A tunnel, as ldpTunnel/5, or an endpoint, as 10.0.0.5/32", action,
-              std::make_shared<WhyOptions>(), runWhy);
-}
-
-void addDependents(CLI::App& app, Action& action) {
-  CLI::App& command = *app.add_subcommand("dependents", "List the tunnels that resolve through a tunnel, by depth");
+  CLI::App& command =
+      *app.add_subcommand("why", "Say why a tunnel is, or is not, in FIB and RIBs, or who has an endpoint");
   const auto options = std::make_shared<WhyOptions>();
-  addLimit(command, *options, 10);
-  addQuestion(command, "TUNNEL", "A tunnel, as ldpTunnel/5", action, options, runDependents);
+  addShadowOptions(command, *options);
+  command
+      .add_option("TUNNEL|TEP", options->subject,
+                  "A tunnel, as ldpTunnel/5, or an endpoint, as 10.0.0.5/32 or an address in it")
+      ->required();
+  command.callback([=, &action] { action = [=] { return runWhy(*options); }; });
 }
 
 }  // namespace Tools

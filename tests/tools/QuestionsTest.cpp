@@ -112,7 +112,8 @@ TEST_F(Questions, thatMakeNoSenseAreRefused) {
            {__LINE__, {"resolve", "192.168.0.1"}, 1, "no entry of RIB system"},
            {__LINE__, {"why", "nonsense"}, 2, "neither a tunnel"},
            {__LINE__, {"why", "10.0.0.1/8"}, 2, "neither a tunnel"},
-           {__LINE__, {"dependents", "10.0.0.7/32"}, 2, "is no tunnel"},
+           {__LINE__, {"why", "192.168.0.1"}, 1, "no tunnel endpoint has this address"},
+           {__LINE__, {"dependents", "10.0.0.7/32"}, 2, "TUNNEL"},
            {__LINE__, {"graph", "--tunnel", "5"}, 2, "--tunnel"},
            {__LINE__, {"watch", "--table", "gre"}, 2, "no table 'gre'"},
            {__LINE__, {"watch", "--rib", "blue"}, 1, "no RIB 'blue'"},
@@ -139,6 +140,16 @@ TEST_F(Questions, thatMakeNoSenseAreRefused) {
   }
 }
 
+// Fails if a script cannot tell a tunnel or endpoint that nobody has heard of from one that stands well.
+TEST_F(Questions, aboutWhatNobodyHasHeardOfFail) {
+  publishExample("abilene");
+  for (const Words& words :
+       {Words{"why", "ldpTunnel/4711"}, {"why", "10.0.99.0/24"}, {"dependents", "ldpTunnel/4711"}}) {
+    EXPECT_EQ(ask(words).status, 1) << words[1];
+    EXPECT_EQ(ask(with(words, {"--json"})).status, 1) << words[1];
+  }
+}
+
 // Fails if a file that cannot be read passes for an empty one.
 TEST_F(Questions, whatCannotBeReadIsTold) {
   publishExample("abilene");
@@ -150,7 +161,7 @@ TEST_F(Questions, whatCannotBeReadIsTold) {
   for (const Row& row :
        {Row{"tunnel/tunnelFib", {{"state"}, {"resolve", "10.0.0.7"}, {"graph"}, {"metrics"}, {"why", "ldpTunnel/1"}}},
         {"tunnel/status/ribs", {{"state"}, {"show", "ribs"}, {"show", "rib", "te-custom"}}},
-        {"tunnel/tunnelRibs/system", {{"show", "ribs"}, {"show", "convergence"}, {"why", "10.0.0.7/32"}}},
+        {"tunnel/tunnelRibs/system", {{"show", "ribs"}, {"show", "convergence"}, {"why", "10.0.0.7"}}},
         {"tunnel/table/ldp", {{"state"}, {"graph"}, {"resolve", "10.0.0.7"}, {"what-if", "--each", "intf"}}}}) {
     const std::string path = stateDirectory() + "/" + row.file;
     std::filesystem::resize_file(path, 100);
