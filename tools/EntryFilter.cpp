@@ -86,18 +86,19 @@ bool EntryFilter::doViasFit(const Fib::TunnelFib& fib, const Fib::TunnelFibEntry
   if (!asksForVias()) {
     return true;
   }
-  const auto isFitting = [&](const Fib::TunnelVia& via) {
-    if (!doesFit(static_cast<const Model::Via&>(via))) {
-      return false;
-    }
-    Fib::LabelStackEncap encap;
-    return !label_ || (via.encapId().encapType() == Fib::EncapType::labelStack &&
-                       Model::readSafely(&fib.labelStackEncap(), via.encapId(), encap) && doesFit(encap.info()));
-  };
   const auto hasFitting = [&](const Fib::TunnelViaArray& vias) {
-    return std::any_of(vias.begin(), vias.end(), isFitting);
+    return std::any_of(vias.begin(), vias.end(), [&](const auto& via) { return doesViaFit(fib, via); });
   };
   return hasFitting(entry.tunnelVia()) || hasFitting(entry.backupTunnelVia());
+}
+
+bool EntryFilter::doesViaFit(const Fib::TunnelFib& fib, const Fib::TunnelVia& via) const {
+  if (!doesFit(static_cast<const Model::Via&>(via))) {
+    return false;
+  }
+  Fib::LabelStackEncap encap;
+  return !label_ || (via.encapId().encapType() == Fib::EncapType::labelStack &&
+                     Model::readSafely(&fib.labelStackEncap(), via.encapId(), encap) && doesFit(encap.info()));
 }
 
 }  // namespace Tools

@@ -65,6 +65,7 @@ class EntryFilter {
   // Of a RIB entry the FIB's vias count.
   bool doesFitRibEntry(const Fib::TunnelFib& fib, const Model::TunnelRibEntry& entry) const;
   bool doViasFit(const Fib::TunnelFib& fib, const Fib::TunnelFibEntry& entry) const;
+  bool doesViaFit(const Fib::TunnelFib& fib, const Fib::TunnelVia& via) const;
   // The record of a protocol table.
   template <class Entry>
   bool doesFitEntry(const Entry& entry) const {

@@ -1,6 +1,7 @@
 #include "tools/ShowCommand.h"
 
 #include <memory>
+#include <utility>
 
 #include "tools/Commands.h"
 
@@ -32,26 +33,51 @@ CLI::App* addList(CLI::App& parent, Action& action, const char* name, const char
   return command;
 }
 
+// What some lists are narrowed by besides.
+struct Besides {
+  std::shared_ptr<std::string> rib = std::make_shared<std::string>();
+  std::shared_ptr<std::string> reason = std::make_shared<std::string>();
+
+  Show with(Show show) const {
+    return [besides = *this, show = std::move(show)](ListOptions options) {
+      options.rib = *besides.rib;
+      options.reason = *besides.reason;
+      return show(options);
+    };
+  }
+  void addRib(CLI::App& list) const { list.add_option("--rib", *rib, "Of tunnels in this RIB")->type_name("NAME"); }
+  void addReason(CLI::App& list, const char* help) const {
+    list.add_option("--reason", *reason, help)->check(CLI::IsMember(unprogrammableReasons()));
+  }
+};
+
 void addFib(CLI::App& show, Action& action) {
-  const auto rib = std::make_shared<std::string>();
-  addList(show, action, "fib", "Entries of the tunnel FIB", Narrowing::filter,
-          [rib](ListOptions options) {
-            options.rib = *rib;
-            return showFib(options);
-          })
-      ->add_option("--rib", *rib, "Of tunnels in this RIB")
-      ->type_name("NAME");
+  const Besides besides;
+  besides.addRib(*addList(show, action, "fib", "Entries of the tunnel FIB", Narrowing::filter, besides.with(showFib)));
+}
+
+void addEncaps(CLI::App& show, Action& action) {
+  const Besides besides;
+  besides.addRib(*addList(show, action, "encaps", "Encapsulations, and how many vias share each", Narrowing::filter,
+                          besides.with(showEncaps)));
 }
 
 void addUnprogrammable(CLI::App& show, Action& action) {
-  const auto reason = std::make_shared<std::string>();
-  addList(show, action, "unprogrammable", "Tunnels that cannot be programmed", Narrowing::filter,
-          [reason](ListOptions options) {
-            options.reason = *reason;
-            return showUnprogrammable(options);
-          })
-      ->add_option("--reason", *reason, "Those with this reason, and all their reasons; any: whatever it is")
-      ->check(CLI::IsMember(unprogrammableReasons()));
+  const Besides besides;
+  besides.addReason(*addList(show, action, "unprogrammable", "Tunnels that cannot be programmed", Narrowing::filter,
+                             besides.with(showUnprogrammable)),
+                    "Those with this reason, and all their reasons; any: whatever it is");
+}
+
+void addTable(CLI::App& show, Action& action) {
+  const auto table = std::make_shared<std::string>();
+  const Besides besides;
+  CLI::App& list =
+      *addList(show, action, "table", "Entries of a protocol's table", Narrowing::filter,
+               besides.with([table](const ListOptions& options) { return showTable(options, tableNamed(*table)); }));
+  list.add_option("NAME", *table, "The table, such as ldp")->required();
+  besides.addRib(list);
+  besides.addReason(list, "Of tunnels that are not in the FIB, or lack a via there, for this reason; any: for some");
 }
 
 }  // namespace
@@ -63,16 +89,12 @@ void addShow(CLI::App& app, Action& action) {
           Narrowing::none, showTables);
   addList(show, action, "ribs", "The RIBs and their configuration", Narrowing::none, showRibs);
   addFib(show, action);
-  addList(show, action, "encaps", "Encapsulations, and how many vias share each", Narrowing::none, showEncaps);
+  addEncaps(show, action);
   addUnprogrammable(show, action);
   addList(show, action, "convergence", "How far the RIBs have followed BGP", Narrowing::none, showConvergence);
   addList(show, action, "processes", "The processes that write the tables", Narrowing::none, showProcesses);
 
-  const auto table = std::make_shared<std::string>();
-  addList(show, action, "table", "Entries of a protocol's table", Narrowing::filter,
-          [table](const ListOptions& options) { return showTable(options, tableNamed(*table)); })
-      ->add_option("NAME", *table, "The table, such as ldp")
-      ->required();
+  addTable(show, action);
   const auto rib = std::make_shared<std::string>();
   addList(show, action, "rib", "Entries of a RIB", Narrowing::filter,
           [rib](const ListOptions& options) { return showRib(options, *rib); })

@@ -12,14 +12,16 @@
 
 namespace Tools {
 
+class Shadow;
+
 struct ListOptions {
   std::string stateDirectory;
   bool isJson = false;
   std::optional<std::uint64_t> limit;
   std::optional<std::string> after;  // the key behind which a list begins; without: at its begin
   EntryFilter filter;
-  std::string rib;     // of FIB entries: those of this RIB's tunnels; empty: all
-  std::string reason;  // of unprogrammable tunnels: one of unprogrammableReasons(), with all reasons; empty: without
+  std::string rib;     // of FIB, table and encapsulations: what is of this RIB's tunnels; empty: all
+  std::string reason;  // of unprogrammable tunnels and table entries: one of unprogrammableReasons(); empty: none
 };
 
 // Each writes to standard output and returns the exit status: 1 when damaged records had to be left out. They raise
@@ -35,6 +37,10 @@ int showUnprogrammable(const ListOptions& options);
 
 // Flags of vias, where none has one how the tunnel stands, and "any".
 std::vector<std::string> unprogrammableReasons();
+// The flags of the tunnel's vias; without any, how it stands. Costs a review of it.
+std::vector<std::string> reasonsOf(const Shadow& shadow, const Model::TunnelId& tunnel);
+// Whether the reason is among them; any: something keeps the tunnel, or a via of it, out of the FIB.
+bool hasReason(const std::vector<std::string>& reasons, const std::string& reason);
 
 // What these cost does not depend on the sizes of tables, RIBs and FIB.
 int showTables(const ListOptions& options);

@@ -4,6 +4,7 @@
 
 #include "tools/Commands.h"
 #include "tools/EntryJson.h"
+#include "tools/Shadow.h"
 #include "tools/ShowCommand.h"
 #include "tools/StateReading.h"
 #include "tools/TableWalk.h"
@@ -18,14 +19,13 @@ std::optional<Key> keyAfter(const ListOptions& options) {
 }
 
 // The end of a list of the map's records.
-int finish(Rows& rows, const Memtab::MapBase& map, const std::string& path) {
+int finish(Rows& rows, const Memtab::MapBase& map, const std::string& path, bool isJson) {
   rows.end();
-  if (map.corruptions() == 0) {
-    return exitDone;
+  std::vector<std::string> damages;
+  if (map.corruptions() > 0) {
+    damages.push_back(path + ": damaged; what cannot be read is left out");
   }
-  std::cout.flush();
-  std::cerr << "tunnelctl: " << path << ": damaged; what cannot be read is left out\n";
-  return exitFailed;
+  return toldDamage(damages, isJson);
 }
 
 std::string fullPath(const ListOptions& options, const std::string& path) {
@@ -64,10 +64,7 @@ int showFib(const ListOptions& options) {
   const Ribs ribs = rib == nullptr ? reading.ribs() : Ribs{rib};
   const EntryFilter filter = options.filter.among(ribs);
   const auto isInRib = [&](const Model::TunnelId& tunnel) {
-    Model::TunnelRibEntry entry;
-    return rib == nullptr ||
-           (Model::readSafely(rib.get(), tepOf(reading.state(), tunnel), entry) &&
-            std::find(entry.tunnelId().begin(), entry.tunnelId().end(), tunnel) != entry.tunnelId().end());
+    return rib == nullptr || hasTunnel(*rib, tepOf(reading.state(), tunnel), tunnel);
   };
   Rows rows(std::cout, options.isJson, "fib", {"tunnel", "vias"}, options.limit);
   // With both, the tunnel is looked up and must be at the endpoint.
@@ -85,7 +82,7 @@ int showFib(const ListOptions& options) {
                },
                [&] { return Agent::fibEntryJson(fib, entry); });
   });
-  return finish(rows, fib.entry(), fullPath(options, Agent::fibPath));
+  return finish(rows, fib.entry(), fullPath(options, Agent::fibPath), options.isJson);
 }
 
 int showRib(const ListOptions& options, const std::string& name) {
@@ -110,7 +107,7 @@ int showRib(const ListOptions& options, const std::string& name) {
                },
                [&] { return ribEntryJson(entry, hasChoice); });
   });
-  return finish(rows, *rib, options.stateDirectory + ": RIB " + name);
+  return finish(rows, *rib, options.stateDirectory + ": RIB " + name, options.isJson);
 }
 
 int showTable(const ListOptions& options, Agent::TableId table) {
@@ -119,6 +116,11 @@ int showTable(const ListOptions& options, Agent::TableId table) {
   const std::string path = Model::tunnelTableInfo(table).path;
   reading.requireTable(path);
   int status = exitDone;
+  const auto rib = options.rib.empty() ? nullptr : reading.rib(options.rib);
+  std::optional<Shadow> shadow;
+  if (!options.reason.empty()) {
+    shadow.emplace(reading);
+  }
   Rows rows(std::cout, options.isJson, "entries", {"tunnel", "tep", "pref", "vias"}, options.limit,
             {{"table", Zol::stringOf(table)}});
   reading.state().tables().withTable(table, [&](const auto& each) {
@@ -128,48 +130,20 @@ int showTable(const ListOptions& options, Agent::TableId table) {
     if (filter.tunnel()) {
       keys = {*filter.tunnel()};
     }
+    const auto isFitting = [&](const Entry& entry) {
+      return filter.doesFitEntry(entry) && (!rib || hasTunnel(*rib, entry.tep(), entry.tunnelId())) &&
+             (!shadow || hasReason(reasonsOf(*shadow, entry.tunnelId()), options.reason));
+    };
     walk(each, {keys, after}, [&](const Entry& entry) {
       const auto cells = [&] {
         return Cells{Zol::stringOf(entry.tunnelId()), !entry.tep() ? "-" : Zol::stringOf(entry.tep()),
                      std::to_string(entry.pref()), entryWords(entry)};
       };
-      return !filter.doesFitEntry(entry) || rows.add(entry.tunnelId(), cells, [&] { return entryJson(entry); });
+      return !isFitting(entry) || rows.add(entry.tunnelId(), cells, [&] { return entryJson(entry); });
     });
-    status = finish(rows, each, fullPath(options, path));
+    status = finish(rows, each, fullPath(options, path), options.isJson);
   });
   return status;
-}
-
-int showEncaps(const ListOptions& options) {
-  auto after = keyAfter<Fib::EncapId>(options);
-  StateReading reading(options.stateDirectory);
-  reading.requireTable(Agent::fibPath);
-  const Fib::TunnelFib& fib = *reading.state().fib();
-  const auto counts = Agent::encapRefCounts(fib);
-  Rows rows(std::cout, options.isJson, "encaps", {"encapsulation", "vias", "fields"}, options.limit);
-  bool isOver = false;
-  const Memtab::MapBase* damaged = &fib.entry();
-  Model::forEachEncapKind([&](auto kind) {
-    const auto& encaps = kind.encaps(fib);
-    if (isOver || (after && after->encapType() != kind.type)) {
-      return;
-    }
-    walk(encaps, {std::nullopt, std::exchange(after, std::nullopt)}, [&](const auto& record) {
-      const auto count = counts.find(record.encapId());
-      const auto vias = count == counts.end() ? 0U : count->second;
-      const auto json = [&] { return Agent::encapJson(fib, record.encapId(), vias); };
-      const auto cells = [&] {
-        OrderedJson fields = json();
-        fields.erase("id");
-        fields.erase("refCount");
-        return Cells{Zol::stringOf(record.encapId()), std::to_string(vias), Agent::textOf(fields)};
-      };
-      isOver = !rows.add(record.encapId(), cells, json);
-      return !isOver;
-    });
-    damaged = encaps.corruptions() > 0 ? &encaps : damaged;
-  });
-  return finish(rows, *damaged, fullPath(options, Agent::fibPath));
 }
 
 }  // namespace Tools

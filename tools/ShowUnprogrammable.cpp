@@ -27,7 +27,16 @@ std::set<Model::TunnelId> listed(StateReading& reading, const EntryFilter& filte
   return ids;
 }
 
-// The flags of its vias; without any, how it stands.
+std::string joined(const std::vector<std::string>& words) {
+  std::string text;
+  for (const std::string& word : words) {
+    text += (text.empty() ? "" : ", ") + word;
+  }
+  return text;
+}
+
+}  // namespace
+
 std::vector<std::string> reasonsOf(const Shadow& shadow, const Model::TunnelId& tunnel) {
   const Agent::AgentHost& host = shadow.host();
   const Agent::Explanation explanation =
@@ -43,15 +52,10 @@ std::vector<std::string> reasonsOf(const Shadow& shadow, const Model::TunnelId& 
   return reasons.empty() ? std::vector{Agent::stringValue(explained.standing)} : reasons;
 }
 
-std::string joined(const std::vector<std::string>& words) {
-  std::string text;
-  for (const std::string& word : words) {
-    text += (text.empty() ? "" : ", ") + word;
-  }
-  return text;
+bool hasReason(const std::vector<std::string>& reasons, const std::string& reason) {
+  const std::vector<std::string> good = {Agent::stringValue(Agent::FibStanding::programmed)};
+  return reason == "any" ? reasons != good : std::find(reasons.begin(), reasons.end(), reason) != reasons.end();
 }
-
-}  // namespace
 
 std::vector<std::string> unprogrammableReasons() {
   std::vector<std::string> reasons = {"any"};
@@ -93,7 +97,7 @@ int showUnprogrammable(const ListOptions& options) {
     });
   }
   rows.end();
-  return exitDone;
+  return toldDamage(reading.damages(), options.isJson);
 }
 
 }  // namespace Tools

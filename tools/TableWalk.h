@@ -89,6 +89,13 @@ inline bool longestMatch(const Tunnel::TunnelTable::TunnelRib& rib, const Ipkit:
   return false;
 }
 
+// Whether the RIB has the tunnel at the endpoint.
+inline bool hasTunnel(const Tunnel::TunnelTable::TunnelRib& rib, const Ipkit::IpGenPrefix& tep,
+                      const Tunnel::TunnelTable::TunnelId& tunnel) {
+  Tunnel::TunnelTable::TunnelRibEntry entry;
+  return Tunnel::TunnelTable::readSafely(&rib, tep, entry) && entry.hasTunnelId(tunnel);
+}
+
 // The endpoint that the tunnel's table entry names; the zero prefix: none.
 inline Ipkit::IpGenPrefix tepOf(const Agent::AgentState& state, const Tunnel::TunnelTable::TunnelId& tunnel) {
   Ipkit::IpGenPrefix tep;

@@ -174,6 +174,25 @@ TEST_F(Show, filtersNarrow) {
   EXPECT_EQ(keys({"show", "table", "sr", "--intf", "tunnel:ldpTunnel/99"}, "entries", "tep"),
             std::set<std::string>{"10.0.0.8/32"});
   EXPECT_EQ(keys({"show", "rib", "srTunnel"}, "entries", "tep"), std::set<std::string>{"10.0.0.9/32"});
+  EXPECT_EQ(keys({"show", "table", "sr", "--rib", "system"}, "entries", "tep"), std::set<std::string>{"10.0.0.9/32"});
+  for (const char* const reason : {"any", "recTunMissing"}) {
+    EXPECT_EQ(keys({"show", "table", "sr", "--reason", reason}, "entries", "tep"),
+              std::set<std::string>{"10.0.0.8/32"});
+  }
+  EXPECT_TRUE(keys({"show", "table", "sr", "--reason", "recTunCycle"}, "entries", "tep").empty());
+  const auto stacks = [&](std::vector<std::string> words) {
+    words.insert(words.begin(), {"show", "encaps", "--json"});
+    std::set<std::string> labels;
+    const OrderedJson shown = ask(words).json();
+    for (const OrderedJson& encap : shown["encaps"]) {
+      labels.insert(encap.contains("labels") ? encap["labels"].dump() : encap["id"].get<std::string>().substr(0, 3));
+    }
+    return labels;
+  };
+  EXPECT_EQ(stacks({"--tunnel", "srTunnel/9"}), (std::set<std::string>{"[300123,17]", "[300124,17]"}));
+  EXPECT_EQ(stacks({"--tep", "10.0.0.9", "--intf", "if13"}), std::set<std::string>{"[300124,17]"});
+  EXPECT_EQ(stacks({"--type", "l3IntfTunnel"}), std::set<std::string>{"gre"});
+  EXPECT_EQ(stacks({"--rib", "ldpTunnel", "--label", "300123"}), std::set<std::string>{"[300123]"});
 }
 
 // Fails if a page leaves out what stands behind the last row, or shows a row again.
