@@ -40,7 +40,7 @@ bool canBeReadTwice(const std::string& path) {
 void PublishCommand::run() {
   const bool isNewDirectory = !std::filesystem::exists(options_.stateDirectory);
   publish();
-  if (isNewDirectory) {
+  if (isNewDirectory && !published_.empty()) {
     tellNote(Agent::printable(options_.stateDirectory, 200) + ": made, there was no such directory", options_.isJson);
   }
   tellWhatIsPublished();

@@ -177,5 +177,16 @@ TEST_F(Questions, whatCannotBeReadIsTold) {
   EXPECT_EQ(ask({"state"}).status, 0);
 }
 
+// Fails if a misspelt directory, or a file without tables, goes without a word.
+TEST_F(Questions, publishersHearWhatTheyMayNotHaveMeant) {
+  const Answer nothing = ask({"publish", scratch().fileWith("rib.jsonl", R"({"rib": "a", "tables": {}})")});
+  EXPECT_EQ(nothing.status, 0);
+  EXPECT_EQ(nothing.text, "tunnelctl: no line is about a table: nothing is published\n");
+  const std::string tables = "{\"tables\": [{\"table\": \"ldp\", \"entries\": 0}]}\n";
+  EXPECT_EQ(ask({"publish", "--json", "--table", "ldp"}).text,
+            "{\"note\": \"" + stateDirectory() + ": made, there was no such directory\"}\n" + tables);
+  EXPECT_EQ(ask({"publish", "--json", "--table", "ldp"}).text, tables);
+}
+
 }  // namespace
 }  // namespace Tools
