@@ -23,7 +23,6 @@
 #include <string>
 #include <vector>
 
-#include "bench/Mixed.h"
 #include "runtime/Memtab/Store.h"
 #include "runtime/Memtab/TableFile.h"
 
@@ -33,6 +32,18 @@ using Memtab::Bytes;
 
 constexpr std::size_t recordBytes = 128;
 constexpr int rounds = 3;
+
+std::uint64_t mixed(std::uint64_t x) {
+  x = (x ^ x >> 33) * 0xFF51'AFD7'ED55'8CCD;
+  x = (x ^ x >> 33) * 0xC4CE'B9FE'1A85'EC53;
+  return x ^ x >> 33;
+}
+
+std::uint64_t hashOf(Bytes key) {
+  std::uint64_t number = 0;
+  std::memcpy(&number, key.data(), std::min(key.size(), sizeof number));
+  return mixed(number);
+}
 
 struct Record {
   explicit Record(std::uint64_t number) { std::memcpy(bytes, &number, sizeof number); }

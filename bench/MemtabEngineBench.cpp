@@ -18,7 +18,6 @@
 #include <cstring>
 #include <vector>
 
-#include "bench/Mixed.h"
 #include "runtime/Memtab/Store.h"
 
 namespace {
@@ -26,6 +25,18 @@ namespace {
 using Memtab::Bytes;
 
 constexpr std::size_t recordBytes = 90;
+
+std::uint64_t mixed(std::uint64_t x) {
+  x = (x ^ x >> 33) * 0xFF51'AFD7'ED55'8CCD;
+  x = (x ^ x >> 33) * 0xC4CE'B9FE'1A85'EC53;
+  return x ^ x >> 33;
+}
+
+std::uint64_t hashOf(Bytes key) {
+  std::uint64_t number = 0;
+  std::memcpy(&number, key.data(), std::min(key.size(), sizeof(number)));
+  return mixed(number);
+}
 
 class Table {
  public:
