@@ -138,7 +138,6 @@ std::unique_ptr<ReaderFile> MirrorStore::open() {
     auto file = std::make_unique<ReaderFile>(stateDirectory_, name_, fingerprint_, hashes_.size(),
                                              directoryOwner(stateDirectory_));
     trouble_ = hiddenPart(*file);
-    troubleAt_ = versionOf(*file);
     return file;
   } catch (const FileAbsent&) {
     trouble_ = current_ == nullptr ? "" : "its file is gone";
@@ -174,6 +173,7 @@ std::string MirrorStore::hiddenPart(const ReaderFile& file) const {
 }
 
 void MirrorStore::rescan() {
+  troubleAt_ = current_ == nullptr ? Version() : versionOf(*current_);
   if (next_ != nullptr && !next_->isReplaced()) {
     return;
   }
@@ -205,14 +205,15 @@ bool MirrorStore::isNextComplete() const {
   return isNextSound_;
 }
 
+// A writer that mends what could not be read makes changes, but no file: poll() looks again.
 bool MirrorStore::hasNews() const {
-  return isNextComplete() ||
+  const bool isTroubleOld = !trouble_.empty() && current_ != nullptr && versionOf(*current_) != troubleAt_;
+  return isTroubleOld || isNextComplete() ||
          std::any_of(listeners().begin(), listeners().end(), [](const auto& each) { return each.second->hasNews(); });
 }
 
-// A writer that mends what could not be read makes changes, but no file.
 bool MirrorStore::poll(std::size_t maxKeys) {
-  if (!trouble_.empty() && current_ != nullptr && !current_->isReplaced() && versionOf(*current_) != troubleAt_) {
+  if (!trouble_.empty() && current_ != nullptr && versionOf(*current_) != troubleAt_) {
     rescan();
   }
   if (isNextComplete()) {
