@@ -108,7 +108,7 @@ const char* Reader::hiddenPart(unsigned collection) const {
     }
     hash = last + 1;
   }
-  return found == nullptr && hasLostEntries(collection) ? "the index has fewer records than the table" : found;
+  return found;
 }
 
 // A segment that is being split may be counted twice, which hides a loss for that moment, but feigns none.

@@ -164,8 +164,13 @@ MirrorStore::Version MirrorStore::versionOf(const ReaderFile& file) const {
 
 std::string MirrorStore::hiddenPart(const ReaderFile& file) const {
   const Reader reader(file.view(), hashes_);
+  const bool isLeft = !file.isOwned();  // counting costs milliseconds: who left the table tells nobody of its losses
   for (unsigned collection = 0; collection < hashes_.size(); ++collection) {
-    if (const char* const what = reader.hiddenPart(collection)) {
+    const char* what = reader.hiddenPart(collection);
+    if (what == nullptr && isLeft && reader.hasLostEntries(collection)) {
+      what = "the index has fewer records than the table";
+    }
+    if (what != nullptr) {
       return "collection " + std::to_string(collection) + ": " + what;
     }
   }
