@@ -21,9 +21,6 @@ bool isLess(Bytes a, Bytes b) {
   return order != 0 ? order < 0 : a.size() < b.size();
 }
 
-// The greatest hash that shares the upper depth bits with hash.
-uint64_t lastHash(uint64_t hash, unsigned depth) { return depth == 0 ? ~uint64_t{0} : hash | ~uint64_t{0} >> depth; }
-
 }  // namespace
 
 Cursor::Cursor(const Reader& reader, unsigned collection) : reader_(&reader), collection_(collection) {}
@@ -52,7 +49,7 @@ Cursor::Step Cursor::next() {
         if (++tries_ > triesMax) {
           return giveUp(entry.hash);
         }
-        resumeHash_ = std::max(last_.hash, entry.hash & ~(lastHash(0, chain_.segment().depth)));
+        resumeHash_ = std::max(last_.hash, entry.hash & ~(lastHashOf(0, chain_.segment().depth)));
         isDone_ = false;
         entries_.clear();
         next_ = 0;
@@ -121,7 +118,7 @@ Cursor::Step Cursor::giveUp(uint64_t hash) {
 
 // Behind all hashes that share the upper depth bits with hash.
 void Cursor::goTo(uint64_t hash, unsigned depth) {
-  const uint64_t last = lastHash(hash, depth);
+  const uint64_t last = lastHashOf(hash, depth);
   isDone_ = last == ~uint64_t{0};
   resumeHash_ = last + 1;
 }
@@ -205,7 +202,7 @@ bool Cursor::copyKeyOf(Entry& entry, Reader::KeyCopy& key, bool& isSane) {
 
 bool Cursor::addEntries() {
   const unsigned depth = chain_.segment().depth;
-  const uint64_t last = lastHash(resumeHash_, depth);
+  const uint64_t last = lastHashOf(resumeHash_, depth);
   const size_t words = chain_.segment().words();
   for (uint32_t slot = 0; slot < words; ++slot) {
     const uint64_t word = chain_.slots[slot].load(std::memory_order_acquire);
@@ -235,7 +232,7 @@ bool Cursor::addEntries() {
         __builtin_prefetch(reader_->at(line));
       }
       const uint64_t hash = reader_->hashes_[collection_](key.bytes());
-      if (Spot(hash).fingerprint() == fingerprintOf(entry.word) && lastHash(hash, depth) == last) {
+      if (Spot(hash).fingerprint() == fingerprintOf(entry.word) && lastHashOf(hash, depth) == last) {
         entry.hash = hash;
         entry.isLost = false;
       }

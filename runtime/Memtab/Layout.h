@@ -149,6 +149,11 @@ struct Spot {
 // The directory index of a hash: its upper bits.
 constexpr size_t prefixOf(uint64_t hash, unsigned depth) { return depth == 0 ? 0 : hash >> (64 - depth); }
 
+// The greatest hash that shares the upper depth bits with hash.
+constexpr uint64_t lastHashOf(uint64_t hash, unsigned depth) {
+  return depth == 0 ? ~uint64_t{0} : hash | ~uint64_t{0} >> depth;
+}
+
 // Asks for all lines of a block of usual size. An address where nothing is does no harm.
 inline void prefetchBlock(const std::byte* block) {
   constexpr size_t usualBytes = 112;

@@ -102,7 +102,7 @@ const char* Reader::hiddenPart(unsigned collection) const {
     }
     found = chain.damage;
     const unsigned depth = chain.slots == nullptr ? 0 : chain.segment().depth;
-    const uint64_t last = depth == 0 ? ~uint64_t{0} : hash | ~uint64_t{0} >> depth;
+    const uint64_t last = lastHashOf(hash, depth);
     if (last == ~uint64_t{0}) {
       break;
     }
@@ -111,12 +111,17 @@ const char* Reader::hiddenPart(unsigned collection) const {
   return found;
 }
 
-// A segment that is being split may be counted twice, which hides a loss for that moment, but feigns none.
+// Words change between intent and sequence alone, so what was counted at one sequence is what stands. Segments that are
+// split or merged meanwhile may be counted twice, which hides a loss for that moment, but feigns none; one that is
+// given up while its words are read may hold anything, and tells nothing.
 bool Reader::hasLostEntries(unsigned collection) const {
   const uint64_t before = sequence();
   size_t live = 0;
   for (uint64_t hash = 0;;) {
     const Chain chain = walk(collection, hash);
+    if (chain.damage != nullptr) {
+      return false;
+    }
     if (chain.slots == nullptr) {
       break;
     }
@@ -124,7 +129,10 @@ bool Reader::hasLostEntries(unsigned collection) const {
     live += static_cast<size_t>(std::count_if(chain.slots, chain.slots + segment.words(), [](const Word& word) {
       return isLive(word.load(std::memory_order_acquire));
     }));
-    const uint64_t last = segment.depth == 0 ? ~uint64_t{0} : hash | ~uint64_t{0} >> segment.depth;
+    if (!chain.isCurrent()) {
+      return false;
+    }
+    const uint64_t last = lastHashOf(hash, segment.depth);
     if (last == ~uint64_t{0}) {
       break;
     }

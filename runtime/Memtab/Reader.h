@@ -94,9 +94,10 @@ class Reader {
   bool ready() const { return header(readyAt) == 1; }
   // Whether bytes of the region were lost; see BusGuard.h.
   bool isDamaged() const { return view_.isDamaged(); }
-  // Why some keys of the collection, or all, cannot be told from absent ones; nullptr: they all can. O(index).
+  // Why some keys of the collection, or all, cannot be told from absent ones; nullptr: they all can. O(directory).
   const char* hiddenPart(unsigned collection) const;
-  // Whether the index has fewer records than the header says; not told while the writer changes something. O(index).
+  // Whether the index has fewer records than the header says; false while that
+  // cannot be told: the writer changes something, or parts of the index are damaged. O(index).
   bool hasLostEntries(unsigned collection) const;
   uint64_t fingerprint() const { return header(fingerprintAt); }
   // Differs after another writer has taken the table over.

@@ -210,15 +210,17 @@ bool MirrorStore::isNextComplete() const {
   return isNextSound_;
 }
 
-// A writer that mends what could not be read makes changes, but no file: poll() looks again.
+bool MirrorStore::isTroubleOld() const {
+  return !trouble_.empty() && current_ != nullptr && versionOf(*current_) != troubleAt_;
+}
+
 bool MirrorStore::hasNews() const {
-  const bool isTroubleOld = !trouble_.empty() && current_ != nullptr && versionOf(*current_) != troubleAt_;
-  return isTroubleOld || isNextComplete() ||
+  return isTroubleOld() || isNextComplete() ||
          std::any_of(listeners().begin(), listeners().end(), [](const auto& each) { return each.second->hasNews(); });
 }
 
 bool MirrorStore::poll(std::size_t maxKeys) {
-  if (!trouble_.empty() && current_ != nullptr && versionOf(*current_) != troubleAt_) {
+  if (isTroubleOld()) {
     rescan();
   }
   if (isNextComplete()) {

@@ -219,6 +219,8 @@ class MirrorStore final : public SharedStore {
   Version versionOf(const ReaderFile& file) const;
   std::string hiddenPart(const ReaderFile& file) const;
   bool isNextComplete() const;
+  // A writer that mends what could not be read makes changes, but no file.
+  bool isTroubleOld() const;
 
   const std::string stateDirectory_;
   const std::string name_;

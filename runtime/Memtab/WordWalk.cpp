@@ -5,8 +5,6 @@ namespace {
 
 constexpr int triesMax = 100;
 
-uint64_t lastOf(uint64_t hash, unsigned depth) { return depth == 0 ? ~uint64_t{0} : hash | ~uint64_t{0} >> depth; }
-
 }  // namespace
 
 WordWalk::Step WordWalk::take(uint64_t hash) {
@@ -18,10 +16,10 @@ WordWalk::Step WordWalk::take(uint64_t hash) {
     if (chain_.damage != nullptr || reader_->view_.isDamaged()) {
       const bool isDirectoryKnown = chain_.directoryAt != nullptr && chain_.damage != nullptr;
       damage_ = {chain_.damage != nullptr ? chain_.damage : bytesLost, collection_, 0, 0, 0};
-      lastHash_ = lastOf(hash, isDirectoryKnown ? Place::of(chain_.descriptor).depth : 0);
+      lastHash_ = lastHashOf(hash, isDirectoryKnown ? Place::of(chain_.descriptor).depth : 0);
       return Step::damaged;
     }
-    lastHash_ = lastOf(hash, chain_.slots == nullptr ? 0 : chain_.segment().depth);
+    lastHash_ = lastHashOf(hash, chain_.slots == nullptr ? 0 : chain_.segment().depth);
     return Step::segment;
   }
   return Step::busy;
@@ -60,7 +58,8 @@ WordWalk::KeyStep WordWalk::key(Entry& entry, Bytes& key) {
   if (what == nullptr) {
     key = key_.bytes();
     const uint64_t hash = reader_->hashOf(collection_, key);
-    if (Spot(hash).fingerprint() == fingerprintOf(entry.word) && lastOf(hash, chain_.segment().depth) == lastHash_) {
+    if (Spot(hash).fingerprint() == fingerprintOf(entry.word) &&
+        lastHashOf(hash, chain_.segment().depth) == lastHash_) {
       return KeyStep::key;
     }
     what = "index word names another key's block";
