@@ -1,9 +1,5 @@
 #include "agent/AgentConfig.h"
 
-#include <cerrno>
-#include <cstring>
-#include <fstream>
-
 #include "agent/AgentStatus.h"
 #include "agent/ScenarioReader.h"
 
@@ -43,10 +39,7 @@ AgentConfig readConfig(std::istream& in, const std::string& name) {
 }
 
 AgentConfig readConfigFile(const std::string& path) {
-  std::ifstream in(path);
-  if (!in) {
-    throw ScenarioError(path, std::string("cannot be opened: ") + std::strerror(errno));
-  }
+  std::ifstream in = openedFile(path);
   return readConfig(in, path);
 }
 

@@ -58,7 +58,7 @@ RibConfigText arrayOf(const std::string& text) {
 
 template <class Table, class F>
 void forEachRecord(const Table& table, F&& f) {
-  Model::walkSafely(table, true, [&](const auto& hint) {
+  Model::walkSafely(table, [&](const auto& hint) {
     typename Table::Record record;
     if (Model::readSafely(&table, hint.key(), record)) {
       f(record);
@@ -70,7 +70,7 @@ void forEachRecord(const Table& table, F&& f) {
 template <class Table, class Records>
 void makeEqual(Table& table, const Records& records) {
   std::vector<typename Table::Key> stale;
-  Model::walkSafely(table, true, [&](const auto& hint) {
+  Model::walkSafely(table, [&](const auto& hint) {
     if (!records.contains(hint.key())) {
       stale.push_back(hint.key());
     }

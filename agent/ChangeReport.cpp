@@ -11,26 +11,24 @@
 namespace Agent {
 
 TextWatch<Ipkit::IpGenPrefix>::Source ChangeReport::ribSource(const Zol::Ptr<Model::TunnelRib>& rib) const {
-  return {
-      &rib->entryChannel(),
-      [this, rib](const Ipkit::IpGenPrefix& tep) {
-        Model::TunnelRibEntry entry;
-        const bool isShown = filter_.tep.value_or(tep) == tep;
-        return isShown && Model::readSafely(rib.get(), tep, entry) ? summaryOf(entry) : "";
-      },
-      [rib](const auto& visit) { Model::walkSafely(*rib, true, [&visit](const auto& hint) { visit(hint.key()); }); }};
+  return {&rib->entryChannel(),
+          [this, rib](const Ipkit::IpGenPrefix& tep) {
+            Model::TunnelRibEntry entry;
+            const bool isShown = filter_.tep.value_or(tep) == tep;
+            return isShown && Model::readSafely(rib.get(), tep, entry) ? summaryOf(entry) : "";
+          },
+          [rib](const auto& visit) { Model::walkSafely(*rib, [&visit](const auto& hint) { visit(hint.key()); }); }};
 }
 
 TextWatch<Model::TunnelId>::Source ChangeReport::fibSource() const {
   const Zol::Ptr<Fib::TunnelFib> fib = host_.fib();
-  return {&fib->entryChannel(),
-          [fib](const Model::TunnelId& id) {
-            Fib::TunnelFibEntry entry;
-            return Model::readSafely(&fib->entry(), id, entry) ? summaryOf(*fib, entry) : "";
-          },
-          [fib](const auto& visit) {
-            Model::walkSafely(fib->entry(), true, [&visit](const auto& hint) { visit(hint.key()); });
-          }};
+  return {
+      &fib->entryChannel(),
+      [fib](const Model::TunnelId& id) {
+        Fib::TunnelFibEntry entry;
+        return Model::readSafely(&fib->entry(), id, entry) ? summaryOf(*fib, entry) : "";
+      },
+      [fib](const auto& visit) { Model::walkSafely(fib->entry(), [&visit](const auto& hint) { visit(hint.key()); }); }};
 }
 
 TextWatch<Model::TunnelId>::Source ChangeReport::unprogrammableSource() const {
@@ -121,10 +119,8 @@ void ChangeReport::write(std::ostream& out, const std::string& title, bool isCol
   if (ribChanges.empty() && fibChanges.empty()) {
     return;
   }
-  const auto counted = [](std::size_t count, const std::string& what) {
-    return std::to_string(count) + " " + what + (count == 1 ? " change" : " changes");
-  };
-  out << title << ": " << counted(ribChanges.size(), "RIB") << ", " << counted(fibChanges.size(), "FIB") << '\n';
+  out << title << ": " << counted(ribChanges.size(), "RIB change") << ", " << counted(fibChanges.size(), "FIB change")
+      << '\n';
   write(out, ribChanges, ribLinesMax, isColoured);
   write(out, fibChanges, fibLinesMax, isColoured);
 }

@@ -83,7 +83,7 @@ void ControlSocket::listen(const std::string& stateDirectory) {
   inode_ = inodeOf(path_);
 }
 
-bool ControlSocket::isInPlace() const { return inodeOf(path_) == inode_; }
+bool ControlSocket::isInPlace() const { return inode_ != 0 && inodeOf(path_) == inode_; }
 
 void ControlSocket::watchListener() {
   loop_.fdIs(listener_.get(), [this] { handleConnection(); });

@@ -22,10 +22,6 @@ constexpr const char* flagWords[] = {"the next level waits for review", "the nex
                                      "labels cannot be joined",         "the next level leads back"};
 static_assert(std::size(flagWords) == std::size(Result::flagNames));
 
-std::string counted(std::size_t count, const std::string& what) {
-  return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
-}
-
 std::string labelsOf(const Ipkit::MplsLabelOperation& labelOp) { return textOf(topFirst(labelOp)); }
 
 bool hasFault(const Finding::FoundVia& via) { return via.isSkipped || !(via.result == Result()); }

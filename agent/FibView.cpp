@@ -85,7 +85,7 @@ std::vector<Fib::EncapId> sortedEncapIds(const Fib::TunnelFib& fib) {
 
 std::map<Fib::EncapId, std::uint32_t> encapRefCounts(const Fib::TunnelFib& fib) {
   std::map<Fib::EncapId, std::uint32_t> counts;
-  Model::walkSafely(fib.entry(), true, [&](const auto& hint) {
+  Model::walkSafely(fib.entry(), [&](const auto& hint) {
     Fib::TunnelFibEntry entry;
     if (Model::readSafely(&fib.entry(), hint.key(), entry)) {
       for (const Fib::TunnelViaArray* const vias : {&entry.tunnelVia(), &entry.backupTunnelVia()}) {

@@ -62,6 +62,10 @@ std::string printable(std::string_view text, std::size_t maxBytes) {
   return result;
 }
 
+std::string counted(std::uint64_t count, const std::string& one, const std::string& many) {
+  return std::to_string(count) + " " + (count == 1 ? one : many.empty() ? one + "s" : many);
+}
+
 void requireUtf8(std::string_view text) {
   for (std::size_t at = 0; at < text.size();) {
     const std::size_t length = sequenceAt(text.substr(at, 4)).length;

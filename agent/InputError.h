@@ -1,6 +1,7 @@
 // What is wrong with input, said so that its writer finds the place.
 #pragma once
 
+#include <cstdint>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -33,6 +34,9 @@ class ScenarioError : public std::runtime_error {
 // text fit for a message: at most maxBytes of it, cut between characters; control characters as \u escapes, so that no
 // input can steer the reader's terminal. text is UTF-8.
 std::string printable(std::string_view text, std::size_t maxBytes = 80);
+
+// "1 entry", "2 entries". Without many an s is added to one.
+std::string counted(std::uint64_t count, const std::string& one, const std::string& many = "");
 
 // Raises InputError unless text is well-formed UTF-8: no overlong forms, no surrogates, at most U+10FFFF.
 void requireUtf8(std::string_view text);

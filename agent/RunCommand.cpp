@@ -74,10 +74,7 @@ void RunCommand::playFile(const std::string& path) {
     play(std::cin, "<stdin>", "stdin", 0);
     return;
   }
-  std::ifstream in(path);
-  if (!in) {
-    throw ScenarioError(path, "cannot be opened: " + systemError());
-  }
+  std::ifstream in = openedFile(path);
   std::error_code none;
   const auto size = std::filesystem::file_size(path, none);
   play(in, path, std::filesystem::path(path).stem().string(), none ? 0 : size);

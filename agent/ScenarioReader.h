@@ -1,6 +1,9 @@
 // ScenarioReader: the lines of one scenario file, one after the other.
 #pragma once
 
+#include <cerrno>
+#include <cstring>
+#include <fstream>
 #include <istream>
 #include <optional>
 #include <string>
@@ -10,6 +13,15 @@
 #include "agent/ScenarioLine.h"
 
 namespace Agent {
+
+// The file, open for reading. Raises ScenarioError.
+inline std::ifstream openedFile(const std::string& path) {
+  std::ifstream in(path);
+  if (!in) {
+    throw ScenarioError(path, std::string("cannot be opened: ") + std::strerror(errno));
+  }
+  return in;
+}
 
 class ScenarioReader {
  public:

@@ -152,7 +152,6 @@ void ServeCommand::look() {
   }
   if (!gate_ && isDeclarationInForce_ != isBgpLuComplete()) {
     readDeclaration();
-    isDeclarationInForce_ = isBgpLuComplete();
   }
   if (isReloadDue_ && troubles_.canReadAll()) {
     isReloadDue_ = false;
@@ -215,8 +214,7 @@ void ServeCommand::start() {
   readDeclaration();
   host_.start();
   status_.publishRibs(*host_.ribConfigs());
-  log(LogLevel::info, "started over " + options_.stateDirectory + " with " + std::to_string(config_.size()) +
-                          (config_.size() == 1 ? " RIB" : " RIBs"));
+  log(LogLevel::info, "started over " + options_.stateDirectory + " with " + counted(config_.size(), "RIB"));
   service_.look();
 }
 
@@ -244,8 +242,8 @@ std::string ServeCommand::statusText() const {
     return text;
   }
   const std::size_t entries = host_.fib()->entry().size();
-  std::string text = (isReady_ ? "ready: " : "working off the backlog: ") + std::to_string(entries) +
-                     (entries == 1 ? " FIB entry" : " FIB entries");
+  std::string text =
+      (isReady_ ? "ready: " : "working off the backlog: ") + counted(entries, "FIB entry", "FIB entries");
   for (const std::string& line : troubles_.others()) {
     text += "; " + line;
   }
@@ -254,12 +252,11 @@ std::string ServeCommand::statusText() const {
 
 // While BGP fills its table anew, what was declared before says nothing about it.
 void ServeCommand::readDeclaration() {
-  BgpLuDeclaration declaration;
-  if (!Model::readSafely(declaration_.get(), 0U, declaration)) {
-    return;
-  }
   isDeclarationInForce_ = isBgpLuComplete();
-  host_.bgpLuConvergence()->bgpLuConvergedIs(declaration.converged() && isDeclarationInForce_, declaration.seqno());
+  BgpLuDeclaration declaration;
+  if (Model::readSafely(declaration_.get(), 0U, declaration)) {
+    host_.bgpLuConvergence()->bgpLuConvergedIs(declaration.converged() && isDeclarationInForce_, declaration.seqno());
+  }
 }
 
 bool ServeCommand::isBgpLuComplete() const {
@@ -303,8 +300,7 @@ void ServeCommand::configIs(AgentConfig config, const std::string& source) {
   config_ = std::move(config);
   configSource_ = source;
   configTask_.configIs(config_);
-  log(LogLevel::info, "configuration read (" + source + "): " + std::to_string(config_.size()) +
-                          (config_.size() == 1 ? " RIB" : " RIBs"));
+  log(LogLevel::info, "configuration read (" + source + "): " + counted(config_.size(), "RIB"));
 }
 
 void ServeCommand::handleConfigured() {

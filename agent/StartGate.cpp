@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "agent/Explanation.h"
+#include "agent/InputError.h"
 #include "tunnel/TunnelTableInfo.h"
 
 namespace Agent {
@@ -30,7 +31,7 @@ std::vector<TableId> sourcesOf(const Model::TunnelFibEntry& entry) {
 }
 
 void countRib(const Model::TunnelRib& rib, Counts& counts) {
-  Model::walkSafely(rib, true, [&](const auto& hint) {
+  Model::walkSafely(rib, [&](const auto& hint) {
     Model::TunnelRibEntry entry;
     if (Model::readSafely(&rib, hint.key(), entry) && entry.tunnelIds() > 0) {
       for (const TableId table : tablesOf(entry.tunnelId(0).tunnelType())) {
@@ -52,7 +53,7 @@ StartGate::StartGate(const AgentState& state) : state_(state) {
   if (state.ribIds()->tunnelRibNames().empty()) {
     countRib(*state.rib(0), ribs);
   }
-  Model::walkSafely(state.fib()->entry(), true, [&](const auto& hint) {
+  Model::walkSafely(state.fib()->entry(), [&](const auto& hint) {
     Model::TunnelFibEntry entry(hint.key());
     Model::readSafely(&state.fib()->entry(), hint.key(), entry);
     for (const TableId table : sourcesOf(entry)) {
@@ -70,8 +71,8 @@ std::vector<std::string> StartGate::waitingFor() const {
     const auto held = held_.find(table);
     const std::string trouble = held == held_.end() ? "" : this->trouble(table);
     if (!trouble.empty()) {
-      lines.push_back("table " + Zol::stringOf(table) + " " + trouble + ", " + std::to_string(held->second) +
-                      (held->second == 1 ? " entry came from it" : " entries came from it"));
+      lines.push_back("table " + Zol::stringOf(table) + " " + trouble + ", " +
+                      counted(held->second, "entry", "entries") + " came from it");
     }
   }
   return lines;

@@ -33,7 +33,7 @@ void addTables(Columns& columns, const AgentHost& host) {
 void addRib(Columns& columns, const std::string& name, Model::TunnelRibId id, const Model::TunnelRib& rib) {
   std::map<std::size_t, std::size_t> widths;
   std::set<unsigned> prefs;
-  Model::walkSafely(rib, true, [&](const auto& hint) {
+  Model::walkSafely(rib, [&](const auto& hint) {
     Model::TunnelRibEntry entry;
     if (Model::readSafely(&rib, hint.key(), entry)) {
       ++widths[entry.tunnelIds()];

@@ -27,9 +27,9 @@ class TableTroubles {
   bool canReadAll() const;
 
  private:
-  const AgentState& state_;
   void lookAt(const std::string& name, const std::string& path);
 
+  const AgentState& state_;
   std::map<std::string, std::string> troubles_;  // by path, as logged
   std::vector<std::string> others_;
 };

@@ -28,7 +28,7 @@ int runCheck(const ShadowOptions& options) {
   } else if (problems.empty()) {
     std::cout << "all tables are sound\n";
   } else {
-    std::cout << problems.size() << (problems.size() == 1 ? " problem\n" : " problems\n");
+    std::cout << Agent::counted(problems.size(), "problem") << '\n';
   }
   return problems.empty() ? exitDone : exitFailed;
 }

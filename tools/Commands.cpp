@@ -69,10 +69,6 @@ void tellNote(const std::string& text, bool isJson) {
   std::cerr << (isJson ? Agent::textOf({{"note", text}}) : "tunnelctl: " + text) << std::endl;
 }
 
-std::string counted(std::uint64_t count, const char* one, const char* many) {
-  return std::to_string(count) + " " + (count == 1 ? one : many);
-}
-
 Agent::TableId tableNamed(const std::string& name) {
   const auto table = tableOf(name);
   if (!table) {

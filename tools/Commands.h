@@ -40,9 +40,6 @@ Agent::TableId tableNamed(const std::string& name);
 // What there is to know besides the answer, on standard error; for programs {"note": TEXT}.
 void tellNote(const std::string& text, bool isJson);
 
-// "1 entry", "2 entries".
-std::string counted(std::uint64_t count, const char* one, const char* many);
-
 void addPublish(CLI::App& app, Action& action);
 void addState(CLI::App& app, Action& action);
 void addShow(CLI::App& app, Action& action);

@@ -7,6 +7,7 @@
 #include "agent/AgentConfig.h"
 #include "agent/Columns.h"
 #include "agent/ControlSocket.h"
+#include "agent/InputError.h"
 #include "runtime/Fastlog/TraceSetting.h"
 #include "tools/ControlClient.h"
 #include "tools/ControlCommands.h"
@@ -61,7 +62,7 @@ int checkConfig(const ControlOptions& options, const std::string& file) {
   if (options.isJson) {
     std::cout << OrderedJson{{"valid", true}, {"ribs", config.size()}}.dump() << '\n';
   } else {
-    std::cout << Agent::printable(file, 300) << ": valid, " << counted(config.size(), "RIB", "RIBs") << '\n';
+    std::cout << Agent::printable(file, 300) << ": valid, " << Agent::counted(config.size(), "RIB") << '\n';
   }
   return exitDone;
 }
@@ -88,7 +89,7 @@ int applyConfig(const ControlOptions& options, const std::string& file) {
       std::cout << what << ' ' << Agent::printable(name.get<std::string>(), 300) << '\n';
     }
   }
-  std::cout << counted(result["ribs"].get<std::size_t>(), "RIB", "RIBs")
+  std::cout << Agent::counted(result["ribs"].get<std::size_t>(), "RIB")
             << " configured, until the agent reads its file again (SIGHUP, restart)\n";
   return exitDone;
 }

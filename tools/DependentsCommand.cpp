@@ -64,15 +64,15 @@ int runDependents(const DependentsOptions& options) {
       ids.push_back(Zol::stringOf(level[i]));
     }
     depths.push_back({{"depth", depths.size() + 1}, {"count", level.size()}, {"tunnels", std::move(ids)}});
-    tree.children.emplace_back("depth " + std::to_string(depths.size()) + ", " + std::to_string(level.size()) +
-                               (level.size() == 1 ? " tunnel" : " tunnels") +
+    tree.children.emplace_back("depth " + std::to_string(depths.size()) + ", " +
+                               Agent::counted(level.size(), "tunnel") +
                                (shown == 0 ? "" : ": " + Agent::listOf(level, std::max<std::size_t>(shown, 2))));
   }
   const bool isKnown = total > 0 || visitEntry(shadow.host().tables(), tunnel, [](const auto&) {});
   if (options.isJson) {
     std::cout << OrderedJson{{"tunnel", Zol::stringOf(tunnel)}, {"total", total}, {"depths", depths}}.dump(1) << '\n';
   } else {
-    tree.text += ": " + std::to_string(total) + (total == 1 ? " tunnel resolves" : " tunnels resolve") + " through it" +
+    tree.text += ": " + Agent::counted(total, "tunnel resolves", "tunnels resolve") + " through it" +
                  (isKnown ? "" : ", no table has it");
     tree.write(std::cout, Agent::isOutputColoured());
   }

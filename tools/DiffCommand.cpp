@@ -8,7 +8,7 @@
 #include <map>
 #include <memory>
 
-#include "agent/InputError.h"
+#include "agent/ScenarioReader.h"
 #include "agent/StateDocument.h"
 #include "tools/Commands.h"
 #include "tools/Rows.h"
@@ -69,10 +69,7 @@ std::string documentText(const std::string& name, bool isJson, int& status) {
   }
   std::ifstream file;
   if (name != "-") {
-    file.open(name);
-    if (!file) {
-      throw Agent::ScenarioError(name, "cannot be opened");
-    }
+    file = Agent::openedFile(name);
   }
   std::istream& in = name == "-" ? std::cin : file;
   return {std::istreambuf_iterator<char>(in), {}};

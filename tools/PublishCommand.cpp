@@ -3,14 +3,13 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <utility>
 
+#include "agent/InputError.h"
 #include "tools/Commands.h"
 #include "tools/PublishRehearsal.h"
 
@@ -19,14 +18,6 @@ namespace Tools {
 using Agent::TableId;
 
 namespace {
-
-std::ifstream opened(const std::string& path) {
-  std::ifstream in(path);
-  if (!in) {
-    throw Agent::ScenarioError(path, std::string("cannot be opened: ") + std::strerror(errno));
-  }
-  return in;
-}
 
 // What is no file is opened only once, when its turn comes.
 bool canBeReadTwice(const std::string& path) {
@@ -59,7 +50,7 @@ void PublishCommand::tellWhatIsPublished() const {
     if (options_.isJson) {
       tables.push_back({{"table", Zol::stringOf(id)}, {"entries", entries}});
     } else {
-      std::cout << Zol::stringOf(id) << ": " << counted(entries, "entry", "entries") << '\n';
+      std::cout << Zol::stringOf(id) << ": " << Agent::counted(entries, "entry", "entries") << '\n';
     }
   }
   if (options_.isJson) {
@@ -97,7 +88,7 @@ std::set<TableId> PublishCommand::tablesNamed() const {
   };
   for (const std::string& path : options_.scenarios) {
     if (canBeReadTwice(path)) {
-      std::ifstream in = opened(path);
+      std::ifstream in = Agent::openedFile(path);
       read(in, path, apply, [&](const std::string&) { rehearsal.settle(); });
     }
   }
@@ -112,7 +103,7 @@ void PublishCommand::play(const std::string& path) {
   if (path == "-") {
     read(std::cin, "<stdin>", applyOne, settle);
   } else {
-    std::ifstream in = opened(path);
+    std::ifstream in = Agent::openedFile(path);
     read(in, path, applyOne, settle);
   }
 }

@@ -44,9 +44,8 @@ void PublishedTable::begin() {
     return;
   }
   readyIs(false);
-  tables_->withTable(id_, [this](auto& table) {
-    Model::walkSafely(table, true, [this](const auto& hint) { stale_.insert(hint.key()); });
-  });
+  tables_->withTable(
+      id_, [this](auto& table) { Model::walkSafely(table, [this](const auto& hint) { stale_.insert(hint.key()); }); });
 }
 
 void PublishedTable::put(const Agent::EntryDraft& entry) {

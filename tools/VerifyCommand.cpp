@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 
+#include "agent/InputError.h"
 #include "agent/NumberRange.h"
 #include "agent/Terminal.h"
 #include "tools/ShadowCommands.h"
@@ -66,9 +67,9 @@ void writeText(const Verdict& verdict, const VerifyOptions& options) {
   writeList(verdict.wrong, "", options.shown());
   writeList(verdict.inFlight, "in flight: ", options.shown());
   if (verdict.incomplete.empty()) {
-    std::cout << verdict.fibEntries << " FIB entries, " << verdict.wrong.size()
-              << (verdict.wrong.size() == 1 ? " difference, " : " differences, ") << verdict.inFlight.size()
-              << " in flight" << (verdict.isAgentRunning ? "" : "; no agent is running") << std::endl;
+    std::cout << verdict.fibEntries << " FIB entries, " << Agent::counted(verdict.wrong.size(), "difference") << ", "
+              << verdict.inFlight.size() << " in flight" << (verdict.isAgentRunning ? "" : "; no agent is running")
+              << std::endl;
   }
 }
 

@@ -143,7 +143,7 @@ class Watch final : private Quor::NewsSource {
    private:
     template <class F>
     void forEachKey(F&& f) {
-      Model::walkSafely(map, true, [&](const auto& hint) { f(hint.key()); });
+      Model::walkSafely(map, [&](const auto& hint) { f(hint.key()); });
     }
     std::optional<Record> read(const Key& key) const {
       Record record;

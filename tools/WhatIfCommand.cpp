@@ -1,7 +1,5 @@
 // "what-if": what RIBs and FIB would become.
 
-#include <cerrno>
-#include <cstring>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -26,10 +24,7 @@ struct WhatIfOptions : ShadowOptions {
 void play(Shadow& shadow, const std::string& path) {
   std::ifstream file;
   if (path != "-") {
-    file.open(path);
-    if (!file) {
-      throw Agent::ScenarioError(path, std::string("cannot be opened: ") + std::strerror(errno));
-    }
+    file = Agent::openedFile(path);
   }
   Agent::ScenarioReader reader(path == "-" ? std::cin : file, path == "-" ? "<stdin>" : path);
   while (const std::optional<Agent::ScenarioLine> line = reader.next()) {

@@ -116,17 +116,16 @@ bool hasSafely(const Table& table, const typename Table::Key& key) {
   }
 }
 
-// Visits every entry that can be read, in the table's order: visit(hint). Damage is reported to the table; the walk
-// goes on behind it when goOn, else it ends there.
+// Visits every entry that can be read, in the table's order: visit(hint). Damage is reported to the table and costs
+// what cannot be read, not what lies behind it: nobody would tell of that once more.
 template <class Table, class F>
-void walkSafely(const Table& table, bool goOn, F&& visit) {
+void walkSafely(const Table& table, F&& visit) {
   typename Table::Hint hint;
   for (bool started = false, more = true; more; started = true) {
     try {
       more = started ? table.next(hint) : table.first(hint);
     } catch (const Memtab::CorruptionException& damage) {
       table.corruptionDetected(damage.what());
-      more = goOn;
       continue;
     }
     if (more) {

@@ -49,7 +49,7 @@ void updateEntryFilter(const Zol::PtrConst<Table>& table, const TunnelId& tunnel
     return;
   }
   FASTLOG_TRACE(8, updateSignature << " updating pref for all table entries.");
-  walkSafely(*table, true, [&](const typename Table::Hint& hint) {
+  walkSafely(*table, [&](const typename Table::Hint& hint) {
     updateEntryFilterHelper(*table, hint.key(), filter, protoEntry);
   });
 }

@@ -58,7 +58,7 @@ void TunnelFibSm::handleInitialized() {
                                                          "TunnelFibSm");
   tunnelFibWriter_.is(tunnelFibWriterFactory(tunnelFib_));
   removeStaleEntries();
-  walkSafely(tunnelFib_->entry(), true, [this](const auto& hint) {
+  walkSafely(tunnelFib_->entry(), [this](const auto& hint) {
     tunnelFibEntryMarkedUnprocessedIs(hint.key(), true);
     FASTLOG_TRACE(8, "adding non-stale tunnelFib entry for review: tunnelId: " << hint.key());
     tunnelForReviewIs(hint.key(), true);
@@ -80,7 +80,7 @@ void TunnelFibSm::handleInitialized() {
 void TunnelFibSm::removeStaleEntries() {
   FASTLOG_TRACE(8, "void Tunnel::TunnelTable::TunnelFibSm::removeStaleEntries()");
   TunnelFibDependencies::TunnelIds stale;
-  walkSafely(tunnelFib_->entry(), true, [&](const auto& hint) {
+  walkSafely(tunnelFib_->entry(), [&](const auto& hint) {
     if (visitTableEntry(hint.key(), [](const auto&) {})) {
       FASTLOG_TRACE(8, " tunnel id " << hint.key() << " is not stale.");
     } else {
@@ -99,7 +99,7 @@ void TunnelFibSm::fileStanding(TunnelType type) {
       tunnelForReviewIs(tunnelId, true);
     }
   };
-  walkSafely(tunnelFib_->entry(), true, [&](const auto& hint) { file(hint.key()); });
+  walkSafely(tunnelFib_->entry(), [&](const auto& hint) { file(hint.key()); });
   for (const auto& [tunnelId, value] : unprogrammableTunnelIds_->entry().members()) {
     file(tunnelId);
   }
@@ -119,7 +119,7 @@ template <class F, class... Tables>
 void TunnelFibSm::forEachTunnel(F&& file, const Zol::PtrConst<Tables>&... tables) const {
   const auto walk = [&file](const auto& table) {
     if (table) {
-      walkSafely(*table, true, [&file](const auto& hint) { file(hint.key()); });
+      walkSafely(*table, [&file](const auto& hint) { file(hint.key()); });
     }
   };
   (walk(tables), ...);

@@ -65,7 +65,7 @@ void TunnelFibWriter::handleInitialized() {
   forEachEncapKind([this](auto kind) {
     const auto& encaps = decltype(kind)::encaps(*tunnelFib_);
     std::uint32_t& inheritedEnd = inheritedEnd_[static_cast<std::size_t>(kind.type)];
-    walkSafely(encaps, true, [&](const auto& hint) {
+    walkSafely(encaps, [&](const auto& hint) {
       inheritedEnd = std::max(inheritedEnd, hint.key().index() + 1);
       if (const auto info = encapInfo(*tunnelFib_, kind, hint.key())) {
         byContent_.add(hint.key(), *info);
@@ -78,7 +78,7 @@ void TunnelFibWriter::handleInitialized() {
 void TunnelFibWriter::countReferences() {
   const auto& entries = tunnelFib_->entry();
   const std::uint64_t corruptionsBefore = entries.corruptions();
-  walkSafely(entries, true, [&](const auto& hint) {
+  walkSafely(entries, [&](const auto& hint) {
     TunnelFibEntry fibEntry;
     if (!readSafely(&entries, hint.key(), fibEntry)) {
       return;
@@ -100,7 +100,7 @@ void TunnelFibWriter::deleteUnreferencedEncaps() {
   }
   forEachEncapKind([this](auto kind) {
     std::vector<EncapId> unreferenced;
-    walkSafely(decltype(kind)::encaps(*tunnelFib_), true, [&](const auto& hint) {
+    walkSafely(decltype(kind)::encaps(*tunnelFib_), [&](const auto& hint) {
       if (encapIdRefCount(hint.key()) == 0) {
         unreferenced.push_back(hint.key());
       }

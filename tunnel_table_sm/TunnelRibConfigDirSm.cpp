@@ -120,16 +120,17 @@ void TunnelRibConfigDirSm::retryUnmade() {
 Zol::Ptr<TunnelRib> TunnelRibConfigDirSm::mountCustomRib(const std::string& name, TunnelRibId id) {
   Statehub::MountInfo info = sharedTable(Statehub::Access::write);
   info.collectionInfoIs({"entry", customRibSize});
+  const auto unmadeFor = [this, &name](const Zol::Exception& reason) -> Zol::Ptr<TunnelRib> {
+    FASTLOG_TRACE(3, "handleRibConfig: RIB " << name << " cannot be made: " << reason.what());
+    unmade_[name] = reason.what();
+    return nullptr;
+  };
   try {
     entityManager_->doMount(statusPath(id), TunnelRib::entityTypeName, info);
   } catch (const Memtab::NoSpace& full) {
-    unmade_[name] = full.what();
+    return unmadeFor(full);
   } catch (const Memtab::FileRefused& refused) {
-    unmade_[name] = refused.what();
-  }
-  if (const auto unmade = unmade_.find(name); unmade != unmade_.end()) {
-    FASTLOG_TRACE(3, "handleRibConfig: RIB " << name << " cannot be made: " << unmade->second);
-    return nullptr;
+    return unmadeFor(refused);
   }
   const auto tunnelRib = Zol::dynamicPtrCast<TunnelRib>(entityManager_->getEntity(statusPath(id)));
   ZOL_ASSERT(tunnelRib);

@@ -54,7 +54,7 @@ TunnelRibEntry TunnelRibBuilderSm::keptOf(const TunnelRibEntry& standing, std::o
 // An entry that cannot be read is refilled like one that holds nothing live.
 void TunnelRibBuilderSm::removeStaleEntries(StagedTunnelRib& ribs, std::optional<TunnelType> type) {
   Zol::HashCollection<Ipkit::IpGenPrefix, bool> emptied;
-  walkSafely(*ribs.rib(), true, [&](const TunnelRib::Hint& hint) {
+  walkSafely(*ribs.rib(), [&](const TunnelRib::Hint& hint) {
     TunnelRibEntry& ribEntry = ribs.entry(hint.key(), [] {});
     const TunnelRibEntry kept = keptOf(ribEntry, type);
     if (kept.tunnelIds() != 0 || type) {
@@ -77,7 +77,7 @@ void TunnelRibBuilderSm::refillEmptied(const Zol::HashCollection<Ipkit::IpGenPre
     if (!table) {
       return;
     }
-    walkSafely(*table, true, [this, &emptied](const auto& hint) {
+    walkSafely(*table, [this, &emptied](const auto& hint) {
       const EncapsulatedTableEntry entry = freshEntry(hint.key());
       const Ipkit::IpGenPrefix& tep = entry.entry().tep();
       if (emptied.has(tep) && isLiveAt(entry, tep)) {

@@ -72,7 +72,7 @@ class WatcherSm final : public ProtocolTunnelSm {
       // A handler may withdraw the table, and with it this watcher, while it is walked.
       const Zol::Ptr<WatcherSm> self(this);
       const Zol::PtrConst<Table> kept = table();
-      walkSafely(*kept, false, [this](const auto& hint) { handleEntry(hint.key()); });
+      walkSafely(*kept, [this](const auto& hint) { handleEntry(hint.key()); });
     }
   }
 

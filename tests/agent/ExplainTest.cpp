@@ -327,7 +327,7 @@ void expectTrue(AgentHost& host, const Model::TunnelId& tunnel) {
   for (const ExplainedRib& rib : explanation.ribs) {
     bool isThere = false;
     const Zol::Ptr<Model::TunnelRib> held = host.rib(*host.ribIds()->tunnelRibId(rib.name));
-    Model::walkSafely(*held, true, [&](const auto& hint) { isThere |= held->value(hint.key()).hasTunnelId(tunnel); });
+    Model::walkSafely(*held, [&](const auto& hint) { isThere |= held->value(hint.key()).hasTunnelId(tunnel); });
     EXPECT_EQ(rib.standing == RibStanding::inEntry, isThere) << rib.name << " " << tunnel;
     EXPECT_NE(rib.standing, RibStanding::waiting) << rib.name << " " << tunnel;
   }
@@ -348,7 +348,7 @@ TEST(Explain, saysWhatTheStateHolds) {
       scene.settled();
       std::vector<Model::TunnelId> all;
       forEachNamedTable([&](auto named) {
-        Model::walkSafely(*scene.host().tables().table<typename decltype(named)::Table>(), true,
+        Model::walkSafely(*scene.host().tables().table<typename decltype(named)::Table>(),
                           [&](const auto& hint) { all.push_back(hint.key()); });
       });
       for (std::size_t i = 0; i < all.size(); i += all.size() / tunnelsMax + 1) {

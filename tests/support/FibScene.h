@@ -54,7 +54,7 @@ inline std::string shown(const ConsolidatedTunnelFibEntry& entry) {
 
 inline FibDocument fibDocument(const TunnelFib& fib, const TunnelIdColl& unprogrammable) {
   FibDocument lines;
-  walkSafely(fib.entry(), true, [&](const auto& hint) {
+  walkSafely(fib.entry(), [&](const auto& hint) {
     const TunnelFibEntry entry = fib.entry().value(hint.key());
     lines[Zol::stringOf(hint.key())] = shown(ConsolidatedTunnelFibEntry::fromTunnelFibEntry(entry, fib));
   });
@@ -212,7 +212,7 @@ class FibScene {
   // Whether every reference is counted, every named record there, and no other.
   void sweepReferences() {
     std::map<EncapId, std::uint32_t> counts;
-    walkSafely(fib->entry(), true, [&](const auto& hint) {
+    walkSafely(fib->entry(), [&](const auto& hint) {
       const TunnelFibEntry fibEntry = fib->entry().value(hint.key());
       for (const TunnelViaArray* vias : {&fibEntry.tunnelVia(), &fibEntry.backupTunnelVia()}) {
         for (const TunnelVia& each : *vias) {
@@ -275,7 +275,7 @@ class FibScene {
   }
 
   void sweepDependencies() {
-    walkSafely(fib->entry(), true, [&](const auto& hint) {
+    walkSafely(fib->entry(), [&](const auto& hint) {
       for (const TunnelId& next : sm->tunnelsDirectlyDependingOn(hint.key())) {
         const auto back = sm->directlyDependentTunnels(next);
         EXPECT_TRUE(std::binary_search(back.begin(), back.end(), hint.key()));

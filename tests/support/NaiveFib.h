@@ -46,7 +46,7 @@ class NaiveFib {
 
   template <class Table>
   void read(const Table& table) {
-    walkSafely(table, true, [&](const auto& hint) {
+    walkSafely(table, [&](const auto& hint) {
       if (tunnels_.count(hint.key()) != 0) {
         return;  // of another interface table, which comes first
       }

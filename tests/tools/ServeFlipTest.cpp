@@ -103,7 +103,7 @@ TEST_F(ServeFlip, everybodyLivesAndReportsAndTheNextPublisherPutsItRight) {
     ASSERT_EQ(publishAll({scenario}), 0) << Support::contentsOf(scratch() / "publish.log");
     ASSERT_TRUE(agent.says("ready", 60)) << agentLog();
     ASSERT_TRUE(Support::becomes([&] { return comparable(document()) == expected; }, 60))
-        << agentLog() << comparable(document()).dump(1);
+        << agentLog() << OrderedJson::diff(expected, comparable(document())).dump(1);
     ASSERT_EQ(agent.stop(), 0) << agentLog();
     if (HasFailure()) {
       break;

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <tuple>
 
 #include "tests/support/RibScene.h"
@@ -43,6 +45,15 @@ class FailingTable : public Table {
       this->raiseCorruption("planted");
     }
     return Table::lookup(id);
+  }
+  // Flips a bit of the bytes where they stand first in the table.
+  void damage(const std::array<std::uint8_t, 4>& bytes) {
+    const Memtab::View view = this->store().store().view();
+    auto* const begin = const_cast<std::byte*>(view.base);
+    auto* const at = std::search(begin, begin + view.size(), bytes.begin(), bytes.end(),
+                                 [](std::byte a, std::uint8_t b) { return a == std::byte(b); });
+    ASSERT_NE(at, begin + view.size());
+    *at ^= std::byte(1);
   }
   mutable int lookups = 0;
   int failing = -1;
@@ -122,6 +133,26 @@ TEST(Intake, theTwoLookupsAreIndependent) {
     EXPECT_EQ(listener->tunnelSm("ldp")->seenTunnelId().size(), c.seen) << c.failing;
   }
   EXPECT_EQ(table->corruptions(), 2U);
+}
+
+// Fails if a damaged record hides those behind it from who begins to listen: they are no news to anybody later.
+TEST(Intake, walksGoOnBehindDamagedRecords) {
+  const auto table = Zol::make<FailingTable<LdpTunnelTable>>();
+  for (unsigned i = 1; i <= 5; ++i) {
+    LdpTunnelTableEntry entry(TunnelId(TunnelType::ldpTunnel, i));
+    entry.tepIs(tep("203.0.113." + std::to_string(i) + "/32"));
+    table->entryIs(entry);
+  }
+  LdpTunnelTable::Hint first;
+  ASSERT_TRUE(table->first(first));
+  table->damage({0xCB, 0x00, 0x71, static_cast<std::uint8_t>(first.key().index())});
+  const auto entities = tunnelTableEntitiesFactory();
+  const auto listener = Zol::Factory<RecordingSm>()(entities, nullptr);
+  entities->tunnelTableIs("ldp", table);
+  const std::vector<Report> reports = listener->taken();
+  EXPECT_EQ(reports.size(), 4U);
+  EXPECT_TRUE(std::none_of(reports.begin(), reports.end(), [&](const Report& each) { return each.id == first.key(); }));
+  EXPECT_EQ(table->corruptions(), 1U);
 }
 
 TEST(Intake, interfaceTablesOfOtherNamesReadAsRsvp) {

@@ -89,7 +89,7 @@ struct Watch : Zol::Listener<TunnelId>, Zol::Listener<EncapId> {
 TEST(TunnelFibWriter, noEntryEverNamesAMissingRecord) {
   WriterScene scene;
   Watch watch(*scene.fib, [&] {
-    walkSafely(scene.fib->entry(), true, [&](const auto& hint) {
+    walkSafely(scene.fib->entry(), [&](const auto& hint) {
       const TunnelFibEntry entry = scene.fib->entry().value(hint.key());
       for (const TunnelVia& each : entry.tunnelVia()) {
         EXPECT_TRUE(scene.fib->labelStackEncap().has(each.encapId()));
