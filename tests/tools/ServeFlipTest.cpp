@@ -1,6 +1,7 @@
 // Random bytes flipped all over the files of a state directory, under agent, publisher and reading tools.
 //
-// SERVE_FLIP_TRIALS: how often; 6 unless set. SERVE_FLIP_SEED: the first trial's seed, to repeat one.
+// SERVE_FLIP_TRIALS: how often; 30 unless set. SERVE_FLIP_SEED: the first trial's seed, to repeat one.
+#include <optional>
 #include <random>
 
 #include "tests/tools/Lab.h"
@@ -8,6 +9,12 @@
 
 namespace Tools {
 namespace {
+
+using Random = std::mt19937;
+
+// Who is there when the bytes flip: nobody, and then agent and publisher come together; nobody, and the publisher
+// comes when the agent has found out; the agent.
+enum class Scene : unsigned { nobody, nobodyForLong, agent };
 
 class ServeFlip : public testing::Test, protected Lab {
  protected:
@@ -39,9 +46,9 @@ class ServeFlip : public testing::Test, protected Lab {
     std::sort(all.begin(), all.end());
     return all;
   }
+  void flipSome(Random& random) const;
+  void putRight(Support::Process& agent, const OrderedJson& expected) const;
 };
-
-using Random = std::mt19937;
 
 // One to eight bytes of the file, half of them among those that are in use.
 void flip(const std::filesystem::path& file, Random& random) {
@@ -61,9 +68,27 @@ void flip(const std::filesystem::path& file, Random& random) {
   }
 }
 
+bool says(const std::string& log, const char* what) { return log.find(what) != std::string::npos; }
+
 unsigned numberIn(const char* variable, unsigned otherwise) {
   const char* const text = std::getenv(variable);
   return text == nullptr ? otherwise : static_cast<unsigned>(std::atoi(text));
+}
+
+void ServeFlip::flipSome(Random& random) const {
+  const bool everywhere = random() % 4 == 0;
+  for (const std::filesystem::path& file : files()) {
+    if (everywhere || random() % 4 == 0) {
+      flip(file, random);
+    }
+  }
+}
+
+void ServeFlip::putRight(Support::Process& agent, const OrderedJson& expected) const {
+  ASSERT_TRUE(agent.says("ready", 60)) << agentLog();
+  ASSERT_TRUE(Support::becomes([&] { return comparable(document()) == expected; }, 60))
+      << agentLog() << OrderedJson::diff(expected, comparable(document())).dump(1);
+  ASSERT_EQ(agent.stop(), 0) << agentLog();
 }
 
 // Fails if anybody crashes or hangs, if a reader shows something else than what was written without damage being
@@ -74,20 +99,22 @@ TEST_F(ServeFlip, everybodyLivesAndReportsAndTheNextPublisherPutsItRight) {
   const OrderedJson expected = comparable(document());
   ASSERT_EQ(Played(scenario).end().document["fib"], expected["fib"]);
   copy(stateDirectory(), scratch() / "whole");
-  const unsigned trials = numberIn("SERVE_FLIP_TRIALS", 6);
+  const unsigned trials = numberIn("SERVE_FLIP_TRIALS", 30);
   unsigned changed = 0;
   unsigned reported = 0;
-  for (unsigned trial = 0; trial < trials; ++trial) {
+  for (unsigned trial = 0; trial < trials && !HasFailure(); ++trial) {
     const unsigned seed = numberIn("SERVE_FLIP_SEED", 1) + trial;
     SCOPED_TRACE("SERVE_FLIP_SEED=" + std::to_string(seed));
     Random random(seed);
+    const Scene scene = Scene(seed % 3);
     restore();
-    const bool everywhere = random() % 4 == 0;
-    for (const std::filesystem::path& file : files()) {
-      if (everywhere || random() % 4 == 0) {
-        flip(file, random);
-      }
+    std::filesystem::remove(scratch() / "agent.log");
+    std::optional<Support::Process> agent;
+    if (scene == Scene::agent) {
+      agent.emplace(serve());
+      ASSERT_TRUE(agent->says("ready", 60)) << agentLog();
     }
+    flipSome(random);
     const Answer state = ask({"state"});
     const Answer check = ask({"check"});
     ASSERT_LT(state.status, 128) << state.text;
@@ -98,16 +125,21 @@ TEST_F(ServeFlip, everybodyLivesAndReportsAndTheNextPublisherPutsItRight) {
       ++changed;
       EXPECT_NE(check.status, 0) << "what is read is wrong, and nobody says so\n" << state.text;
     }
-    std::filesystem::remove(scratch() / "agent.log");
-    Support::Process agent = serve();
-    ASSERT_EQ(publishAll({scenario}), 0) << Support::contentsOf(scratch() / "publish.log");
-    ASSERT_TRUE(agent.says("ready", 60)) << agentLog();
-    ASSERT_TRUE(Support::becomes([&] { return comparable(document()) == expected; }, 60))
-        << agentLog() << OrderedJson::diff(expected, comparable(document())).dump(1);
-    ASSERT_EQ(agent.stop(), 0) << agentLog();
-    if (HasFailure()) {
-      break;
+    if (scene != Scene::agent) {
+      agent.emplace(serve());
     }
+    if (scene == Scene::nobodyForLong) {
+      ASSERT_TRUE(Support::becomes([&] { return says(agentLog(), "ready") || says(agentLog(), "waiting"); }))
+          << agentLog();
+    }
+    ASSERT_EQ(publishAll({scenario}), 0) << Support::contentsOf(scratch() / "publish.log");
+    if (scene == Scene::agent) {  // which looks at what it has written itself when it starts
+      ASSERT_EQ(agent->stop(), 0) << agentLog();
+      std::filesystem::remove(scratch() / "agent.log");
+      agent.reset();
+      agent.emplace(serve());
+    }
+    putRight(*agent, expected);
   }
   std::cout << trials << " trials, " << reported << " with damage reported, " << changed
             << " in which less or other than was written was read\n";
