@@ -63,15 +63,16 @@ uint32_t copyByTable(uint64_t head, const std::atomic<uint64_t>* from, uint64_t*
 
 #if defined(MEMTAB_CRC_TARGET)
 
-MEMTAB_CRC_TARGET inline uint32_t cpuStep(uint32_t crc, uint64_t word) {
+// The checksum is the lower half: in 64 bits, as the instruction leaves it, it needs no instruction in between.
+MEMTAB_CRC_TARGET inline uint64_t cpuStep(uint64_t crc, uint64_t word) {
 #if defined(__x86_64__)
-  return static_cast<uint32_t>(_mm_crc32_u64(crc, word));
+  return _mm_crc32_u64(crc, word);
 #else
-  return __crc32cd(crc, word);
+  return __crc32cd(static_cast<uint32_t>(crc), word);
 #endif
 }
 
-MEMTAB_CRC_TARGET inline uint32_t cpuStepHalf(uint32_t crc, uint32_t half) {
+MEMTAB_CRC_TARGET inline uint64_t cpuStepHalf(uint32_t crc, uint32_t half) {
 #if defined(__x86_64__)
   return _mm_crc32_u32(crc, half);
 #else
@@ -80,20 +81,23 @@ MEMTAB_CRC_TARGET inline uint32_t cpuStepHalf(uint32_t crc, uint32_t half) {
 }
 
 MEMTAB_CRC_TARGET uint32_t ofByCpu(uint64_t head, const uint64_t* words, size_t count) {
-  uint32_t crc = cpuStepHalf(~0u, static_cast<uint32_t>(head >> 32));
+  uint64_t crc = cpuStepHalf(~0u, static_cast<uint32_t>(head >> 32));
+#pragma GCC unroll 8
   for (size_t i = 0; i < count; ++i) {
     crc = cpuStep(crc, words[i]);
   }
-  return ~crc;
+  return ~static_cast<uint32_t>(crc);
 }
 
 MEMTAB_CRC_TARGET uint32_t copyByCpu(uint64_t head, const std::atomic<uint64_t>* from, uint64_t* to, size_t count) {
-  uint32_t crc = cpuStepHalf(~0u, static_cast<uint32_t>(head >> 32));
+  uint64_t crc = cpuStepHalf(~0u, static_cast<uint32_t>(head >> 32));
+#pragma GCC unroll 8
   for (size_t i = 0; i < count; ++i) {
-    to[i] = from[i].load(std::memory_order_acquire);
-    crc = cpuStep(crc, to[i]);
+    const uint64_t word = from[i].load(std::memory_order_acquire);
+    to[i] = word;
+    crc = cpuStep(crc, word);
   }
-  return ~crc;
+  return ~static_cast<uint32_t>(crc);
 }
 
 bool lookForInstruction() {

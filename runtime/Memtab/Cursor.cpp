@@ -7,6 +7,8 @@
 #include <cstring>
 #include <numeric>
 
+#include "runtime/Memtab/ReaderSteps.h"
+
 namespace Memtab {
 namespace {
 
@@ -36,7 +38,7 @@ void Cursor::seek(uint64_t hash, Bytes key) {
   next_ = 0;
 }
 
-Cursor::Step Cursor::next() {
+[[gnu::flatten]] Cursor::Step Cursor::next() {
   for (;;) {
     while (next_ < entries_.size()) {
       const Entry entry = entries_[next_++];

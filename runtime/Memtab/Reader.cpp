@@ -4,8 +4,7 @@
 
 #include <algorithm>
 
-#include "runtime/Memtab/Crc32c.h"
-#include "runtime/Zol/Assert.h"
+#include "runtime/Memtab/ReaderSteps.h"
 
 namespace Memtab {
 namespace {
@@ -32,10 +31,6 @@ Reader::Reader(View view, std::span<const HashFn> hashes)
   std::copy(hashes.begin(), hashes.end(), hashes_.begin());
 }
 
-bool Reader::isUsable(Place place) const {
-  return place.offset() >= headerBytes && view_.covers(place.offset() + place.bytes());
-}
-
 size_t Reader::ringSlots() const {
   const uint64_t word = header(ringAt);
   const Place ring = Place::of(word);
@@ -59,36 +54,6 @@ bool Reader::change(uint64_t sequence, Change& result) const {
     result.words[i] = slot[2 + i].load(std::memory_order_acquire);
   }
   return slot[0].load(std::memory_order_acquire) == sequence && result.collection < collectionCount_;
-}
-
-Reader::Chain Reader::walk(unsigned collection, uint64_t hash) const {
-  ZOL_ASSERT(collection < collectionCount_);
-  Chain chain;
-  chain.descriptorAt = at(descriptorsAt + sizeof(uint64_t) * collection);
-  chain.descriptor = chain.descriptorAt->load(std::memory_order_acquire);
-  const Place directory = Place::of(chain.descriptor);
-  if (!Place::isIntact(chain.descriptor)) {
-    chain.damage = "descriptor damaged";
-    return chain;
-  }
-  if (directory.units == 0) {
-    return chain;
-  }
-  if (directory.depth != directory.sizeLog2 || !isUsable(directory)) {
-    chain.damage = "directory outside the region";
-    return chain;
-  }
-  chain.directoryAt = at(directory.offset()) + prefixOf(hash, directory.depth);
-  chain.directory = chain.directoryAt->load(std::memory_order_acquire);
-  const Place segment = chain.segment();
-  if (!Place::isIntact(chain.directory)) {
-    chain.damage = "directory word damaged";
-  } else if (segment.depth > directory.depth || segment.words() < bucketWords || !isUsable(segment)) {
-    chain.damage = "segment outside the region";
-  } else {
-    chain.slots = at(segment.offset());
-  }
-  return chain;
 }
 
 const char* Reader::hiddenPart(unsigned collection) const {
@@ -142,7 +107,7 @@ bool Reader::hasLostEntries(unsigned collection) const {
   return isFewer && intent() == before && sequence() == before;
 }
 
-Lookup Reader::get(unsigned collection, uint64_t hash, Bytes key, Buffer& buffer) const {
+[[gnu::flatten]] Lookup Reader::get(unsigned collection, uint64_t hash, Bytes key, Buffer& buffer) const {
   Lookup result;
   for (int tries = 0; tries < triesMax; ++tries) {
     switch (tryGet(collection, hash, key, buffer, result)) {
@@ -214,7 +179,7 @@ inline Reader::Try Reader::judge(const Chain& chain, size_t slot, uint64_t finge
   }
   if (what == nullptr) {
     const Bytes itsKey = buffer.bytes(sizeof(uint64_t), head.keyLength);
-    if (itsKey.size() == key.size() && std::equal(key.begin(), key.end(), itsKey.begin())) {
+    if (itsKey.size() == key.size() && std::memcmp(key.data(), itsKey.data(), key.size()) == 0) {
       result.record = buffer.bytes(head.recordAt(), head.length - head.recordAt());
       result.word = word;
       result.head = head.word();
@@ -227,48 +192,6 @@ inline Reader::Try Reader::judge(const Chain& chain, size_t slot, uint64_t finge
   }
   result.damage = {what, collection, chain.segment().offset(), slot, size_t{unitsOf(word)} * unitBytes};
   return Try::damaged;
-}
-
-// The first word of the block at units. Returns what is wrong with it; nullptr: nothing, all its words may be read.
-const char* Reader::readHead(unsigned collection, uint32_t units, uint64_t& first) const {
-  const size_t offset = size_t{units} * unitBytes;
-  if (offset < headerBytes || !view_.covers(offset + unitBytes)) {
-    return "block outside the region";
-  }
-  first = load(offset);
-  const BlockHead head = BlockHead::of(first);
-  if (!head.isSane() || !view_.covers(offset + 8 * head.words())) {
-    return "block length wrong";
-  }
-  return head.collection == collection ? nullptr : "block of another collection";
-}
-
-// Fills buffer with the block at units, of which it returns what is wrong.
-const char* Reader::copyBlock(unsigned collection, uint32_t units, Buffer& buffer, BlockHead& head) const {
-  uint64_t first = 0;
-  if (const char* what = readHead(collection, units, first)) {
-    return what;
-  }
-  head = BlockHead::of(first);
-  uint64_t* to = buffer.room(head.words());
-  to[0] = first;
-  const bool isIntact = crcCopy(first, at(size_t{units} * unitBytes) + 1, to + 1, head.words() - 1) == head.checksum;
-  return isIntact ? nullptr : "checksum differs";
-}
-
-// The same for the key alone, unchecked.
-const char* Reader::copyKey(unsigned collection, uint32_t units, KeyCopy& key) const {
-  uint64_t first = 0;
-  if (const char* what = readHead(collection, units, first)) {
-    return what;
-  }
-  key.length = BlockHead::of(first).keyLength;
-  key.blockLength = BlockHead::of(first).length;
-  const Word* from = at(size_t{units} * unitBytes) + 1;
-  for (size_t i = 0; i < (key.length + 7) / 8; ++i) {
-    key.words[i] = from[i].load(std::memory_order_acquire);
-  }
-  return nullptr;
 }
 
 }  // namespace Memtab

@@ -1,5 +1,7 @@
 #include "runtime/Memtab/WordWalk.h"
 
+#include "runtime/Memtab/ReaderSteps.h"
+
 namespace Memtab {
 namespace {
 
