@@ -50,7 +50,7 @@ auto Index<Stores>::match(uint64_t word, Bytes key) const -> Match {
     return Match::damaged;
   }
   const Bytes itsKey = keyAt(unitsOf(word), *head);
-  if (itsKey.size() == key.size() && std::equal(key.begin(), key.end(), itsKey.begin())) {
+  if (isSameKey(key, itsKey)) {
     return Match::mine;
   }
   const bool isOther = Spot(hash_(itsKey)).fingerprint() == fingerprintOf(word) && isIntact(unitsOf(word), *head);

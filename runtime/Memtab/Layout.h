@@ -29,6 +29,7 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <span>
 
 #if defined(__SSE2__)
@@ -181,6 +182,26 @@ inline void prefetchBlock(const std::byte* block) {
   __builtin_prefetch(block);
   __builtin_prefetch(block + lineBytes);
   __builtin_prefetch(block + usualBytes - 1);
+}
+
+// Whether two keys are the same one. They are a few bytes long: calling a function would cost more than comparing.
+inline bool isSameKey(Bytes a, Bytes b) {
+  if (a.size() != b.size()) {
+    return false;
+  }
+  size_t at = 0;
+  for (; a.size() - at >= sizeof(uint64_t); at += sizeof(uint64_t)) {
+    uint64_t words[2];
+    std::memcpy(&words[0], a.data() + at, sizeof(uint64_t));
+    std::memcpy(&words[1], b.data() + at, sizeof(uint64_t));
+    if (words[0] != words[1]) {
+      return false;
+    }
+  }
+  while (at < a.size() && a[at] == b[at]) {
+    ++at;
+  }
+  return at == a.size();
 }
 
 // The first word of a block.

@@ -179,10 +179,10 @@ inline Reader::Try Reader::judge(const Chain& chain, size_t slot, uint64_t finge
   }
   if (what == nullptr) {
     const Bytes itsKey = buffer.bytes(sizeof(uint64_t), head.keyLength);
-    if (itsKey.size() == key.size() && std::memcmp(key.data(), itsKey.data(), key.size()) == 0) {
+    if (isSameKey(key, itsKey)) {
       result.record = buffer.bytes(head.recordAt(), head.length - head.recordAt());
       result.word = word;
-      result.head = head.word();
+      result.head = buffer.words()[0];
       return Try::found;
     }
     if (Spot(hashes_[collection](itsKey)).fingerprint() == fingerprint) {

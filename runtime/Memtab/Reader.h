@@ -44,7 +44,8 @@ class Buffer {
     }
     return words_.data();
   }
-  Bytes bytes(size_t at, size_t length) const { return std::as_bytes(std::span(words_)).subspan(at, length); }
+  const uint64_t* words() const { return words_.data(); }
+  Bytes bytes(size_t at, size_t length) const { return {reinterpret_cast<const std::byte*>(words()) + at, length}; }
 
  private:
   std::vector<uint64_t> words_ = std::vector<uint64_t>(64);
