@@ -17,7 +17,8 @@ namespace Agent {
 namespace {
 
 constexpr unsigned limitPriority = 2;
-constexpr useconds_t microsecondsBeforeNewBeginning = 100'000;  // whoever spoils tables all the time gets no more
+constexpr timespec beforeNewBeginning = {0, 100'000'000};  // whoever spoils tables all the time gets no more
+constexpr timespec beforeNextTry = {1, 0};
 
 // The same damage is met again and again until it is mended; one line is enough, and a file says it too.
 void logDamage(const std::string& table, const std::string& message) {
@@ -57,13 +58,21 @@ void raiseDescriptorLimit() {
   }
 }
 
-AgentConfig configOf(const ServeOptions& options) {
+ConfigInForce configOf(const ServeOptions& options) {
+  if (!options.configFile.empty()) {
+    return {readConfigFile(options.configFile), options.configFile};
+  }
   std::istringstream none;
-  return options.configFile.empty() ? readConfig(none, "") : readConfigFile(options.configFile);
+  return {readConfig(none, ""), "default"};
 }
 
-std::string configSourceOf(const ServeOptions& options) {
-  return options.configFile.empty() ? "default" : options.configFile;
+// Whether a signal that ends the agent comes meanwhile.
+bool endsWithin(const timespec& time) {
+  sigset_t ending;
+  sigemptyset(&ending);
+  sigaddset(&ending, SIGTERM);
+  sigaddset(&ending, SIGINT);
+  return sigtimedwait(&ending, nullptr, &time) > 0;
 }
 
 }  // namespace
@@ -84,11 +93,10 @@ class ServeCommand::WaitLimit final : public Quor::TimerTask {
   ServeCommand& command_;
 };
 
-ServeCommand::ServeCommand(ServeOptions options)
+ServeCommand::ServeCommand(ServeOptions options, ConfigInForce& config)
     : options_(std::move(options)),
       signals_(signalDescriptor()),
-      config_(configOf(options_)),
-      configSource_(configSourceOf(options_)),
+      config_(config),
       misfits_(misfits(options_.stateDirectory)),
       host_(time_, slicePolicy_, Zol::make<Statehub::EntityManager>(options_.stateDirectory)),
       status_(host_, host_.scheduler()),
@@ -111,7 +119,7 @@ ServeCommand::ServeCommand(ServeOptions options)
   handleRescan();
   loop_.newsSourceIs(this);
   loop_.fdIs(signals_.get(), [this] { handleSignal(); });
-  applyConfig(config_, *host_.ribConfigs());
+  applyConfig(config_.config, *host_.ribConfigs());
   gate_.emplace(host_);
   startIfReady();
   if (gate_ && options_.waitSeconds) {
@@ -164,7 +172,17 @@ bool ServeCommand::mayFallAsleep() {
     handleFirstDrain();
   }
   lookForTrouble();
-  return feed_->mayFallAsleep();
+  if (!feed_->mayFallAsleep()) {
+    return false;
+  }
+  // Readiness is no news of a table: who declared it since we looked has rung nobody.
+  const bool isStartDue = gate_ && gate_->waitingFor() != waitingFor_;
+  const bool isDeclarationDue = !gate_ && isDeclarationInForce_ != isBgpLuComplete();
+  if (isStartDue || isDeclarationDue) {
+    feed_->awake();
+    return false;
+  }
+  return true;
 }
 
 void ServeCommand::lookForTrouble() {
@@ -194,6 +212,10 @@ void ServeCommand::lookForTrouble() {
 void ServeCommand::startIfReady() {
   std::vector<std::string> waitingFor = gate_->waitingFor();
   if (waitingFor.empty()) {
+    feed_->rescan();  // what became unreadable since told nobody
+    waitingFor = gate_->waitingFor();
+  }
+  if (waitingFor.empty()) {
     start();
     return;
   }
@@ -214,7 +236,7 @@ void ServeCommand::start() {
   readDeclaration();
   host_.start();
   status_.publishRibs(*host_.ribConfigs());
-  log(LogLevel::info, "started over " + options_.stateDirectory + " with " + counted(config_.size(), "RIB"));
+  log(LogLevel::info, "started over " + options_.stateDirectory + " with " + counted(config_.config.size(), "RIB"));
   service_.look();
 }
 
@@ -287,7 +309,8 @@ void ServeCommand::reload() {
     return;
   }
   try {
-    configIs(configOf(options_), configSourceOf(options_));
+    ConfigInForce read = configOf(options_);
+    configIs(std::move(read.config), read.source);
   } catch (const ScenarioError& error) {
     log(LogLevel::error, std::string(error.what()) + "; the configuration stays as it was");
     if (isReady_) {
@@ -297,10 +320,9 @@ void ServeCommand::reload() {
 }
 
 void ServeCommand::configIs(AgentConfig config, const std::string& source) {
-  config_ = std::move(config);
-  configSource_ = source;
-  configTask_.configIs(config_);
-  log(LogLevel::info, "configuration read (" + source + "): " + counted(config_.size(), "RIB"));
+  config_ = {std::move(config), source};
+  configTask_.configIs(config_.config);
+  log(LogLevel::info, "configuration read (" + source + "): " + counted(config_.config.size(), "RIB"));
 }
 
 void ServeCommand::handleConfigured() {
@@ -319,13 +341,30 @@ OrderedJson ServeCommand::stats() const {
 void ServeLoop::run() {
   raiseDescriptorLimit();
   Memtab::MapBase::damageWitnessIs(logDamage);
-  for (;;) {
+  ConfigInForce config = configOf(options_);
+  bool hasBegun = false;
+  const auto tellNextTry = [&hasBegun](const Zol::Exception& reason) {
+    if (!hasBegun) {
+      throw;
+    }
+    log(LogLevel::error, std::string(reason.what()) + "; trying again every second");
+  };
+  for (timespec pause = beforeNextTry;; pause = beforeNextTry) {
     try {
-      ServeCommand(options_).run();
+      ServeCommand command(options_, config);
+      hasBegun = true;
+      command.run();
       return;
     } catch (const Memtab::CorruptionException& lost) {
       log(LogLevel::error, std::string("a table of the agent is damaged: ") + lost.what() + "; beginning anew");
-      usleep(microsecondsBeforeNewBeginning);
+      pause = beforeNewBeginning;
+    } catch (const Memtab::NoSpace& full) {
+      tellNextTry(full);
+    } catch (const Memtab::FileRefused& refused) {
+      tellNextTry(refused);
+    }
+    if (endsWithin(pause)) {
+      return;
     }
   }
 }

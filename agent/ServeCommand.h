@@ -40,15 +40,21 @@ namespace Agent {
 // How long a task works before it looks up. Backlogs pause for as long, so two of them share the processor.
 inline constexpr double sliceSeconds = 0.01;
 
+// What the agent goes by: kept when it begins anew, whatever its file says by then.
+struct ConfigInForce {
+  AgentConfig config;
+  std::string source;
+};
+
 class ServeCommand final : private Quor::NewsSource, private ControlTarget {
  public:
-  // Blocks the signals that it answers. Raises ScenarioError for the configuration, and what mounting raises: TableBusy
-  // when another agent serves the directory, FileRefused, NoSpace.
-  explicit ServeCommand(ServeOptions options);
+  // Blocks the signals that it answers. config outlives the command, and follows what is configured. Raises what
+  // mounting raises: TableBusy when another agent serves the directory, FileRefused, NoSpace.
+  ServeCommand(ServeOptions options, ConfigInForce& config);
   ~ServeCommand();
 
   // Returns after SIGTERM or SIGINT. Raises CorruptionException when bytes of a RIB or the FIB are lost: who makes
-  // another command of the same options goes on.
+  // another command of the same options and configuration goes on.
   void run();
 
  private:
@@ -64,8 +70,8 @@ class ServeCommand final : private Quor::NewsSource, private ControlTarget {
   bool mayFallAsleep() override;
   void awake() override { feed_->awake(); }
 
-  const AgentConfig& config() const override { return config_; }
-  std::string configSource() const override { return configSource_; }
+  const AgentConfig& config() const override { return config_.config; }
+  std::string configSource() const override { return config_.source; }
   bool isConfigurable() const override { return gate_ || troubles_.canReadAll(); }
   void configIs(AgentConfig config, const std::string& source) override;
   OrderedJson stats() const override;
@@ -84,8 +90,7 @@ class ServeCommand final : private Quor::NewsSource, private ControlTarget {
 
   const ServeOptions options_;
   Memtab::Descriptor signals_;  // blocked before anything takes time
-  AgentConfig config_;
-  std::string configSource_;
+  ConfigInForce& config_;
   const std::vector<std::string> misfits_;  // found before the host took the tables over
   Quor::RealTimeSource time_;
   Quor::TimeSlicePolicy slicePolicy_{time_, sliceSeconds};
@@ -110,10 +115,12 @@ class ServeCommand final : private Quor::NewsSource, private ControlTarget {
   bool isReady_ = false;
 };
 
-// Serves until a signal ends it; begins anew, over what is left, when bytes of a RIB or the FIB are lost.
+// Serves until a signal ends it; begins anew, over what is left, when bytes of a RIB or the FIB are lost, and tries
+// that every second where there is no space for it.
 class ServeLoop {
  public:
   explicit ServeLoop(ServeOptions options) : options_(std::move(options)) {}
+  // Raises ScenarioError for the configuration, and what the first ServeCommand does.
   void run();
 
  private:

@@ -81,7 +81,7 @@ void TunnelFibSm::removeStaleEntries() {
   FASTLOG_TRACE(8, "void Tunnel::TunnelTable::TunnelFibSm::removeStaleEntries()");
   TunnelFibDependencies::TunnelIds stale;
   walkSafely(tunnelFib_->entry(), [&](const auto& hint) {
-    if (visitTableEntry(hint.key(), [](const auto&) {})) {
+    if (visitTableEntry(hint.key(), [](const auto&) {}) || isHidden(hint.key())) {
       FASTLOG_TRACE(8, " tunnel id " << hint.key() << " is not stale.");
     } else {
       stale.push_back(hint.key());

@@ -147,6 +147,7 @@ class TunnelRibBuilderSm final : public TableEntrySm {
   bool writeUnwritten(StagedTunnelRib& ribs);
 
   bool isLiveAt(const EncapsulatedTableEntry& entry, const Ipkit::IpGenPrefix& tep) const;
+  void keepHidden(const TunnelId& id, TunnelRibEntry& kept);
   TunnelRibEntry keptOf(const TunnelRibEntry& standing, std::optional<TunnelType> type);
   void refillEmptied(const Zol::HashCollection<Ipkit::IpGenPrefix, bool>& emptied);
   void fileCandidate(const TunnelTableEntry& head, TunnelEntryPref pref);

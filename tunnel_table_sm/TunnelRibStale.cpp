@@ -27,6 +27,11 @@ TunnelRibEntry TunnelRibBuilderSm::keptOf(const TunnelRibEntry& standing, std::o
   kept.prefIs(standing.pref());
   for (const TunnelId& id : standing.tunnelId()) {
     const EncapsulatedTableEntry entry = freshEntry(id);
+    if (!entry.hasEntry() && contributeToTunnelRib(id.tunnelType()) &&
+        EncapsulatedTableEntry::isHidden(id, *tunnelTableEntities())) {
+      keepHidden(id, kept);
+      continue;
+    }
     const bool isLive = contributeToTunnelRib(id.tunnelType()) && isLiveAt(entry, standing.tep());
     const TunnelEntryPref pref = isLive ? getPreference(entry.entry()) : defaultPrefOfNone;
     const bool isFirst = kept.tunnelIds() == 0;
@@ -49,6 +54,16 @@ TunnelRibEntry TunnelRibBuilderSm::keptOf(const TunnelRibEntry& standing, std::o
     }
   }
   return kept;
+}
+
+// Its table does not tell whether it is still there: it stays, as it was filed, until that can be told.
+void TunnelRibBuilderSm::keepHidden(const TunnelId& id, TunnelRibEntry& kept) {
+  FASTLOG_TRACE(8, id << " is hidden.");
+  kept.addTunnelId(id);
+  TunnelTableEntry head(id, kept.pref());
+  head.tepIs(kept.tep());
+  fileCandidate(head, kept.pref());
+  unreadable_.insert(id);
 }
 
 // An entry that cannot be read is refilled like one that holds nothing live.

@@ -41,6 +41,7 @@ void Cursor::seek(uint64_t hash, Bytes key) {
 [[gnu::flatten]] Cursor::Step Cursor::next() {
   for (;;) {
     while (next_ < entries_.size()) {
+      lookAhead();
       const Entry entry = entries_[next_++];
       const Taken taken = take(entry);
       if (taken == Taken::entry || taken == Taken::damaged) {
@@ -118,6 +119,29 @@ Cursor::Step Cursor::giveUp(uint64_t hash) {
   return Step::recovering;
 }
 
+void Cursor::beginLookAhead() {
+  const Reader::Chain next = isDone_ ? Reader::Chain() : reader_->walk(collection_, resumeHash_);
+  ahead_ = next.slots == nullptr ? std::span<const Word>() : std::span(next.slots, next.segment().words());
+}
+
+// A few words an entry, as segments have more words than entries. What is asked for goes to the second-level cache: in
+// the first it would take the place of the entries that are visited now.
+void Cursor::lookAhead() {
+  constexpr int wordsAnEntry = 2;
+  constexpr size_t wordsAhead = 64;
+  constexpr int secondLevel = 2;
+  if (ahead_.size() > wordsAhead) {
+    __builtin_prefetch(&ahead_[wordsAhead], 0, secondLevel);
+  }
+  for (int i = 0; i < wordsAnEntry && !ahead_.empty(); ++i) {
+    const std::byte* const block = reader_->blockAt(ahead_.front().load(std::memory_order_relaxed));
+    __builtin_prefetch(block, 0, secondLevel);
+    __builtin_prefetch(block + lineBytes, 0, secondLevel);
+    __builtin_prefetch(block + 2 * lineBytes, 0, secondLevel);
+    ahead_ = ahead_.subspan(1);
+  }
+}
+
 // Behind all hashes that share the upper depth bits with hash.
 void Cursor::goTo(uint64_t hash, unsigned depth) {
   const uint64_t last = lastHashOf(hash, depth);
@@ -148,6 +172,7 @@ Cursor::Step Cursor::nextSegment() {
       return end();
     }
     goTo(resumeHash_, chain_.segment().depth);
+    beginLookAhead();
     return Step::entry;
   }
   goTo(resumeHash_, chain_.segment().depth);

@@ -11,7 +11,8 @@
 // version it had when it was returned; a key that is added or deleted meanwhile may be met or missed. Each step moves
 // up in a finite order, so a walk ends whatever the writer does.
 //
-// Blocks of a segment lie anywhere: the snapshot asks for them ahead of use, so that their cache misses overlap.
+// Blocks of a segment lie anywhere: the snapshot asks for them ahead of use, so that their cache misses overlap, and
+// while its entries are visited those of the next segment are on their way.
 //
 // One thread a Cursor; its Reader must outlive it.
 #pragma once
@@ -75,6 +76,8 @@ class Cursor {
   void sortByHash();
   bool sortTies();
   void goTo(uint64_t hash, unsigned depth);
+  void beginLookAhead();
+  void lookAhead();
 
   const Reader* reader_;
   unsigned collection_;
@@ -88,7 +91,8 @@ class Cursor {
   Reader::Chain chain_;  // of the snapshot
   std::vector<Entry> entries_;
   size_t next_ = 0;
-  std::vector<Entry> sorted_;  // kept for their memory
+  std::span<const Word> ahead_;  // words of the next segment, whose blocks were not asked for yet
+  std::vector<Entry> sorted_;    // kept for their memory
   std::vector<uint32_t> starts_;
   Buffer buffers_[2];  // the last entry's, which last_ refers to, and the next one's
   unsigned buffer_ = 0;

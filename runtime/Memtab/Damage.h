@@ -9,6 +9,7 @@ namespace Memtab {
 
 // Of all that is absent in a region of which bytes were lost: zeros prove nothing.
 inline constexpr const char* bytesLost = "bytes of the region are lost";
+inline constexpr const char* entriesLost = "the index has fewer records than the table";
 
 struct Damage {
   const char* what = nullptr;  // nullptr: no damage

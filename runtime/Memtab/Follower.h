@@ -16,9 +16,13 @@
 // look, with the same generation, is compared by the head of its block (checksum and length) too.
 //
 // Who is told also reads by itself, and then sees what it will only be told of: a record that is deleted again before
-// it was examined, say. handleRead() keeps in mind that the key must be reported, whatever it is found to be.
+// it was examined, or one that cannot be read. handleRead() keeps in mind that the key must be reported, whatever it is
+// found to be.
 //
 // What cannot be read is reported as damage and what is known of it is kept: an unreadable table is never an empty one.
+// Nor is one that was complete and is being filled anew: what is missing in a comparison then, its successor may only
+// have taken out as unreadable. It counts as deleted when the table is complete again. Deletions in the ring count at
+// once.
 //
 // Requires: the upper half of the collection's hash is Zol::hashOf(key). One thread; the Reader must outlive it.
 #pragma once
@@ -68,19 +72,24 @@ class Follower {
     beginComparison();
   }
 
-  // Who is told of changes has looked the key up, and found a record or none.
-  void handleRead(const Key& key, bool isFound) {
-    const bool isAhead = isBehind() || reader_->intent() != sequence_;
-    if (isAhead && isFound != known_.has(key)) {
+  // Who is told of changes has looked the key up.
+  void handleRead(const Key& key, Found found) {
+    const bool isAhead = found == Found::found && (isBehind() || reader_->intent() != sequence_);
+    if (found == Found::found ? isAhead && !known_.has(key) : known_.has(key)) {
       known_.insertOrAssign(key, Known());
     }
   }
+  // Who is told of changes has walked the table, and had to leave something out.
+  void handleUnread() { isDoubted_ = true; }
 
-  // Whether poll() has something to do. Two loads when it has not.
+  // Whether poll() has something to do. Three loads when it has not.
   bool isBehind() const {
+    wasComplete_ = wasComplete_ || reader_->ready();
     return comparison_ || nextCandidate_ != candidates_.size() || !again_.empty() || reader_->sequence() != sequence_ ||
-           reader_->epoch() != epoch_;
+           reader_->epoch() != epoch_ || (isOwed_ && reader_->ready());
   }
+  // Whether the key's absence says nothing, as the table is being filled anew.
+  bool withholds(const Key& key) const { return isRefilled() && known_.has(key); }
   // Up to which all changes have been reported. Lags behind while poll() has more to do.
   uint64_t sequence() const {
     if (nextCandidate_ == candidates_.size() && again_.empty()) {
@@ -123,11 +132,12 @@ class Follower {
     uint64_t sequence;         // which it brings us to
     std::optional<Key> known;  // the first known key that was not compared yet
     uint64_t hash = 0;         // where the next segment is
-    bool isLossy = false;      // records are missing that were not deleted: nothing that is missing counts as deleted
+    bool isLossy = false;      // records may be missing that were not deleted: nothing missing counts as deleted
     bool isOver = false;
   };
   using Candidate = std::pair<uint32_t, Key>;  // with its hash, so that they are examined in the table's order
 
+  bool isRefilled() const { return wasComplete_ && !reader_->ready(); }
   void beginComparison();
   void forgetWords();
   template <class F, class D>
@@ -161,6 +171,9 @@ class Follower {
   std::vector<Candidate> candidates_;
   size_t nextCandidate_ = 0;
   std::vector<Key> again_;  // keys that changed too fast to be read
+  mutable bool wasComplete_ = false;
+  bool isOwed_ = false;     // a comparison when the table is complete again
+  bool isDoubted_ = false;  // what is known may not have been read by all
   Zol::ByteWriter encoded_;
 
   WordWalk walk_;
@@ -174,7 +187,7 @@ void Follower<Key>::beginComparison() {
   latest_ = 0;
   epoch_ = reader_->epoch();
   comparison_.emplace(Comparison{reader_->sequence(), std::nullopt});
-  comparison_->isLossy = reader_->hasLostEntries(collection_);
+  comparison_->isLossy = reader_->hasLostEntries(collection_) || reader_->hiddenPart(collection_) != nullptr;
   if (const auto first = std::as_const(known_).begin()) {
     comparison_->known = first.key();
   }
@@ -183,8 +196,12 @@ void Follower<Key>::beginComparison() {
 template <class Key>
 void Follower<Key>::forgetWords() {
   for (auto at = known_.begin(); at; ++at) {
+    if (isDoubted_) {
+      at.value() = Known();
+    }
     at.value().units = 0;
   }
+  isDoubted_ = false;
 }
 
 template <class Key>
@@ -219,6 +236,9 @@ bool Follower<Key>::poll(size_t keysMax, F&& f, D&& onDamage) {
       if (target < sequence_) {
         forgetWords();  // not the history that we know
       }
+      beginComparison();
+    } else if (target == sequence_ && isOwed_ && reader_->ready()) {
+      isOwed_ = false;
       beginComparison();
     } else if (target == sequence_) {
       return isBehind();
@@ -429,6 +449,10 @@ bool Follower<Key>::examine(const Key& key, D&& onDamage) {
     case Found::absent:
       if (comparison_ && comparison_->isLossy && known_.has(key)) {
         onDamage(Damage{"a record that was not deleted is gone from the index", collection_, 0, 0, 0});
+        return false;
+      }
+      if (comparison_ && withholds(key)) {
+        isOwed_ = true;
         return false;
       }
       return known_.erase(key);

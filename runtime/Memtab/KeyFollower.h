@@ -25,7 +25,9 @@ class KeyFollower {
   virtual bool poll(size_t keysMax, Zol::Channel<Key>& channel) = 0;
   virtual void rebind(const Reader& reader) = 0;
   // See Follower.
-  virtual void handleRead(const Key& key, bool isFound) = 0;
+  virtual void handleRead(const Key& key, Found found) = 0;
+  virtual void handleUnread() = 0;
+  virtual bool withholds(const Key& key) const = 0;
 };
 
 // A follower that takes what stands for known. O(size).

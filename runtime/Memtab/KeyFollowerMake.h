@@ -23,7 +23,9 @@ class KeyFollowerOf final : public KeyFollower<Key> {
         keysMax, [&channel](const Key& key) { channel.notify(key); }, onDamage_);
   }
   void rebind(const Reader& reader) override { follower_.rebind(reader); }
-  void handleRead(const Key& key, bool isFound) override { follower_.handleRead(key, isFound); }
+  void handleRead(const Key& key, Found found) override { follower_.handleRead(key, found); }
+  void handleUnread() override { follower_.handleUnread(); }
+  bool withholds(const Key& key) const override { return follower_.withholds(key); }
 
  private:
   Follower<Key> follower_;

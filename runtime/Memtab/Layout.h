@@ -32,7 +32,8 @@
 #include <cstring>
 #include <span>
 
-#if defined(__SSE2__)
+#if defined(__SSE2__) && !defined(__SANITIZE_THREAD__)
+#define MEMTAB_COMPARES_PAIRS
 #include <emmintrin.h>
 #endif
 
@@ -125,8 +126,8 @@ constexpr uint64_t versionOf(uint64_t word) { return word >> 32; }
 // the CPU would guess them wrong once a look-up, and with a right guess it already begins the next look-up while this
 // one waits for memory.
 inline unsigned matchesIn(const Word* bucket, uint64_t fingerprint) {
-#if defined(__SSE2__)
-  // An x86 loads each aligned half of 16 bytes at once and in order, which is what an acquire load of a word is there;
+#if defined(MEMTAB_COMPARES_PAIRS)
+  // An x86 loads each word of an aligned pair at once and in order, which is what an acquire load of a word is there;
   // the fence binds the compiler. Of two pairs of words the upper halves come together, and of these the upper halves
   // again are what is compared.
   const __m128i wanted = _mm_set1_epi16(static_cast<int16_t>(fingerprint));

@@ -117,7 +117,8 @@ class MemtabMap : public Base {
   }
   bool has(const Key& key) const { return lookup(key).has_value(); }
 
-  // Whether no look-up can tell now if there is a record: damage to more than the record, or a writer that is too fast.
+  // Whether no look-up can tell now if there is a record: damage to more than the record, a writer that is too fast, or
+  // one that fills a table anew that was complete.
   bool hides(const Key& key) const {
     if (this->isPlaceholder()) {
       return false;
@@ -125,6 +126,7 @@ class MemtabMap : public Base {
     const Bytes bytes = encodedKey(key);
     const Lookup found = this->store().get(this->collection(), hashOfKey(bytes), bytes);
     return found.state == Found::recovering ||
+           (found.state == Found::absent && follower_ != nullptr && follower_->withholds(key)) ||
            (found.state == Found::damaged && (found.damage.block == 0 || this->store().reader().isDamaged()));
   }
 
@@ -178,7 +180,7 @@ class MemtabMap : public Base {
     const Bytes bytes = encodedKey(key);
     const Lookup found = this->store().get(this->collection(), hashOfKey(bytes), bytes);
     if (follower_ != nullptr) {
-      follower_->handleRead(key, found.state != Found::absent);
+      follower_->handleRead(key, found.state);
     }
     if (found.state == Found::absent) {
       return std::nullopt;
@@ -281,6 +283,9 @@ class MemtabMap<Record, Base>::Hint {
       return false;
     }
     if (step != Cursor::Step::entry) {
+      if (map.follower_ != nullptr) {
+        map.follower_->handleUnread();
+      }
       map.raiseCorruption(step == Cursor::Step::damaged ? cursor_->damage().text() : "changing too fast to read");
     }
     Zol::ByteReader in(cursor_->key());

@@ -76,9 +76,9 @@ const char* Reader::hiddenPart(unsigned collection) const {
   return found;
 }
 
-// Words change between intent and sequence alone, so what was counted at one sequence is what stands. Segments that are
-// split or merged meanwhile may be counted twice, which hides a loss for that moment, but feigns none; one that is
-// given up while its words are read may hold anything, and tells nothing.
+// Records come and go between intent and sequence alone, so what was counted at one sequence is what stands. Segments
+// that are split or merged meanwhile may be counted twice, which hides a loss for that moment, but feigns none; one
+// that is given up while its words are read may hold anything, and tells nothing.
 bool Reader::hasLostEntries(unsigned collection) const {
   const uint64_t before = sequence();
   size_t live = 0;

@@ -79,6 +79,16 @@ FileStore::FileStore(std::unique_ptr<WriterFile> file, const std::string& stateD
   }
 }
 
+void FileStore::tellTakenOut() const {
+  for (const Damage& damage : store().takeOver().damages) {
+    for (const auto& [collection, listener] : listeners()) {
+      if (collection == damage.collection) {
+        listener->handleTrouble("taken out: " + damage.text());
+      }
+    }
+  }
+}
+
 void FileStore::mend() {
   if (store().isDamaged() || file_->bytes() < store().bytesMapped()) {
     throw CorruptionException(file_->path() + ": " + bytesLost);
@@ -152,6 +162,7 @@ void MirrorStore::bind(std::unique_ptr<ReaderFile> file) {
   previous_ = std::exchange(current_, std::move(file));
   next_ = nullptr;
   reader_ = Reader(current_->view(), hashes_);
+  lossyIs(trouble_ == entriesLost);
   for (const auto& [collection, listener] : listeners()) {
     listener->handleReader();
   }
@@ -164,14 +175,14 @@ MirrorStore::Version MirrorStore::versionOf(const ReaderFile& file) const {
 
 std::string MirrorStore::hiddenPart(const ReaderFile& file) const {
   const Reader reader(file.view(), hashes_);
-  const bool isLeft = !file.isOwned();  // counting costs milliseconds: who left the table tells nobody of its losses
   for (unsigned collection = 0; collection < hashes_.size(); ++collection) {
-    const char* what = reader.hiddenPart(collection);
-    if (what == nullptr && isLeft && reader.hasLostEntries(collection)) {
-      what = "the index has fewer records than the table";
-    }
-    if (what != nullptr) {
+    if (const char* const what = reader.hiddenPart(collection)) {
       return "collection " + std::to_string(collection) + ": " + what;
+    }
+  }
+  for (unsigned collection = 0; collection < hashes_.size(); ++collection) {
+    if (reader.hasLostEntries(collection)) {
+      return entriesLost;
     }
   }
   return "";
@@ -190,6 +201,11 @@ void MirrorStore::rescan() {
   } else if (file != nullptr && !file->isSameAs(*current_)) {
     next_ = std::move(file);
     nextJudgedAt_.reset();
+    if (trouble_.empty() && !before.empty() && !isNextComplete()) {
+      trouble_ = "its new file is not complete";
+    }
+  } else if (file != nullptr) {
+    lossyIs(trouble_ == entriesLost);
   }
   if (trouble_ != before && !trouble_.empty()) {
     for (const auto& [collection, listener] : listeners()) {

@@ -35,7 +35,7 @@ class StoreListener {
   virtual bool hasNews() const = 0;
   // The store reads another file now.
   virtual void handleReader() = 0;
-  // The file as a whole cannot be read any more.
+  // The file as a whole cannot be read any more, or some of it could not be taken over.
   virtual void handleTrouble(const std::string& what) = 0;
 
  protected:
@@ -58,7 +58,7 @@ class SharedStore : public Zol::PtrInterface {
 
   bool isWritable() const { return store_ != nullptr; }
   // Requires: writable.
-  Store& store() {
+  Store& store() const {
     ZOL_ASSERT(isWritable());
     return *store_;
   }
@@ -66,7 +66,15 @@ class SharedStore : public Zol::PtrInterface {
 
   // A look-up, which in a change under way finds what that has written.
   Lookup get(unsigned collection, std::uint64_t hash, Bytes key) const {
-    return store_ != nullptr ? store_->get(collection, hash, key) : reader_->get(collection, hash, key);
+    if (store_ != nullptr) {
+      return store_->get(collection, hash, key);
+    }
+    Lookup found = reader_->get(collection, hash, key);
+    if (found.state == Found::absent && isLossy_) {
+      found.state = Found::damaged;
+      found.damage = {entriesLost, collection, 0, 0, 0};
+    }
+    return found;
   }
   std::size_t entries(unsigned collection) const {
     return store_ != nullptr ? store_->entries(collection) : reader_->entries(collection);
@@ -98,6 +106,8 @@ class SharedStore : public Zol::PtrInterface {
   explicit SharedStore(const Reader* reader) : reader_(reader) {}
 
   const std::vector<std::pair<unsigned, StoreListener*>>& listeners() const { return listeners_; }
+  // Whether records are gone that nobody deleted: then none is absent.
+  void lossyIs(bool isLossy) { isLossy_ = isLossy; }
   // Another store with the same records; the old one.
   std::unique_ptr<Store> storeIs(std::unique_ptr<Store> store) {
     reader_ = &store->reader();
@@ -107,6 +117,7 @@ class SharedStore : public Zol::PtrInterface {
  private:
   std::unique_ptr<Store> store_;
   const Reader* reader_;
+  bool isLossy_ = false;
   // A change under way; forgotten unless end() is called.
   class Changing {
    public:
@@ -166,6 +177,9 @@ class FileStore final : public SharedStore {
 
   // Why the file that stood there was set aside; empty: none was.
   const std::string& asideReason() const { return file_->asideReason(); }
+
+  // Tells the maps what taking over the file took out.
+  void tellTakenOut() const;
 
   // Makes the file again, with the same records and the sequence going on, when its path names another one or none;
   // what stands in its place is set aside. Not inside change(). Throws CorruptionException when bytes of the table are

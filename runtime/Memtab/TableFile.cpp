@@ -173,7 +173,8 @@ void WriterFile::refuseChild() const {
 
 Region WriterFile::region(size_t bytesMax) {
   refuseChild();
-  const size_t bytes = isNew_ ? 0 : wordIn(headerOf(fd()), allocatedAt);
+  // All of the file, whatever its header says of the end: the take-over finds that out, and gives the rest back.
+  const size_t bytes = isNew_ ? 0 : this->bytes() / headerBytes * headerBytes;
   return Region(std::make_unique<FileBacking>(file_, bytes), bytesMax);
 }
 

@@ -55,6 +55,9 @@ auto EntityManager::mount(const std::string& path, const std::string& typeName, 
     return mounted.mirror;
   };
   mounted.entity = EntityTypes::make(typeName, path, source);
+  if (mounted.file != nullptr) {
+    mounted.file->tellTakenOut();
+  }
   return mounted;
 }
 
@@ -105,7 +108,9 @@ bool EntityManager::poll(std::size_t maxKeys) {
   for (auto next = mounted_.begin(); next != mounted_.end(); next = mounted_.upper_bound(path)) {
     path = next->first;
     if (const Zol::Ptr<Memtab::MirrorStore> mirror = next->second.mirror) {
+      const bool hadTrouble = !mirror->trouble().empty();
       isMore = mirror->poll(maxKeys) || isMore;
+      hasTroubleEnded_ = hasTroubleEnded_ || (hadTrouble && mirror->trouble().empty());
     }
   }
   return isMore;

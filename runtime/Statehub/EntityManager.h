@@ -92,6 +92,8 @@ class EntityManager : public Zol::PtrInterface {
   bool hasNews() const;
   // Tells watchers of about maxKeys keys a table; whether there is more.
   bool poll(std::size_t maxKeys);
+  // Whether poll() has found since the last question that a table is no longer in trouble.
+  bool takeTroubleEnded() { return std::exchange(hasTroubleEnded_, false); }
 
  private:
   struct Mounted {
@@ -104,6 +106,7 @@ class EntityManager : public Zol::PtrInterface {
   Mounted mount(const std::string& path, const std::string& typeName, Access access);
 
   const std::string stateDirectory_;
+  bool hasTroubleEnded_ = false;
   std::shared_ptr<Memtab::DoorbellRinger> ringer_;  // null until something is mounted for writing below a directory
   std::map<std::string, Mounted> mounted_;
 };

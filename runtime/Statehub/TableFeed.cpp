@@ -25,6 +25,9 @@ void TableFeed::FeedTask::run() {
   if (feed_.entityManager_->poll(keysAtOnce)) {
     scheduleTask();
   }
+  if (feed_.entityManager_->takeTroubleEnded() && feed_.rescanned_) {
+    feed_.rescanned_();
+  }
 }
 
 TableFeed::TableFeed(Zol::Ptr<EntityManager> entityManager, const Zol::Ptr<Quor::TaskScheduler>& scheduler,

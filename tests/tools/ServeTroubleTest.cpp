@@ -118,6 +118,61 @@ TEST_F(ServeTrouble, aTableThatHasLostRecordsIsNotASmallerOne) {
   EXPECT_EQ(sequences(), before);
 }
 
+// Fails if an agent that waits for one table takes another one, which was spoilt meanwhile without a word, for empty.
+TEST_F(ServeTrouble, aTableSpoiltDuringTheWaitIsNotEmpty) {
+  {
+    const Support::Process agent = serve();
+    ASSERT_EQ(publishLabFile(), 0);
+    ASSERT_TRUE(hasFibEntries(6)) << agent.output();
+    ASSERT_TRUE(agent.says("ready"));
+  }
+  Fs::remove(at("tunnel/table/sr"));
+  const Support::Process agent = serve();
+  ASSERT_TRUE(agent.says("waiting: table sr is absent")) << agent.output();
+  {
+    std::fstream ldp(at("tunnel/table/ldp"), std::ios::binary | std::ios::in | std::ios::out);
+    ldp.seekp(Memtab::descriptorsAt);
+    ldp.put('\x7F');
+  }
+  ASSERT_EQ(publishAll({"--table", "sr", scratch() / "lab.jsonl"}), 0);
+  EXPECT_TRUE(agent.says("waiting: table ldp cannot be read")) << agent.output();
+  EXPECT_EQ(document()["fib"].size(), 6U);
+  ASSERT_EQ(publishLabFile(), 0);
+  EXPECT_TRUE(agent.says("ready: 6 FIB entries")) << agent.output();
+}
+
+// Fails if an agent that begins anew goes by a configuration that was refused, or ends because of it.
+TEST_F(ServeTrouble, theConfigurationInForceOutlivesANewBeginning) {
+  ASSERT_EQ(publishLabFile(), 0);
+  Support::Process agent = serve({"--config", ribFile(R"({"rib": "one", "tables": {"ldp": {}}})")});
+  ASSERT_TRUE(Support::becomes([&] { return hasRib("one"); })) << agent.output();
+  ribFile("no configuration");
+  agent.signal(SIGHUP);
+  ASSERT_TRUE(agent.says("the configuration stays as it was")) << agent.output();
+  Fs::resize_file(at("tunnel/tunnelFib"), 0);
+  scratch().fileWith("state/look", "");  // the directory has changed
+  ASSERT_TRUE(agent.says("beginning anew")) << agent.output();
+  EXPECT_TRUE(Support::becomes([&] { return hasRib("one") && document()["fib"].size() == 6; })) << agent.output();
+  EXPECT_EQ(agent.stop(), 0);
+}
+
+// Fails if nobody is told what a start took out of the agent's own tables.
+TEST_F(ServeTrouble, whatATakeOverTakesOutIsReported) {
+  publishLab();
+  const std::string fib = at("tunnel/tunnelFib");
+  const std::size_t place = Support::contentsOf(fib).find(std::string("\xC0\x00\x02\x01", 4));  // a next hop
+  ASSERT_NE(place, std::string::npos);
+  {
+    std::fstream file(fib, std::ios::binary | std::ios::in | std::ios::out);
+    file.seekp(static_cast<std::streamoff>(place));
+    file.put('x');
+  }
+  const Support::Process agent = serve();
+  EXPECT_TRUE(agent.says("damage in table tunnel/tunnelFib")) << agent.output();
+  EXPECT_TRUE(agent.says("taken out: ")) << agent.output();
+  EXPECT_TRUE(agent.says("ready: 6 FIB entries")) << agent.output();
+}
+
 // Fails if a RIB is said to have caught up with a BGP that is still filling its table anew.
 TEST_F(ServeTrouble, aDeclarationEndsWithTheTableItWasMadeFor) {
   const std::string lines =

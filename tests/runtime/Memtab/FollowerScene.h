@@ -70,16 +70,15 @@ class Mirror {
     reported_.push_back(key);
     follower.handleRead(key, read(key));
   }
-  // Whether there is a record.
-  bool read(uint64_t key) {
+  Found read(uint64_t key) {
     const Lookup found = reader_->get(collection_, numberHashes[0](bytesOf(key)), bytesOf(key));
     EXPECT_TRUE(found.state == Found::found || found.state == Found::absent) << found.damage.text();
     if (found.state != Found::found) {
       numbers.erase(key);
-      return false;
+    } else {
+      numbers[key] = textOf(found.record);
     }
-    numbers[key] = textOf(found.record);
-    return true;
+    return found.state;
   }
 
   const Reader* reader_;

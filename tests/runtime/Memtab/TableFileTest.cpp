@@ -233,6 +233,42 @@ TEST(MemtabFile, misfitsAreSetAside) {
 }
 
 // Fails if of two writers that start together both, or none, end up with the table, or the loser breaks the winner's.
+// Fails if a bit of the size in the header costs the records behind it without a word.
+TEST(MemtabFile, aWrongSizeCostsNothing) {
+  const StateDirectoryScene files;
+  std::optional<WriterFile> file;
+  std::optional<Store> store;
+  const auto open = [&] {
+    store.reset();
+    file.reset();
+    file.emplace(files.path, "table", fileFingerprint, 1);
+    store.emplace(file->region(), fileFingerprint, fileHashes);
+  };
+  open();
+  constexpr unsigned records = 3000;
+  for (unsigned i = 0; i < records; ++i) {
+    const std::string key = std::to_string(i);
+    store->put(0, spreadHash(bytesOf(key)), bytesOf(key), bytesOf(std::string(100, 'x')));
+  }
+  file->publish();
+  const uint64_t allocated = store->bytesMapped();
+  unsigned kept = 0;
+  for (uint64_t bit = headerBytes; bit < allocated; bit *= 2) {
+    if ((allocated & bit) == 0) {
+      continue;
+    }
+    reinterpret_cast<Word*>(const_cast<std::byte*>(store->view().base))[allocatedAt / 8] = allocated ^ bit;
+    open();
+    if (!file->asideReason().empty()) {
+      break;  // what is left is no table
+    }
+    EXPECT_EQ(store->entries(0), records) << (allocated ^ bit);
+    EXPECT_TRUE(store->takeOver().damages.empty());
+    ++kept;
+  }
+  EXPECT_GT(kept, 0U);
+}
+
 TEST(MemtabFile, firstToPublishWins) {
   Scene scene;
   WriterFile one = writerOf(scene);
