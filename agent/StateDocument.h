@@ -30,7 +30,6 @@ OrderedJson ribEntryJson(const Model::TunnelRibEntry& entry);
 template <class Map>
 std::vector<typename Map::Key> sortedKeys(const Map& map) {
   std::vector<typename Map::Key> keys;
-  keys.reserve(map.size());
   Model::walkSafely(map, [&keys](const auto& hint) { keys.push_back(hint.key()); });
   std::sort(keys.begin(), keys.end());
   return keys;

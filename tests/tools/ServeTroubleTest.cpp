@@ -173,6 +173,19 @@ TEST_F(ServeTrouble, whatATakeOverTakesOutIsReported) {
   EXPECT_TRUE(agent.says("ready: 6 FIB entries")) << agent.output();
 }
 
+// Fails if a reader asks for as much memory as a damaged count says.
+TEST_F(ServeTrouble, aDamagedCountIsNoSize) {
+  publishLab();
+  const OrderedJson before = document();
+  {
+    std::fstream fib(at("tunnel/tunnelFib"), std::ios::binary | std::ios::in | std::ios::out);
+    fib.seekp(Memtab::entriesAt + 7);
+    fib.put('\x40');
+  }
+  EXPECT_EQ(document()["fib"], before["fib"]);
+  EXPECT_EQ(ask({"check"}).status, 1);
+}
+
 // Fails if a RIB is said to have caught up with a BGP that is still filling its table anew.
 TEST_F(ServeTrouble, aDeclarationEndsWithTheTableItWasMadeFor) {
   const std::string lines =
