@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <ctime>
 
 namespace Memtab {
 namespace {
@@ -14,6 +15,7 @@ constexpr size_t fileBytes = size_t{64} << 10;  // whole pages of any size in us
 constexpr mode_t fileMode = 0660;               // readers, who may be others of the group, write their slots
 constexpr int openFlags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 constexpr int triesMax = 100;
+constexpr timespec betweenTries = {0, 5'000'000};  // whoever is replacing it may have lost the processor
 
 bool isNamed(int directory, const char* name, int fd) {
   struct stat named {};
@@ -33,6 +35,7 @@ Bell::Bell(const std::string& stateDirectory, const Owners& owners)
     if ((openStanding(owners) || makeNew()) && map()) {
       return;
     }
+    (void)nanosleep(&betweenTries, nullptr);
   }
   throw FileRefused(path_ + ": others keep replacing it");
 }
