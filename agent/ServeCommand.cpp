@@ -343,7 +343,7 @@ void ServeLoop::run() {
   Memtab::MapBase::damageWitnessIs(logDamage);
   ConfigInForce config = configOf(options_);
   bool hasBegun = false;
-  const auto tellNextTry = [&hasBegun](const Zol::Exception& reason) {
+  const auto tellUnlessFirst = [&hasBegun](const Zol::Exception& reason) {
     if (!hasBegun) {
       throw;
     }
@@ -359,9 +359,9 @@ void ServeLoop::run() {
       log(LogLevel::error, std::string("a table of the agent is damaged: ") + lost.what() + "; beginning anew");
       pause = beforeNewBeginning;
     } catch (const Memtab::NoSpace& full) {
-      tellNextTry(full);
+      tellUnlessFirst(full);
     } catch (const Memtab::FileRefused& refused) {
-      tellNextTry(refused);
+      tellUnlessFirst(refused);
     }
     if (endsWithin(pause)) {
       return;

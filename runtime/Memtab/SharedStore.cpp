@@ -201,9 +201,6 @@ void MirrorStore::rescan() {
   } else if (file != nullptr && !file->isSameAs(*current_)) {
     next_ = std::move(file);
     nextJudgedAt_.reset();
-    if (trouble_.empty() && !before.empty() && !isNextComplete()) {
-      trouble_ = "its new file is not complete";
-    }
   } else if (file != nullptr) {
     lossyIs(trouble_ == entriesLost);
   }
@@ -211,6 +208,10 @@ void MirrorStore::rescan() {
     for (const auto& [collection, listener] : listeners()) {
       listener->handleTrouble(trouble_);
     }
+  }
+  // No damage, and yet what is read is not what the path names.
+  if (trouble_.empty() && !before.empty() && next_ != nullptr && !isNextComplete()) {
+    trouble_ = "its new file is not complete";
   }
 }
 

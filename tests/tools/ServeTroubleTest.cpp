@@ -141,6 +141,23 @@ TEST_F(ServeTrouble, aTableSpoiltDuringTheWaitIsNotEmpty) {
   EXPECT_TRUE(agent.says("ready: 6 FIB entries")) << agent.output();
 }
 
+// Fails if a table counts as well again because another file begins in its place, or if that file counts as damage.
+TEST_F(ServeTrouble, aNewFileIsNoMendUntilItIsComplete) {
+  const Support::Process agent = serve();
+  ASSERT_EQ(publishLabFile(), 0);
+  ASSERT_TRUE(hasFibEntries(6)) << agent.output();
+  Fs::remove(at("tunnel/table/nexthopGroup"));
+  ASSERT_TRUE(agent.says("table nexthopGroup cannot be read")) << agent.output();
+  const Support::Process successor = publish({"--table", "nexthopGroup", "-"}, "successor.log");
+  successor.tell(R"({"table": "nexthopGroup", "put": {"index": 5, "tep": "2001:db8::5/128", "nexthopGroupId": 8}})"
+                 "\n");
+  EXPECT_TRUE(agent.says("was read last: its new file is not complete")) << agent.output();
+  EXPECT_EQ(agent.output().find("damage in table tunnel/table/nexthopGroup: its new file"), std::string::npos);
+  EXPECT_EQ(agent.output().find("what could not be read is gone"), std::string::npos) << agent.output();
+  successor.tell("{\"settle\": true}\n");
+  EXPECT_TRUE(agent.says("table nexthopGroup: what could not be read is gone")) << agent.output();
+}
+
 // Fails if an agent that begins anew goes by a configuration that was refused, or ends because of it.
 TEST_F(ServeTrouble, theConfigurationInForceOutlivesANewBeginning) {
   ASSERT_EQ(publishLabFile(), 0);

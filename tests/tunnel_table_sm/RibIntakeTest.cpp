@@ -6,6 +6,7 @@
 #include <array>
 #include <tuple>
 
+#include "tests/support/DamagedBytes.h"
 #include "tests/support/RibScene.h"
 #include "tunnel_table_sm/WatcherSm.h"
 
@@ -46,15 +47,7 @@ class FailingTable : public Table {
     }
     return Table::lookup(id);
   }
-  // Flips a bit of the bytes where they stand first in the table.
-  void damage(const std::array<std::uint8_t, 4>& bytes) {
-    const Memtab::View view = this->store().store().view();
-    auto* const begin = const_cast<std::byte*>(view.base);
-    auto* const at = std::search(begin, begin + view.size(), bytes.begin(), bytes.end(),
-                                 [](std::byte a, std::uint8_t b) { return a == std::byte(b); });
-    ASSERT_NE(at, begin + view.size());
-    *at ^= std::byte(1);
-  }
+  Memtab::View view() const { return this->store().store().view(); }
   mutable int lookups = 0;
   int failing = -1;
 };
@@ -145,7 +138,8 @@ TEST(Intake, walksGoOnBehindDamagedRecords) {
   }
   LdpTunnelTable::Hint first;
   ASSERT_TRUE(table->first(first));
-  table->damage({0xCB, 0x00, 0x71, static_cast<std::uint8_t>(first.key().index())});
+  const std::array<std::uint8_t, 4> endpoint = {203, 0, 113, static_cast<std::uint8_t>(first.key().index())};
+  ASSERT_TRUE(Support::damageFirst(table->view(), endpoint));
   const auto entities = tunnelTableEntitiesFactory();
   const auto listener = Zol::Factory<RecordingSm>()(entities, nullptr);
   entities->tunnelTableIs("ldp", table);

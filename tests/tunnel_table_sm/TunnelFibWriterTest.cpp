@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <functional>
 
+#include "tests/support/DamagedBytes.h"
 #include "tests/support/FibScene.h"
 #include "tunnel_table_sm/TunnelFibWriter.h"
 
@@ -307,12 +308,7 @@ TEST(TunnelFibDamage, countingGoesOnBehindDamagedBytes) {
   TunnelFib::Collection<TunnelFibEntry>::Hint hint;
   ASSERT_TRUE(fib->entry().first(hint));
   const auto nextHop = fib->entry().value(hint.key()).tunnelVia(0).nextHop().bytes();
-  const Memtab::View view = store->store().view();
-  auto* const begin = const_cast<std::byte*>(view.base);
-  auto* const at = std::search(begin, begin + view.size(), nextHop.begin(), nextHop.begin() + 4,
-                               [](std::byte a, std::uint8_t b) { return a == std::byte(b); });
-  ASSERT_NE(at, begin + view.size());
-  *at ^= std::byte(1);
+  ASSERT_TRUE(Support::damageFirst(store->store().view(), std::span(nextHop).first(4)));
   writer = tunnelFibWriterFactory(fib);
   EXPECT_EQ(writer->encapIdRefCounts(), 2U);
   EXPECT_EQ(fib->entry().corruptions(), 1U);

@@ -265,33 +265,46 @@ TEST(MemtabFollower, damageIsNotAbsence) {
   EXPECT_EQ(mirror.settle(), std::set<uint64_t>{7});
 }
 
+// A table of a hundred records in a file, whose writer leaves it and has a successor, and a mirror that knows all.
+struct Succession {
+  Succession() {
+    for (uint64_t key = 0; key < 100; ++key) {
+      put(*store, key, std::to_string(key));
+    }
+    file->publish();
+    readerFile.emplace(files.path, "table", fileFingerprint, 2);
+    reader.emplace(readerFile->view(), numberHashes);
+    mirror.emplace(*reader);
+    mirror->settle();
+  }
+  // Opens the file anew; a store of its region is the successor.
+  Region leave() {
+    store.reset();
+    file.reset();
+    file.emplace(files.path, "table", fileFingerprint, 2);
+    return file->region();
+  }
+
+  StateDirectoryScene files;
+  std::optional<WriterFile> file{std::in_place, files.path, "table", fileFingerprint, size_t{2}};
+  std::optional<Store> store{std::in_place, file->region(), fileFingerprint, numberHashes};
+  std::optional<ReaderFile> readerFile;
+  std::optional<Reader> reader;
+  std::optional<Mirror> mirror;
+};
+
 // Fails if a key that a successor found unreadable, and took out, stays known to a reader that looks at any moment of
 // the take-over.
 TEST(MemtabFollower, successorTakesOut) {
-  StateDirectoryScene files;
-  std::optional<WriterFile> file;
-  file.emplace(files.path, "table", fileFingerprint, 2);
-  std::optional<Store> store;
-  store.emplace(file->region(), fileFingerprint, numberHashes);
-  for (uint64_t key = 0; key < 100; ++key) {
-    put(*store, key, std::to_string(key));
-  }
-  file->publish();
-  const ReaderFile readerFile(files.path, "table", fileFingerprint, 2);
-  const Reader reader(readerFile.view(), numberHashes);
-  Mirror mirror(reader);
-  mirror.settle();
-  flipByteOf(*store, 7);
-  const uint64_t sequence = store->sequence();
-  store.reset();
-  file.reset();
-  file.emplace(files.path, "table", fileFingerprint, 2);
-  std::function<void()> watch = [&mirror] { mirror.poll(); };
-  const BasicStore<WatchedStores> successor(file->region(), fileFingerprint, numberHashes, {}, WatchedStores{&watch});
+  Succession scene;
+  flipByteOf(*scene.store, 7);
+  const uint64_t sequence = scene.store->sequence();
+  std::function<void()> watch = [&scene] { scene.mirror->poll(); };
+  const BasicStore<WatchedStores> successor(scene.leave(), fileFingerprint, numberHashes, {}, WatchedStores{&watch});
   EXPECT_EQ(successor.sequence(), sequence);
-  mirror.settle();
-  EXPECT_FALSE(mirror.follower.knows(7));
-  EXPECT_TRUE(mirror.numbers == numbersIn(reader));
+  scene.mirror->settle();
+  EXPECT_FALSE(scene.mirror->follower.knows(7));
+  EXPECT_TRUE(scene.mirror->numbers == numbersIn(*scene.reader));
 }
 
 // Fails if what a reader could not read, or left out of a walk, is no news in a file that has it as it was before.
@@ -316,26 +329,13 @@ TEST(MemtabFollower, whatWasUnreadableIsNews) {
 // Fails if a record that a successor took out of a complete table counts as deleted before the table is complete again,
 // or does not count then; or if a deletion by the successor is not told at once.
 TEST(MemtabFollower, aCompleteTableIsInForceUntilItsSuccessorIs) {
-  StateDirectoryScene files;
-  std::optional<WriterFile> file;
-  file.emplace(files.path, "table", fileFingerprint, 2);
-  std::optional<Store> store;
-  store.emplace(file->region(), fileFingerprint, numberHashes);
-  for (uint64_t key = 0; key < 100; ++key) {
-    put(*store, key, std::to_string(key));
-  }
-  store->readyIs(true);
-  file->publish();
-  const ReaderFile readerFile(files.path, "table", fileFingerprint, 2);
-  const Reader reader(readerFile.view(), numberHashes);
-  Mirror mirror(reader);
+  Succession scene;
+  Mirror& mirror = *scene.mirror;
+  scene.store->readyIs(true);
   mirror.settle();
-  flipByteOf(*store, 7);
-  flipByteOf(*store, 8);
-  store.reset();
-  file.reset();
-  file.emplace(files.path, "table", fileFingerprint, 2);
-  Store successor(file->region(), fileFingerprint, numberHashes);
+  flipByteOf(*scene.store, 7);
+  flipByteOf(*scene.store, 8);
+  Store successor(scene.leave(), fileFingerprint, numberHashes);
   EXPECT_TRUE(mirror.settle().empty());
   EXPECT_TRUE(mirror.follower.withholds(7));
   put(successor, 8, "again");
@@ -345,7 +345,7 @@ TEST(MemtabFollower, aCompleteTableIsInForceUntilItsSuccessorIs) {
   successor.readyIs(true);
   EXPECT_FALSE(mirror.follower.withholds(7));
   EXPECT_EQ(mirror.settle(), std::set<uint64_t>{7});
-  EXPECT_TRUE(mirror.numbers == numbersIn(reader));
+  EXPECT_TRUE(mirror.numbers == numbersIn(*scene.reader));
 }
 
 // Fails if after a change of the file anything but the difference is reported.
