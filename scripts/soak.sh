@@ -3,21 +3,28 @@
 #
 #   scripts/soak.sh [NAME...]     those named below only
 #
-# A variable of a row that is set already keeps its value: MEMTAB_KILLS=1000000 scripts/soak.sh kills. Exit status 1 when
-# one failed, whose whole output is shown.
+# TEST_SEEDS is the number of seeds of every random test, see tests/support/Seeds.h. A variable of a row that is set
+# already keeps its value: TEST_SEEDS=10000 scripts/soak.sh kills. Exit status 1 when a row failed. Then its whole output
+# is shown, with the command lines that repeat the failures.
 set -euo pipefail
 
 # Name, program, tests, and how long they are.
 rows='
-crashes   memtab_tests  MemtabCrash*:MemtabHostile*                          MEMTAB_SEEDS=1000
-kills     memtab_tests  MemtabKill*                                         MEMTAB_KILLS=100000
-flips     tools_tests   ServeFlip*                                          SERVE_FLIP_TRIALS=10000
-rounds    tools_tests   Serve.killedAtAnyTime*:Serve.aReaderAtFullSpeed*    SERVE_KILL_ROUNDS=2000
-settles   tools_tests   *ServeScenario*                                     SERVE_EVERY_SETTLE=1
-restart   tools_tests   Serve.aRestartOverManyTunnels*                      SERVE_RESTART_TUNNELS=100000
-late      tools_tests   *LateNews*                                          LATE_NEWS_ROUNDS=2000
-shadow    tools_tests   *ShadowExample*                                     SHADOW_STEPS=1000
-requests  tools_tests   Control.requestsLeaveNothingBehind                  CONTROL_REQUESTS=1000000
+collections zol_tests           *behavesAsASortedMap:*Value*                  TEST_SEEDS=500
+engine    memtab_tests          *equalsMap:MemtabCursor*:MemtabStop*:MemtabFollower.mirror*  TEST_SEEDS=500
+crashes   memtab_tests          MemtabCrash*:MemtabHostile*                   TEST_SEEDS=1000
+doorbell  memtab_tests          MemtabDoorbell.wakesWhoSleeps                 TEST_SEEDS=500
+kills     memtab_tests          MemtabKill*                                   TEST_SEEDS=1000
+ribs      tunnel_table_sm_tests RibRandom*:RibReader*                         TEST_SEEDS=20000
+fibs      tunnel_table_sm_tests FibRandom*                                    TEST_SEEDS=20000
+lines     agent_tests           ScenarioLine*                                 TEST_SEEDS=1000
+flips     tools_tests           ServeFlip*                                    TEST_SEEDS=10000
+rounds    tools_tests           Serve.killedAtAnyTime*:Serve.aReaderAtFullSpeed*  TEST_SEEDS=2000
+late      tools_tests           *LateNews*                                    TEST_SEEDS=2000
+settles   tools_tests           *ServeScenario*                               SERVE_EVERY_SETTLE=1
+restart   tools_tests           Serve.aRestartOverManyTunnels*                SERVE_RESTART_TUNNELS=100000
+shadow    tools_tests           *ShadowExample*                               SHADOW_STEPS=1000
+requests  tools_tests           Control.requestsLeaveNothingBehind            CONTROL_REQUESTS=1000000
 '
 tests=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)/build/release/tests
 output=$(mktemp)

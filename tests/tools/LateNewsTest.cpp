@@ -7,6 +7,7 @@
 #include "agent/EntryDraft.h"
 #include "runtime/Quor/SimulatedLoop.h"
 #include "runtime/Quor/UnitSlicePolicy.h"
+#include "tests/support/Seeds.h"
 #include "tests/tools/ShadowRouter.h"
 #include "tools/Shadow.h"
 #include "tools/StateComparison.h"
@@ -54,10 +55,8 @@ TEST_P(LateNews, doNotMatterInTheEnd) {
   const std::string file = exampleFile(GetParam());
   std::istringstream configText(configOf(file));
   const Agent::AgentConfig config = Agent::readConfig(configText, "config");
-  const char* const rounds = std::getenv("LATE_NEWS_ROUNDS");
-  for (int seed = 1; seed <= (rounds == nullptr ? 30 : std::atoi(rounds)); ++seed) {
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 random(static_cast<unsigned>(seed));
+  Support::forEachSeed(30, [&](unsigned seed) {
+    std::mt19937 random(seed);
     const Support::ScratchDirectory scratch;
     Statehub::EntityManager publisher(scratch / "state");
     const std::set<Agent::TableId> all(Agent::allTables().begin(), Agent::allTables().end());
@@ -82,7 +81,7 @@ TEST_P(LateNews, doNotMatterInTheEnd) {
       ADD_FAILURE() << each.where << ' ' << each.key << ": " << each.what;
       return true;
     });
-  }
+  });
 }
 
 INSTANTIATE_TEST_SUITE_P(Examples, LateNews, testing::Values("abilene", "captured-isp"), [](const auto& name) {

@@ -1,9 +1,8 @@
 // Random bytes flipped all over the files of a state directory, under agent, publisher and reading tools.
-//
-// SERVE_FLIP_TRIALS: how often; 30 unless set. SERVE_FLIP_SEED: the first trial's seed, to repeat one.
 #include <optional>
 #include <random>
 
+#include "tests/support/Seeds.h"
 #include "tests/tools/Lab.h"
 #include "tests/tools/Played.h"
 
@@ -70,11 +69,6 @@ void flip(const std::filesystem::path& file, Random& random) {
 
 bool says(const std::string& log, const char* what) { return log.find(what) != std::string::npos; }
 
-unsigned numberIn(const char* variable, unsigned otherwise) {
-  const char* const text = std::getenv(variable);
-  return text == nullptr ? otherwise : static_cast<unsigned>(std::atoi(text));
-}
-
 void ServeFlip::flipSome(Random& random, Scene scene) const {
   const bool everywhere = random() % 4 == 0;
   for (const std::filesystem::path& file : files()) {
@@ -100,12 +94,11 @@ TEST_F(ServeFlip, everybodyLivesAndReportsAndTheNextPublisherPutsItRight) {
   const OrderedJson expected = comparable(document());
   ASSERT_EQ(Played(scenario).end().document["fib"], expected["fib"]);
   copy(stateDirectory(), scratch() / "whole");
-  const unsigned trials = numberIn("SERVE_FLIP_TRIALS", 30);
+  unsigned trials = 0;
   unsigned changed = 0;
   unsigned reported = 0;
-  for (unsigned trial = 0; trial < trials && !HasFailure(); ++trial) {
-    const unsigned seed = numberIn("SERVE_FLIP_SEED", 1) + trial;
-    SCOPED_TRACE("SERVE_FLIP_SEED=" + std::to_string(seed));
+  Support::forEachSeed(30, [&](unsigned seed) {
+    ++trials;
     Random random(seed);
     const Scene scene = Scene(seed % 3);
     restore();
@@ -135,7 +128,7 @@ TEST_F(ServeFlip, everybodyLivesAndReportsAndTheNextPublisherPutsItRight) {
     }
     ASSERT_EQ(publishAll({scenario}), 0) << Support::contentsOf(scratch() / "publish.log");
     putRight(*agent, expected);
-  }
+  });
   std::cout << trials << " trials, " << reported << " with damage reported, " << changed
             << " in which less or other than was written was read\n";
 }

@@ -4,6 +4,7 @@
 #include <set>
 
 #include "agent/FibView.h"
+#include "tests/support/Seeds.h"
 #include "tests/tools/Played.h"
 
 namespace Tools {
@@ -109,14 +110,13 @@ INSTANTIATE_TEST_SUITE_P(Shared, ServeScenario, testing::ValuesIn(sharedScenario
 TEST_F(Serve, killedAtAnyTimeItEndsWhereItWouldHave) {
   const Played played(exampleFile("geant"));
   const std::string config = scratch().fileWith("rib.jsonl", played.end().config);
-  std::mt19937 random(7);
-  const char* const rounds = std::getenv("SERVE_KILL_ROUNDS");
-  for (int round = rounds == nullptr ? 12 : std::atoi(rounds); round > 0; --round) {
+  Support::forEachSeed(12, [&](unsigned seed) {
+    std::mt19937 random(seed);
     Support::Process agent = serve({"--config", config});
     Support::Process publisher = publish({exampleFile("geant")});
     usleep(static_cast<useconds_t>(random() % 60000));
     (random() % 2 == 0 ? agent : publisher).stop(SIGKILL);
-  }
+  });
   Support::Process agent = serve({"--config", config});
   ASSERT_EQ(publishAll({exampleFile("geant")}), 0);
   EXPECT_TRUE(Support::becomes([&] { return comparable(document()) == played.end().document; })) << agentLog();
@@ -188,10 +188,9 @@ TEST_F(Serve, aReaderAtFullSpeedSeesNoGapWhileTheAgentIsKilled) {
   };
   ASSERT_TRUE(Support::becomes(isChurning)) << agentLog();
   const std::uint64_t before = fib.entry().collectionControl().sequence();
-  std::mt19937 random(11);
   std::uint64_t looks = 0;
-  const char* const configured = std::getenv("SERVE_KILL_ROUNDS");
-  for (int round = configured == nullptr ? 25 : std::atoi(configured); round > 0; --round) {
+  const bool isWhole = Support::forEachSeed(25, [&](unsigned seed) {
+    std::mt19937 random(seed);
     const auto end = std::chrono::steady_clock::now() + std::chrono::microseconds(random() % lifeMax);
     do {
       for (const auto& [id, way] : ways) {
@@ -204,9 +203,9 @@ TEST_F(Serve, aReaderAtFullSpeedSeesNoGapWhileTheAgentIsKilled) {
     } while (std::chrono::steady_clock::now() < end);
     agent->stop(SIGKILL);
     agent = std::make_unique<Support::Process>(serve());
-  }
+  });
   std::cout << looks << " looks at " << ways.size() << " tunnels and " << ribEntries.size() << " endpoints\n";
-  EXPECT_GT(fib.entry().collectionControl().sequence(), before + 100) << "the agents had work to die in";
+  EXPECT_TRUE(!isWhole || fib.entry().collectionControl().sequence() > before + 100) << "no work to die in";
 }
 
 constexpr const char* ldp5 =

@@ -223,8 +223,7 @@ size_t enumerateLife(unsigned seed, std::set<std::string>& kinds) {
 TEST(MemtabCrash, everyStoreOfEveryKindOfChange) {
   size_t states = 0;
   size_t kindCount = 0;
-  for (unsigned seed = 0; seed < seedsOr(1) && !HasFailure(); ++seed) {
-    SCOPED_TRACE(seed);
+  Support::forEachSeed(1, [&](unsigned seed) {
     std::set<std::string> kinds;
     states += enumerateLife(seed, kinds);
     kindCount += kinds.size();
@@ -234,7 +233,7 @@ TEST(MemtabCrash, everyStoreOfEveryKindOfChange) {
         return kind.find(effect) != std::string::npos;
       })) << effect;
     }
-  }
+  });
   std::printf("kinds of changes: %zu, states: %zu\n", kindCount, states);
 }
 
@@ -297,15 +296,14 @@ class GroupScript {
 // Fails if the order within a group, or its one move of the sequence, is wrong at any store of it.
 TEST(MemtabCrash, everyStoreOfGroups) {
   size_t states = 0;
-  for (unsigned seed = 0; seed < seedsOr(12) && !HasFailure(); ++seed) {
-    SCOPED_TRACE(seed);
+  Support::forEachSeed(12, [&](unsigned seed) {
     Enumeration enumeration;
     GroupScript script(seed);
     for (const unsigned steps : {1u, 1u, 2u, 3u, 5u, 12u, 2u, 1u}) {
       enumeration.run(script.next(steps));
     }
     states += enumeration.states();
-  }
+  });
   std::printf("states: %zu\n", states);
 }
 

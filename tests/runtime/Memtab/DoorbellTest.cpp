@@ -57,37 +57,39 @@ int follow(const std::string& path, Shared& shared, uint64_t last) {
 
 // Fails if a sleeper is missed, whether it is just falling asleep or long gone, or if few sleeps were ended at all.
 TEST(MemtabDoorbell, wakesWhoSleeps) {
-  constexpr uint64_t last = 10000;
-  DoorbellScene scene;
-  DoorbellRinger ringer(scene.path);
-  EXPECT_EQ(DoorbellScene::modeOf(scene.bell()), 0660u);
-  Shared& shared = sharedMemory();
-  const pid_t child = fork();
-  if (child == 0) {
-    _exit(follow(scene.path, shared, last));
-  }
-  Random random(1);
-  const auto isChildGone = [child] {
-    siginfo_t ended{};
-    return waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOHANG | WNOWAIT) == 0 && ended.si_pid != 0;
-  };
-  for (uint64_t n = 1; n <= last && shared.seen == n - 1; ++n) {
-    for (unsigned i = random() % 2048; i > 0; --i) {  // the reader is about to fall asleep
-      asm volatile("");
+  Support::forEachSeed(1, [](unsigned seed) {
+    constexpr uint64_t last = 10000;
+    DoorbellScene scene;
+    DoorbellRinger ringer(scene.path);
+    EXPECT_EQ(DoorbellScene::modeOf(scene.bell()), 0660u);
+    Shared& shared = sharedMemory();
+    const pid_t child = fork();
+    if (child == 0) {
+      _exit(follow(scene.path, shared, last));
     }
-    shared.published.store(n, std::memory_order_release);
-    ringer.ring();
-    for (unsigned spins = 0; shared.seen != n && !isChildGone(); ++spins) {
-      if (spins > 100) {
-        sched_yield();
+    Random random(seed);
+    const auto isChildGone = [child] {
+      siginfo_t ended{};
+      return waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOHANG | WNOWAIT) == 0 && ended.si_pid != 0;
+    };
+    for (uint64_t n = 1; n <= last && shared.seen == n - 1; ++n) {
+      for (unsigned i = random() % 2048; i > 0; --i) {  // the reader is about to fall asleep
+        asm volatile("");
+      }
+      shared.published.store(n, std::memory_order_release);
+      ringer.ring();
+      for (unsigned spins = 0; shared.seen != n && !isChildGone(); ++spins) {
+        if (spins > 100) {
+          sched_yield();
+        }
       }
     }
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  EXPECT_EQ(status, 0) << "seen " << shared.seen << " of " << last;
-  EXPECT_GT(shared.sleeps, 100u);
-  EXPECT_EQ(DoorbellScene::modeOf(scene.at(".wake-0")), 0660u);
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0) << "seen " << shared.seen << " of " << last;
+    EXPECT_GT(shared.sleeps, 100u);
+    EXPECT_EQ(DoorbellScene::modeOf(scene.at(".wake-0")), 0660u);
+  });
 }
 
 // Fails if a dead reader kills or blocks the writer, keeps its slot, or leaves wake-ups to the next one.

@@ -4,13 +4,13 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <functional>
 #include <map>
 #include <random>
 #include <string>
 
 #include "runtime/Memtab/Store.h"
+#include "tests/support/Seeds.h"
 
 namespace Memtab {
 
@@ -23,12 +23,6 @@ class Random {
  private:
   std::mt19937 engine_;
 };
-
-// How many seeds a test goes through; MEMTAB_SEEDS for a long run.
-inline unsigned seedsOr(unsigned usual) {
-  const char* wanted = std::getenv("MEMTAB_SEEDS");
-  return wanted != nullptr ? static_cast<unsigned>(std::stoul(wanted)) : usual;
-}
 
 inline Bytes bytesOf(const std::string& text) { return std::as_bytes(std::span(text)); }
 inline std::string textOf(Bytes bytes) { return {reinterpret_cast<const char*>(bytes.data()), bytes.size()}; }

@@ -27,7 +27,7 @@ void flipByteOf(const Store& store, uint64_t key) {
 TEST(MemtabFollower, mirrorEqualsTable) {
   size_t ringFollowed = 0;
   size_t compared = 0;
-  for (unsigned seed = 1; seed <= 20; ++seed) {
+  const bool isWhole = Support::forEachSeed(20, [&](unsigned seed) {
     FollowerScene scene;
     Random random(seed);
     Mirror mirror(scene.reader);
@@ -55,7 +55,7 @@ TEST(MemtabFollower, mirrorEqualsTable) {
       const uint64_t comparisons = mirror.follower.comparisons();
       const std::set<uint64_t> reported = mirror.settle(1 + random() % 5000);
       (comparisons == mirror.follower.comparisons() ? ringFollowed : compared) += 1;
-      ASSERT_TRUE(mirror.numbers == numbersIn(scene.reader)) << "seed " << seed << " phase " << phase;
+      ASSERT_TRUE(mirror.numbers == numbersIn(scene.reader)) << "phase " << phase;
       ASSERT_EQ(mirror.follower.knownKeys(), mirror.numbers.size());
       ASSERT_TRUE(std::includes(touched.begin(), touched.end(), reported.begin(), reported.end()));
       for (const uint64_t key : touched) {
@@ -68,9 +68,11 @@ TEST(MemtabFollower, mirrorEqualsTable) {
       EXPECT_TRUE(mirror.settle().empty());
     }
     EXPECT_TRUE(mirror.damages.empty());
+  });
+  if (isWhole) {
+    EXPECT_GT(ringFollowed, 50u);
+    EXPECT_GT(compared, 50u);
   }
-  EXPECT_GT(ringFollowed, 50u);
-  EXPECT_GT(compared, 50u);
 }
 
 // A reader polls a little now and then while a writer makes a million changes. Fails if it does not end with

@@ -103,8 +103,7 @@ TEST(MemtabHostileTakeOver, everyFlippedBit) {
 TEST(MemtabHostileTakeOver, randomWords) {
   size_t refused = 0;
   size_t lost = 0;
-  for (unsigned seed = 0; seed < seedsOr(150) && !HasFailure(); ++seed) {
-    SCOPED_TRACE(seed);
+  const bool isWhole = Support::forEachSeed(150, [&](unsigned seed) {
     DamagedScene scene(1200);
     std::mt19937_64 random(seed);
     const bool isFlip = seed % 2 == 0;
@@ -119,9 +118,9 @@ TEST(MemtabHostileTakeOver, randomWords) {
     EXPECT_TRUE(outcome.lost == 0 || outcome.damages != 0);
     refused += outcome.isRefused;
     lost += outcome.lost;
-  }
+  });
   std::printf("refused %zu, records lost and put back %zu\n", refused, lost);
-  EXPECT_GT(lost, 1000u);
+  EXPECT_TRUE(!isWhole || lost > 1000u);
 }
 
 // Fails if a piece that two words claim is handed out while one of them stands, or freed twice later.

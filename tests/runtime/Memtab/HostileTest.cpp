@@ -89,8 +89,7 @@ TEST(MemtabHostile, everyFlippedBitIsNoticed) {
 
 // Fails if any content of the region crashes, hangs or misleads a reader, or the writer that goes on in it.
 TEST(MemtabHostile, randomWords) {
-  for (unsigned seed = 0; seed < 40; ++seed) {
-    SCOPED_TRACE(seed);
+  Support::forEachSeed(40, [](unsigned seed) {
     HostileScene scene(1500);
     std::mt19937_64 random(seed);
     for (int round = 0; round < 6; ++round) {
@@ -113,7 +112,7 @@ TEST(MemtabHostile, randomWords) {
         scene.store().del(c, spreadHash(bytesOf(key)), bytesOf(key));
       }
     }
-  }
+  });
 }
 
 // Fails if a damaged record cannot be replaced or deleted, or takes others with it.

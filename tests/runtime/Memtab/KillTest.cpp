@@ -4,13 +4,10 @@
 // What the n-th change is follows from n alone, and the writer notes in memory shared with us which change it has begun
 // and which is complete. So after each death we know the content, save for the one change that was under way, of which
 // each key has its old or its new record.
-//
-// MEMTAB_KILLS: how many deaths; 300 unless set.
 #include <signal.h>
 #include <sys/mman.h>
 
 #include <chrono>
-#include <cstdlib>
 
 #include "tests/runtime/Memtab/FollowerScene.h"
 
@@ -176,32 +173,35 @@ class KillScene {
 // Fails if a reader meets a mixed record, damage or a hang, if a complete change is lost, or if what a death leaves
 // is not the old or the new.
 TEST(MemtabKill, anyMoment) {
-  const char* wanted = std::getenv("MEMTAB_KILLS");
-  const int kills = wanted == nullptr ? 300 : std::atoi(wanted);
-  KillScene scene;
-  Random random(static_cast<unsigned>(kills));
-  int beforeOpen = 0;
-  for (int n = 0; n < kills; ++n) {
-    scene.progress->isOpen = false;
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-      scene.write();
+  constexpr unsigned killsOfSeed = 100;
+  size_t beforeOpen = 0;
+  size_t cutShort = 0;
+  uint64_t changes = 0;
+  Support::forEachSeed(3, [&](unsigned seed) {
+    KillScene scene;
+    Random random(seed);
+    for (unsigned n = 0; n < killsOfSeed && !HasFailure(); ++n) {
+      SCOPED_TRACE("after " + std::to_string(n) + " deaths");
+      scene.progress->isOpen = false;
+      const pid_t child = fork();
+      ASSERT_GE(child, 0);
+      if (child == 0) {
+        scene.write();
+      }
+      scene.watch(random() % (n % 4 == 0 ? 3000 : 1500), n % 4 != 0);
+      beforeOpen += !scene.progress->isOpen;
+      kill(child, SIGKILL);
+      int status = 0;
+      waitpid(child, &status, 0);
+      ASSERT_TRUE(WIFSIGNALED(status)) << "the writer gave up";
+      scene.check();
     }
-    scene.watch(random() % (n % 4 == 0 ? 3000 : 1500), n % 4 != 0);
-    beforeOpen += !scene.progress->isOpen;
-    kill(child, SIGKILL);
-    int status = 0;
-    waitpid(child, &status, 0);
-    ASSERT_TRUE(WIFSIGNALED(status)) << "the writer gave up";
-    scene.check();
-    if (testing::Test::HasFailure()) {
-      FAIL() << "after " << n << " deaths";
-    }
-  }
-  std::printf("deaths %d, %d of them before the table was open, %zu records of unfinished changes, %lu changes\n",
-              kills, beforeOpen, scene.cutShort, static_cast<unsigned long>(scene.progress->begun));
-  EXPECT_GT(scene.progress->begun, static_cast<uint64_t>(kills));
+    cutShort += scene.cutShort;
+    changes += scene.progress->begun;
+    EXPECT_GT(scene.progress->begun, uint64_t{killsOfSeed});
+  });
+  std::printf("%zu deaths before the table was open, %zu records of unfinished changes, %lu changes\n", beforeOpen,
+              cutShort, static_cast<unsigned long>(changes));
 }
 
 }  // namespace

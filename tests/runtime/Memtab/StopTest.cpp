@@ -78,22 +78,24 @@ class StopScene {
 
 // Fails if any change is more than one store wide, or if a split, doubling, merge or halving shows while it is made.
 TEST(MemtabStop, everyStoreLeavesOldOrNew) {
-  StopScene scene;
-  Random random(3);
-  for (unsigned i = 0; i < 700; ++i) {
-    const unsigned key = i % 11 == 0 ? random() % (i + 1) : i;
-    scene.put(std::to_string(key), std::string(random() % 60, i % 11 == 0 ? 'b' : 'a'));
-  }
-  while (!scene.content().empty()) {
-    const auto victim = std::next(scene.content().begin(), static_cast<long>(random() % scene.content().size()));
-    scene.del(std::string(victim->first.second));
-    if (::testing::Test::HasFailure()) {
-      break;
+  Support::forEachSeed(1, [](unsigned seed) {
+    StopScene scene;
+    Random random(seed);
+    for (unsigned i = 0; i < 700; ++i) {
+      const unsigned key = i % 11 == 0 ? random() % (i + 1) : i;
+      scene.put(std::to_string(key), std::string(random() % 60, i % 11 == 0 ? 'b' : 'a'));
     }
-  }
-  EXPECT_GT(scene.storesMax(), 1000u);  // a split was among them
-  RecordProperty("states", std::to_string(scene.states()));
-  std::printf("states looked at: %zu\n", scene.states());
+    while (!scene.content().empty()) {
+      const auto victim = std::next(scene.content().begin(), static_cast<long>(random() % scene.content().size()));
+      scene.del(std::string(victim->first.second));
+      if (::testing::Test::HasFailure()) {
+        break;
+      }
+    }
+    EXPECT_GT(scene.storesMax(), 1000u);  // a split was among them
+    RecordProperty("states", std::to_string(scene.states()));
+    std::printf("states looked at: %zu\n", scene.states());
+  });
 }
 
 // A walk that makes one step after every store of the writer.
@@ -161,21 +163,23 @@ class WalkScene {
 
 // Fails if a walk misses, repeats or makes up an entry because a split, merge or compaction goes on at every step.
 TEST(MemtabStop, walkBetweenStores) {
-  WalkScene scene;
-  Random random(8);
-  size_t mappedMax = 0;
-  for (int round = 0; round < 2; ++round) {
-    for (unsigned i = 0; i < 1500 && !HasFailure(); ++i) {
-      scene.change(std::to_string(i), std::string(random() % 200, 'a'));
-      mappedMax = std::max(mappedMax, scene.bytesMapped());
+  Support::forEachSeed(1, [](unsigned seed) {
+    WalkScene scene;
+    Random random(seed);
+    size_t mappedMax = 0;
+    for (int round = 0; round < 2; ++round) {
+      for (unsigned i = 0; i < 1500 && !HasFailure(); ++i) {
+        scene.change(std::to_string(i), std::string(random() % 200, 'a'));
+        mappedMax = std::max(mappedMax, scene.bytesMapped());
+      }
+      for (unsigned i = 0; i < 1450 && !HasFailure(); ++i) {
+        scene.change(std::to_string(i), std::nullopt);
+      }
     }
-    for (unsigned i = 0; i < 1450 && !HasFailure(); ++i) {
-      scene.change(std::to_string(i), std::nullopt);
-    }
-  }
-  EXPECT_LT(scene.bytesMapped(), mappedMax / 2);
-  EXPECT_GT(scene.walks(), 20u);
-  std::printf("walks: %zu\n", scene.walks());
+    EXPECT_LT(scene.bytesMapped(), mappedMax / 2);
+    EXPECT_GT(scene.walks(), 20u);
+    std::printf("walks: %zu\n", scene.walks());
+  });
 }
 
 struct Stop {};

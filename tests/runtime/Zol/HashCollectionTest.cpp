@@ -13,6 +13,7 @@
 
 #include "runtime/Zol/HashCollection.h"
 #include "tests/runtime/Zol/CollectionModel.h"
+#include "tests/support/Seeds.h"
 
 namespace Zol {
 namespace {
@@ -63,10 +64,10 @@ struct HashCollectionModel : testing::Test {
   template <class Value, class MakeValue>
   void play(std::uint32_t keyCount, int steps) {
     using Collection = HashCollection<Key, Value>;
-    for (unsigned seed = 1; seed <= 3 && !this->HasFailure(); ++seed) {
-      SCOPED_TRACE("seed " + std::to_string(seed) + ", keys " + std::to_string(keyCount));
+    SCOPED_TRACE("keys " + std::to_string(keyCount));
+    Support::forEachSeed(3, [&](unsigned seed) {
       CollectionModel<Collection, ByHashThenKey<Key>, MakeValue>(seed, keyCount).play(steps);
-    }
+    });
   }
 };
 using ModelKeys =

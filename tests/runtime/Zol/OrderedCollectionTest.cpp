@@ -7,19 +7,19 @@
 
 #include "runtime/Zol/OrderedCollection.h"
 #include "tests/runtime/Zol/CollectionModel.h"
+#include "tests/support/Seeds.h"
 
 namespace Zol {
 namespace {
 
 TEST(OrderedCollection, behavesAsASortedMap) {
-  for (unsigned seed = 1; seed <= 4 && !HasFailure(); ++seed) {
-    SCOPED_TRACE("seed " + std::to_string(seed));
+  Support::forEachSeed(4, [](unsigned seed) {
     using Numbers = OrderedCollection<std::uint32_t, std::uint32_t>;
     using Owning = OrderedCollection<std::uint32_t, Owned>;
     CollectionModel<Numbers, std::less<>, MakeNumber>(seed, 10).play(4'000);
     CollectionModel<Owning, std::less<>, MakeOwned>(seed, 300).play(8'000);
     CollectionModel<Numbers, std::less<>, MakeNumber>(seed, 2'000).play(30'000);
-  }
+  });
 }
 
 TEST(OrderedCollection, iteratorAtTheEndIsRefused) {
