@@ -100,5 +100,37 @@ TEST(TunnelFibRecords, encapIdHashesDifferAndSpread) {
   EXPECT_EQ(upper, 2048U);
 }
 
+// Fails if a group shows an entry without its encapsulation, of whatever kind and in whatever order it was staged: a
+// killed agent would leave that to readers.
+TEST(TunnelFibRecords, noEntryNamesAnAbsentEncapsulationAtAnyStore) {
+  struct WatchedStores {
+    const std::function<void()>* watch;
+    void word(Memtab::Word& at, std::uint64_t value, std::memory_order order) const {
+      at.store(value, order);
+      (*watch)();
+    }
+  };
+  const Memtab::StoreLayout layout = TunnelFib::layout();
+  std::function<void()> watch = [] {};
+  Memtab::BasicStore<WatchedStores> store(Memtab::Region::anonymous(), layout.fingerprint, layout.hashes,
+                                          {.referred = layout.referred}, {&watch});
+  const Memtab::Bytes key = std::as_bytes(std::span("anything", 8));
+  const auto has = [&](unsigned collection) {
+    return store.reader().get(collection, layout.hashes[collection](key), key).state == Memtab::Found::found;
+  };
+  for (unsigned encap = 1; encap < layout.hashes.size(); ++encap) {
+    watch = [&] { ASSERT_TRUE(!has(0) || has(encap)) << "collection " << encap; };
+    store.groupBegin();
+    store.put(0, layout.hashes[0](key), key, {});
+    store.put(encap, layout.hashes[encap](key), key, {});
+    store.groupEnd([](unsigned, Memtab::Bytes, Memtab::ChangeKind) {});
+    store.groupBegin();
+    store.del(encap, layout.hashes[encap](key), key);
+    store.del(0, layout.hashes[0](key), key);
+    store.groupEnd([](unsigned, Memtab::Bytes, Memtab::ChangeKind) {});
+    watch = [] {};
+  }
+}
+
 }  // namespace
 }  // namespace Tunnel::TunnelTable

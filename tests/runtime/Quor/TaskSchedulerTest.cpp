@@ -84,7 +84,8 @@ TEST(TaskScheduler, runMayDestroyItselfOthersAndTheLastReferenceToTheScheduler) 
   EXPECT_EQ(scene.journal, Journal{"done"});
 }
 
-// Fails if a task runs before a timer or a watcher whose time came earlier.
+// Fails if a task runs before a timer or a watcher whose time came earlier, or the timer before the watcher of the same
+// time.
 TEST(TaskScheduler, whatIsDueIsServedInTheOrderOfTimeBeforeTheNextTask) {
   Scene scene;
   const auto late = scene.task("late"), early = scene.task("early"), filed = scene.task("filed");
@@ -94,7 +95,7 @@ TEST(TaskScheduler, whatIsDueIsServedInTheOrderOfTimeBeforeTheNextTask) {
   });
   late->scheduleTaskLowestDelay(3);
   early->scheduleTaskLowestDelay(1);
-  watcher->timeMinIs(102);
+  watcher->timeMinIs(103);
   scene.time.nowIs(110);
   scene.scheduler->runDue();
   EXPECT_EQ(scene.journal, (Journal{"watcher@10", "early@10", "filed@10", "late@10"}));
