@@ -53,8 +53,27 @@ size_t Allocator::classBytes(size_t sizeClass) {
   return (size_t{1} << octave) + (eighth + 1) * (size_t{1} << (octave - 3));
 }
 
-Allocator::Allocator(Region& region)
-    : region_(&region), bits_(region.size() / unitBytes / bitsPerWord), used_(headerBytes) {
+// 128 KiB hold, in either half, the largest FIB entry with as many label stacks.
+size_t Allocator::reserveOf(size_t bytes) { return std::min(bytes, std::max(reserveMin, bytes / reserveShare)); }
+
+// The least size of a region of which so many bytes do not lie in the reserve.
+size_t Allocator::bytesWithReserve(size_t bytes) {
+  return std::max(bytes + reserveMin, bytes + bytes / (reserveShare - 1) + unitBytes);
+}
+
+// How many bytes an allocation for the current purpose must leave free.
+size_t Allocator::reserveLeft() const {
+  const size_t reserve = reserveOf(size() * unitBytes);
+  return purpose_ == Purpose::insertion ? reserve : purpose_ == Purpose::growth ? reserve / 2 : 0;
+}
+
+void Allocator::sizeIsOfRegion() {
+  bits_.resize(region_->size() / unitBytes / bitsPerWord);
+  bodyEnd_ = size() - reserveOf(size() * unitBytes) / unitBytes;
+}
+
+Allocator::Allocator(Region& region) : region_(&region), used_(headerBytes) {
+  sizeIsOfRegion();
   mark(0, headerUnits, true);
   rewind();
 }
@@ -132,9 +151,8 @@ size_t Allocator::firstFreeLane(size_t from, size_t to) const {
 
 // Between small pieces lie many holes of a few units. A large piece needs a whole lane at least, by which it is found
 // without looking into them.
-size_t Allocator::find(size_t from, size_t units) const {
+size_t Allocator::find(size_t from, size_t units, size_t end) const {
   static_assert(wholeLinesFrom >= 2 * laneUnits - 1);
-  const size_t end = limit(units);
   for (size_t at = aligned(from, units); at + units <= end;) {
     const size_t used = firstUsed(at, at + units);
     if (used == at + units) {
@@ -152,45 +170,59 @@ void Allocator::rewind() {
 
 size_t Allocator::search(size_t units) {
   size_t& cursor = cursors_[kindOf(units)];
-  size_t at = find(cursor, units);
+  size_t at = find(cursor, units, limit(units));
   if (at == nowhere && freed_ * 8 >= size() * unitBytes) {
     rewind();
-    at = find(cursor, units);
+    at = find(cursor, units, limit(units));
   }
   cursor = at == nowhere ? limit(units) : at + units;
   return at;
 }
 
-// Behind the last piece. When the region cannot grow, whatever is free anywhere.
+// After the last piece, with the reserve after it.
 size_t Allocator::extend(size_t units) {
   if (hasLimits()) {
     limitsDel();
     rewind();
-    if (const size_t at = search(units); at != nowhere) {
+    if (const size_t at = isAllowed(units) ? search(units) : nowhere; at != nowhere) {
       return at;
     }
   }
   const size_t at = aligned(end() / unitBytes, units);
   try {
-    region_->extendTo((at + units) * unitBytes);
+    region_->extendTo(bytesWithReserve((at + units) * unitBytes));
   } catch (const NoSpace&) {
-    rewind();
-    if (const size_t hole = search(units); hole != nowhere) {
+    if (const size_t hole = withoutGrowth(units); hole != nowhere) {
       return hole;
     }
-    throw;
+    if (purpose_ != Purpose::exchange) {
+      throw;
+    }
+    region_->extendTo((at + units) * unitBytes);  // rather no reserve than no table
   }
-  bits_.resize(region_->size() / unitBytes / bitsPerWord);
+  sizeIsOfRegion();
   cursors_[kindOf(units)] = at + units;
   return at;
+}
+
+// Whatever is free anywhere, as far as the purpose allows.
+size_t Allocator::withoutGrowth(size_t units) {
+  if (!isAllowed(units)) {
+    return nowhere;
+  }
+  rewind();
+  const size_t at = search(units);
+  return at != nowhere || purpose_ == Purpose::insertion ? at
+                                                         : find(bodyEnd_, units, size() - reserveLeft() / unitBytes);
 }
 
 uint32_t Allocator::allocate(size_t bytes) {
   const size_t sizeClass = Allocator::sizeClass(bytes);
   const size_t units = classBytes(sizeClass) / unitBytes;
-  size_t at = reuse(sizeClass, units);
-  if (at == nowhere) {
-    at = search(units);
+  size_t at = nowhere;
+  if (isAllowed(units)) {
+    at = reuse(sizeClass, units);
+    at = at == nowhere ? search(units) : at;
   }
   return handOut(at == nowhere ? extend(units) : at, units);
 }
@@ -203,6 +235,15 @@ uint32_t Allocator::allocateInside(size_t bytes) {
     at = search(units);
   }
   return at == nowhere ? 0 : handOut(at, units);
+}
+
+uint32_t Allocator::allocateBelow(uint32_t units, size_t bytes) {
+  if (const uint32_t inside = allocateInside(bytes); inside != 0) {
+    return inside;
+  }
+  const size_t size = roomFor(bytes) / unitBytes;
+  const size_t at = find(bodyEnd_, size, units);
+  return at == nowhere ? 0 : handOut(at, size);
 }
 
 uint32_t Allocator::handOut(size_t at, size_t units) {
@@ -249,7 +290,7 @@ void Allocator::count(size_t units, bool isTaken) {
   large_ += kindOf(units) != 0 ? bytes : 0;
 }
 
-size_t Allocator::limit(size_t units) const { return std::min(limits_[kindOf(units)] / unitBytes, size()); }
+size_t Allocator::limit(size_t units) const { return std::min(limits_[kindOf(units)] / unitBytes, bodyEnd_); }
 
 void Allocator::limitsAre(size_t small, size_t large) {
   limits_ = {small, large};
@@ -262,7 +303,7 @@ bool Allocator::isBehindLimit(size_t offset, size_t bytes) const {
 
 void Allocator::regionShrunk() {
   ZOL_ASSERT(end() <= region_->size());
-  bits_.resize(region_->size() / unitBytes / bitsPerWord);
+  sizeIsOfRegion();
   limitsDel();
   rewind();
 }

@@ -70,8 +70,10 @@ class Index {
   bool stands(const Probe& found, std::span<const uint64_t> block) const;
   // A Probe is good as long as this number stays.
   uint64_t layout() const { return layout_; }
+  // What the record at found occupies; 0: there is none.
+  size_t bytesAt(const Probe& found) const;
   // Of hashes, which are ascending, as many as share a segment have room in it. Returns how many; 0: the segment was
-  // too small and has grown, ask again. Throws NoSpace.
+  // too small and has grown, ask again. Throws NoSpace; for a replacement only when no word of the segment is left.
   size_t makeRoom(std::span<const uint64_t> hashes);
   // Writes a block aside. Returns its first unit, which gives its index word. Throws NoSpace.
   uint32_t write(std::span<const uint64_t> block);
@@ -83,6 +85,9 @@ class Index {
   // words, or an eighth of a piece, a unit) lasts. noRoom: a piece cannot be moved. See IndexCompaction.h.
   enum class Compaction : uint8_t { more, done, noRoom };
   Compaction compact(Compacted& place, size_t& effort);
+
+  // Moves a few blocks out of the reserve, into space that has been released.
+  void leaveReserve();
 
   // Taking over what a predecessor left; see IndexTakeOver.h.
   void examineStructure(std::vector<Damage>& damages);
@@ -128,6 +133,11 @@ class Index {
   Match match(uint64_t word, Bytes key) const;
   Probe probe(uint64_t hash, Bytes key) const;
   bool hasRoom(const Segment& segment, const Probe& probe) const;
+  void noteIfInReserve(uint32_t units) {
+    if (pen_->allocator().isInReserve(units)) {
+      inReserve_.push_back(units);
+    }
+  }
   void releaseBlock(uint64_t word);
   uint64_t vacancyAt(size_t slot) const;
 
@@ -151,6 +161,7 @@ class Index {
 
   bool moveDirectory();
   bool moveSegment(size_t first);
+  bool moveBlockTo(uint32_t units, size_t slot, const BlockHead& head);
   bool moveBlock(size_t slot, size_t& effort);
   Compaction compactSegment(size_t first, Compacted& place, size_t& effort);
 
@@ -170,8 +181,10 @@ class Index {
   std::array<size_t, 32> segmentsAt_{};  // number of segments by their depth
   size_t live_ = 0;
   uint64_t layout_ = 0;
-  std::vector<Item> items_;   // of the segments at hand; kept for its memory
-  std::vector<Unfit> unfit_;  // of a take-over, until repaired
+  std::vector<uint32_t> inReserve_;  // blocks that were placed in the reserve, until they are known to have left
+  size_t nextInReserve_ = 0;         // the one to try next
+  std::vector<Item> items_;          // of the segments at hand; kept for its memory
+  std::vector<Unfit> unfit_;         // of a take-over, until repaired
 };
 
 }  // namespace Memtab

@@ -51,24 +51,52 @@ bool Index<Stores>::moveSegment(size_t first) {
   return true;
 }
 
+// Moves the block that the word at slot names to the piece at units; 0: there is none, and the answer is false.
+template <class Stores>
+bool Index<Stores>::moveBlockTo(uint32_t units, size_t slot, const BlockHead& head) {
+  if (units == 0) {
+    return false;
+  }
+  const uint64_t word = pen_->load(slot);
+  pen_->copy(size_t{units} * unitBytes, size_t{unitsOf(word)} * unitBytes, head.words());
+  pen_->store(slot, versionOf(word) << 32 | units);
+  pen_->release(unitsOf(word), 8 * head.words());
+  return true;
+}
+
 // A damaged block stays where it is.
 template <class Stores>
 bool Index<Stores>::moveBlock(size_t slot, size_t& effort) {
-  const uint64_t word = pen_->load(slot);
-  const uint32_t old = unitsOf(word);
+  const uint32_t old = unitsOf(pen_->load(slot));
   const std::optional<BlockHead> head = headAt(old);
   if (!head || !pen_->allocator().isBehindLimit(size_t{old} * unitBytes, 8 * head->words()) || !isIntact(old, *head)) {
     return true;
   }
-  const uint32_t units = pen_->allocateInside(8 * head->words());
-  if (units == 0) {
-    return false;
-  }
-  pen_->copy(size_t{units} * unitBytes, size_t{old} * unitBytes, head->words());
-  pen_->store(slot, versionOf(word) << 32 | units);
-  pen_->release(old, 8 * head->words());
   effort -= std::min(effort, effortOfMove);
-  return true;
+  return moveBlockTo(pen_->allocateInside(8 * head->words()), slot, *head);
+}
+
+// A replacement that found space in the reserve alone has released as much elsewhere; that is where its block moves.
+// Blocks for which there is no space elsewhere move together, so that what is left of the reserve stays in one piece.
+template <class Stores>
+void Index<Stores>::leaveReserve() {
+  constexpr size_t leastAtOnce = 8;
+  for (size_t n = std::min(inReserve_.size(), leastAtOnce + inReserve_.size() / 32); n > 0; --n) {
+    nextInReserve_ = nextInReserve_ < inReserve_.size() ? nextInReserve_ : 0;
+    uint32_t& units = inReserve_[nextInReserve_];
+    const std::optional<BlockHead> head = pen_->allocator().isInReserve(units) ? headAt(units) : std::nullopt;
+    const Probe found = head ? find(hash_(keyAt(units, *head)), keyAt(units, *head)) : Probe();
+    const bool isThere = found.standing && unitsOf(pen_->load(*found.standing)) == units && isIntact(units, *head);
+    if (isThere && moveBlockTo(pen_->allocator().allocateBelow(units, 8 * head->words()), *found.standing, *head)) {
+      units = unitsOf(pen_->load(*found.standing));
+    }
+    if (isThere && pen_->allocator().isInReserve(units)) {
+      ++nextInReserve_;
+    } else {
+      units = inReserve_.back();
+      inReserve_.pop_back();
+    }
+  }
 }
 
 template <class Stores>

@@ -113,6 +113,7 @@ void Index<Stores>::examineSegment(size_t first, std::vector<Damage>& damages) {
       unfit(items_[i].slot, items_[i].word, what);
     } else {
       ++segment.live;
+      noteIfInReserve(unitsOf(items_[i].word));
     }
   }
 }

@@ -110,8 +110,15 @@ bool Index<Stores>::stands(const Probe& found, std::span<const uint64_t> block) 
 template <class Stores>
 uint32_t Index<Stores>::write(std::span<const uint64_t> block) {
   const uint32_t units = pen_->allocate(block.size_bytes());
+  noteIfInReserve(units);
   pen_->storeAll(size_t{units} * unitBytes, block);
   return units;
+}
+
+template <class Stores>
+size_t Index<Stores>::bytesAt(const Probe& found) const {
+  const std::optional<BlockHead> head = found.standing ? headAt(unitsOf(pen_->load(*found.standing))) : std::nullopt;
+  return head ? Allocator::roomFor(8 * head->words()) : 0;
 }
 
 template <class Stores>
@@ -142,6 +149,20 @@ size_t Index<Stores>::makeRoom(std::span<const uint64_t> hashes) {
   const Segment& segment = directory_[first];
   if ((segment.live + segment.dead + count) * 32 <= segment.place.words() * 25) {
     return count;
+  }
+  const Purpose purpose = pen_->allocator().purpose();
+  try {
+    const PurposeScope lasting(pen_->allocator(), purpose == Purpose::exchange ? Purpose::growth : purpose);
+    grow(hashes.front());
+    return 0;
+  } catch (const NoSpace&) {
+    const Segment& same = segmentOf(hashes.front());
+    if (purpose != Purpose::insertion && same.live + count <= same.place.words()) {
+      return count;  // searches in the segment take longer
+    }
+    if (purpose != Purpose::exchange) {
+      throw;
+    }
   }
   grow(hashes.front());
   return 0;
@@ -189,6 +210,7 @@ void Index<Stores>::erase(uint64_t hash, const Probe& found) {
 
 template <class Stores>
 PutResult Index<Stores>::put(uint64_t hash, Bytes key, std::span<const uint64_t> block) {
+  PurposeScope purpose(pen_->allocator(), Purpose::insertion);
   if (directory_.empty()) {
     createSegment();
   }
@@ -199,6 +221,10 @@ PutResult Index<Stores>::put(uint64_t hash, Bytes key, std::span<const uint64_t>
   while (!found.taken() && !hasRoom(segmentOf(hash), found)) {
     grow(hash);
     found = probe(hash, key);
+  }
+  if (found.taken()) {
+    const bool isExchange = Allocator::roomFor(block.size_bytes()) <= bytesAt(found);
+    pen_->allocator().purposeIs(isExchange ? Purpose::exchange : Purpose::growth);
   }
   const uint32_t units = write(block);
   changes_->begin(1);

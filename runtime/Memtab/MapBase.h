@@ -40,6 +40,10 @@ class MapBase : public Zol::Entity, protected StoreListener {
   // Bytes in use in the region, which other maps may share.
   std::size_t bytesUsed() const { return isPlaceholder() || !store_->isWritable() ? 0 : store_->store().bytesUsed(); }
 
+  // Bytes of the region that no record uses. After NoSpace a write may be tried again when there are more of them, and
+  // from time to time, since other files may have released space.
+  std::size_t bytesFree() const { return isWritable() ? store_->store().bytesFree() : 0; }
+
   // All that f writes, to this map and to others of its store, is one change to readers in other processes; watchers
   // are notified at its end, once a key. Throws NoSpace, and what f throws; then nothing is written.
   template <class F>

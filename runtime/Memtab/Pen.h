@@ -53,9 +53,9 @@ class Pen {
   }
   uint32_t allocateInside(size_t bytes) { return allocator_.allocateInside(bytes); }
   void release(uint32_t units, size_t bytes) { allocator_.release(units, bytes); }
-  // Gives back what lies behind the last piece.
+  // Gives back what lies after the last piece and the reserve.
   void shrink() {
-    region_.shrinkTo(allocator_.end());
+    region_.shrinkTo(allocator_.bytesNeeded());
     allocator_.regionShrunk();
     publishSize();
   }

@@ -73,7 +73,8 @@ class BasicStore {
 
   // Requires: hash is the collection's hash of key.
   // Throws RangeException for a key or record too long, NoSpace when the region cannot grow; the table stands as it
-  // did.
+  // did. A new record is refused when only the reserve is left (Allocator.h). One that is no larger than the record it
+  // replaces is never refused.
   PutResult put(unsigned collection, uint64_t hash, Bytes key, Bytes record);
 
   // Whether there was a record, or a damaged one that may have been this key's.
@@ -85,7 +86,8 @@ class BasicStore {
   bool isGroupOpen() const { return group_.isOpen(); }
   // Makes the changes, which readers see as one, and then calls changed(collection, key, ChangeKind) for each key whose
   // record differs from what stood before. changed may put and delete, but not begin a group.
-  // Throws NoSpace; then the table stands as it did before the group, which is forgotten.
+  // Throws NoSpace; then the table stands as it did before the group, which is forgotten. A group that replaces or
+  // deletes a record may use the reserve; it is never refused if it needs no more than it releases.
   template <class F>
   void groupEnd(F&& changed);
   // Forgets the open group.
@@ -130,6 +132,8 @@ class BasicStore {
   // Bytes in use, and bytes that the region has from its backing.
   size_t bytesUsed() const { return allocator().bytesUsed(); }
   size_t bytesMapped() const { return pen_.region().size(); }
+  // The rest, the reserve included. After NoSpace: try again when there are more of them.
+  size_t bytesFree() const { return allocator().bytesFree(); }
   const Allocator& allocator() const { return pen_.allocator(); }
 
  private:
@@ -173,6 +177,7 @@ class BasicStore {
   void compact();
   void nextCollection();
   void endCompaction();
+  Purpose purposeOf(std::span<Group::Item* const> changes);
   void claimSpace(std::span<Group::Item* const> changes);
   void make(Group::Item& item, uint64_t number);
 
@@ -234,6 +239,7 @@ void BasicStore<Stores>::changed(unsigned collection, Bytes key, bool isCountCha
   }
   changes_.log(0, collection, key);
   changes_.end(1);
+  index(collection).leaveReserve();
   requireIntact();
 }
 

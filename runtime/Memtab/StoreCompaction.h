@@ -8,7 +8,8 @@ namespace Memtab {
 template <class Stores>
 bool BasicStore<Stores>::isWorthCompacting() const {
   const bool isTried = bytesMapped() == compacting_.bytesMapped && bytesUsed() > compacting_.bytesUsed / 2;
-  return bytesMapped() > options_.bytesKept && bytesUsed() * 4 < bytesMapped() && !isTried;
+  const size_t bytes = bytesMapped() - allocator().bytesReserved();
+  return bytesMapped() > options_.bytesKept && bytesUsed() * 4 < bytes && !isTried;
 }
 
 // A few steps towards a smaller region, if it is worth it.

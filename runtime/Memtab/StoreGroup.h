@@ -72,9 +72,25 @@ Lookup BasicStore<Stores>::staged(const Group::Item& item, Buffer& buffer) const
   return result;
 }
 
+// What a group needs space for. One that replaces or deletes a record is a replacement as a whole: an entry whose
+// label stack changes comes with a new stack record.
+template <class Stores>
+Purpose BasicStore<Stores>::purposeOf(std::span<Group::Item* const> changes) {
+  bool isReplacement = false;
+  size_t taken = 0;
+  size_t released = 0;
+  for (const Group::Item* item : changes) {
+    isReplacement = isReplacement || item->found.taken();
+    taken += item->outcome == Group::Outcome::put ? Allocator::roomFor(group_.block(*item).size_bytes()) : 0;
+    released += index(item->collection).bytesAt(item->found);
+  }
+  return !isReplacement ? Purpose::insertion : taken <= released ? Purpose::exchange : Purpose::growth;
+}
+
 // Throws NoSpace; then the pieces are free again. Segments that have grown stay so, which changes no content.
 template <class Stores>
 void BasicStore<Stores>::claimSpace(std::span<Group::Item* const> changes) {
+  const PurposeScope purpose(pen_.allocator(), purposeOf(changes));
   for (uint32_t growing = group_.growing(); growing != 0; growing &= growing - 1) {
     const auto collection = static_cast<unsigned>(std::countr_zero(growing));
     for (std::span<const uint64_t> hashes = group_.newHashes(collection); !hashes.empty();) {
@@ -144,6 +160,9 @@ void BasicStore<Stores>::groupEnd(F&& changed) {
     changes_.log(i, changes[i]->collection, group_.key(*changes[i]));
   }
   changes_.end(changes.size());
+  for (Index<Stores>& index : indexes_) {
+    index.leaveReserve();
+  }
   for (const Group::Item* item : changes) {
     if (item->kind == ChangeKind::deleted) {
       index(item->collection).tidy(item->hash);

@@ -76,7 +76,7 @@ std::map<Placed, ChangeKind> differences(const Model& before, const Model& after
 TEST(MemtabGroup, equalsMap) {
   Support::forEachSeed(1, [](unsigned seed) {
     size_t refused = 0;
-    for (const size_t bytesMax : {size_t{1} << 30, size_t{65536}}) {
+    for (const size_t bytesMax : {size_t{1} << 30, size_t{65536} + Allocator::reserveMin}) {
       GroupScene scene(bytesMax);
       Model model;
       Random random(seed);

@@ -169,7 +169,7 @@ TEST(MemtabStop, walkBetweenStores) {
     size_t mappedMax = 0;
     for (int round = 0; round < 2; ++round) {
       for (unsigned i = 0; i < 1500 && !HasFailure(); ++i) {
-        scene.change(std::to_string(i), std::string(random() % 200, 'a'));
+        scene.change(std::to_string(i), std::string(random() % 400, 'a'));
         mappedMax = std::max(mappedMax, scene.bytesMapped());
       }
       for (unsigned i = 0; i < 1450 && !HasFailure(); ++i) {

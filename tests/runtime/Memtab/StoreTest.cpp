@@ -134,7 +134,7 @@ TEST(MemtabCursor, survivesChanges) {
 // Fails if the last put before the region is full loses something, or if room cannot be used again.
 TEST(MemtabStore, fullRegion) {
   const HashFn hash = spreadHash;
-  Store store(Region::anonymous(300000), 7, {&hash, 1}, {.ringSlotsLog2 = 3});
+  Store store(Region::anonymous(430000), 7, {&hash, 1}, {.ringSlotsLog2 = 3});
   Content content;
   const auto put = [&](const std::string& key, const std::string& record) {
     const auto result = store.put(0, hash(bytesOf(key)), bytesOf(key), bytesOf(record));
