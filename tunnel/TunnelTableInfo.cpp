@@ -41,9 +41,14 @@ void registerEntityTypes() {
   Statehub::EntityTypes::typeIs(TunnelRib::entityTypeName, makeTable<TunnelRib>);
   Statehub::EntityTypes::typeIs(TunnelFib::entityTypeName, makeTable<TunnelFib>);
 }
-[[maybe_unused]] const bool entityTypesKnown = (registerEntityTypes(), true);
 
 }  // namespace
+
+// CMakeLists.txt makes every program that links this library keep the symbol, and with it the registration.
+extern "C" {
+extern const bool tunnelEntityTypesKnown;
+const bool tunnelEntityTypesKnown = (registerEntityTypes(), true);
+}
 
 TunnelTableInfo tunnelTableInfo(Id table) {
   TunnelTableInfo info;
