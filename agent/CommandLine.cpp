@@ -1,27 +1,13 @@
 #include "agent/CommandLine.h"
 
-#include <CLI/CLI.hpp>
+#include <iostream>
+#include <utility>
 
 #include "agent/CommandPages.h"
-#include "agent/NumberRange.h"
+#include "agent/CommandParser.h"
 
 namespace Agent {
 namespace {
-
-// A checker of texts for which parse raises nothing.
-template <class Parse>
-CLI::Validator accepted(const char* word, Parse parse) {
-  return CLI::Validator(
-      [parse](const std::string& text) -> std::string {
-        try {
-          parse(text);
-          return {};
-        } catch (const Zol::Exception& error) {
-          return error.what();
-        }
-      },
-      word);
-}
 
 // The options of "run", as the parser fills them in.
 struct Texts {
@@ -33,51 +19,50 @@ struct Texts {
   std::vector<std::string> traces;
 };
 
-void addTraceOption(CLI::App& app, std::vector<std::string>& traces) {
-  app.add_option("--trace", traces, "Trace a source to standard error up to LEVEL (0 to 9); * is all sources")
-      ->type_size(1)
-      ->allow_extra_args(false)
-      ->check(accepted("SOURCE=LEVEL", [](const std::string& text) { Fastlog::TraceSetting::parse(text); }));
+void addTraceOption(const Command& app, std::vector<std::string>& traces) {
+  app.option("--trace", traces, "Trace a source to standard error up to LEVEL (0 to 9); * is all sources")
+      .repeatable()
+      .word("SOURCE=LEVEL")
+      .check(parsedBy<Zol::Exception>([](const std::string& text) { Fastlog::TraceSetting::parse(text); }));
 }
 
-void addTunnelIds(CLI::App& app, const std::string& name, std::vector<std::string>& ids, const std::string& help) {
-  app.add_option(name, ids, help)
-      ->type_size(1)
-      ->allow_extra_args(false)
-      ->check(accepted("ID", [](const std::string& text) { Tunnel::TunnelTable::TunnelId::fromText(text); }));
+void addTunnelIds(const Command& app, const char* name, std::vector<std::string>& ids, const char* help) {
+  app.option(name, ids, help).repeatable().word("ID").check(parsedBy<Zol::Exception>([](const std::string& text) {
+    Tunnel::TunnelTable::TunnelId::fromText(text);
+  }));
 }
 
-void addRunOptions(CLI::App& app, RunOptions& options, Texts& texts) {
-  app.add_option("SCENARIO", options.scenarios, "Files to apply, one after the other; - is standard input")->required();
-  app.add_flag("--state{-}", texts.state, "Print the resulting state as JSON, into FILE with --state=FILE");
-  app.add_option("--rib", texts.rib, "Show this RIB only")->type_name("NAME");
-  app.add_option("--tep", texts.tep, "Show this tunnel endpoint only")
-      ->check(accepted("PREFIX", [](const std::string& text) { Ipkit::IpGenPrefix::fromText(text); }));
+void addRunOptions(const Command& app, RunOptions& options, Texts& texts) {
+  app.option("SCENARIO", options.scenarios, "Files to apply, one after the other; - is standard input").required();
+  app.flag("--state{-}", texts.state, "Print the resulting state as JSON, into FILE with --state=FILE");
+  app.option("--rib", texts.rib, "Show this RIB only").word("NAME");
+  app.option("--tep", texts.tep, "Show this tunnel endpoint only")
+      .word("PREFIX")
+      .check(parsedBy<Zol::Exception>([](const std::string& text) { Ipkit::IpGenPrefix::fromText(text); }));
   addTunnelIds(app, "--tunnel", texts.waysOf, "Show the way of this tunnel to its next hops");
   addTunnelIds(app, "--why", texts.askedWhy, "Say why this tunnel is, or is not, in the FIB and in the RIBs");
-  CLI::Option* const checkpoints =
-      app.add_option("--checkpoints", options.checkpointDirectory, "Write the document of each checkpoint to DIR")
-          ->type_name("DIR");
-  app.add_flag("--checkpoint-each-settle", options.checkpointsEachSettle,
-               "A checkpoint at every settle too, named by its line number")
-      ->needs(checkpoints);
-  app.add_option("--yield-every", options.yieldEvery, "Let tasks yield after N units of work")
-      ->type_name("N")
-      ->check(CLI::Range(std::uint64_t(1), UINT64_MAX));
+  const Option checkpoints =
+      app.option("--checkpoints", options.checkpointDirectory, "Write the document of each checkpoint to DIR")
+          .word("DIR");
+  app.flag("--checkpoint-each-settle", options.checkpointsEachSettle,
+           "A checkpoint at every settle too, named by its line number")
+      .needs(checkpoints);
+  app.option("--yield-every", options.yieldEvery, "Let tasks yield after N units of work")
+      .word("N")
+      .between(std::uint64_t(1), UINT64_MAX);
   addTraceOption(app, texts.traces);
 }
 
-void addServeOptions(CLI::App& app, ServeOptions& options, std::vector<std::string>& traces) {
-  app.add_option("--state-dir", options.stateDirectory, "Where the tables lie")
-      ->type_name("DIR")
-      ->check([](const std::string& path) { return path.empty() ? "no name of a directory" : ""; })
-      ->default_val(stateDirectoryDefault);
-  app.add_option("--config", options.configFile, "The RIBs to build, a rib line each; read again at SIGHUP")
-      ->type_name("FILE");
-  app.add_option("--wait-limit", options.waitSeconds,
-                 "Start after SECONDS though a table is incomplete of which RIBs or FIB hold entries")
-      ->type_name("SECONDS")
-      ->check(numberBetween(0.0, 1e9));
+void addServeOptions(const Command& app, ServeOptions& options, std::vector<std::string>& traces) {
+  app.option("--state-dir", options.stateDirectory, "Where the tables lie")
+      .word("DIR")
+      .check([](const std::string& path) { return path.empty() ? "no name of a directory" : ""; })
+      .defaultValue(stateDirectoryDefault);
+  app.option("--config", options.configFile, "The RIBs to build, a rib line each; read again at SIGHUP").word("FILE");
+  app.option("--wait-limit", options.waitSeconds,
+             "Start after SECONDS though a table is incomplete of which RIBs or FIB hold entries")
+      .word("SECONDS")
+      .between(0.0, 1e9);
   addTraceOption(app, traces);
 }
 
@@ -89,13 +74,13 @@ std::vector<Fastlog::TraceSetting> settings(const std::vector<std::string>& trac
   return all;
 }
 
-RunOptions complete(RunOptions options, const CLI::App& app, const Texts& texts) {
-  options.wantsState = app.count("--state") > 0;
+RunOptions complete(RunOptions options, const Command& command, const Texts& texts) {
+  options.wantsState = command.isGiven("--state");
   options.stateFile = texts.state == "-" ? "" : texts.state;
-  if (app.count("--rib") > 0) {
+  if (command.isGiven("--rib")) {
     options.filter.rib = texts.rib;
   }
-  if (app.count("--tep") > 0) {
+  if (command.isGiven("--tep")) {
     options.filter.tep = Ipkit::IpGenPrefix::fromText(texts.tep);
   }
   for (const std::string& id : texts.waysOf) {
@@ -105,7 +90,7 @@ RunOptions complete(RunOptions options, const CLI::App& app, const Texts& texts)
     options.askedWhy.push_back(Tunnel::TunnelTable::TunnelId::fromText(id));
   }
   if (options.wantsState && options.stateFile.empty() && options.waysOf.size() + options.askedWhy.size() > 0) {
-    throw CLI::ValidationError("--state", "prints nothing else; --tunnel and --why need --state=FILE");
+    refuse("--state", "prints nothing else; --tunnel and --why need --state=FILE");
   }
   options.traces = settings(texts.traces);
   return options;
@@ -114,31 +99,32 @@ RunOptions complete(RunOptions options, const CLI::App& app, const Texts& texts)
 }  // namespace
 
 CommandLine CommandLine::parse(int argc, const char* const* argv) {
-  CLI::App app("The tunnel agent of a router: builds tunnel RIBs and the tunnel FIB from tunnel tables.",
-               "tunnel-agent");
-  app.set_version_flag("--version", std::string("tunnel-agent ") + agentVersion);
-  app.require_subcommand(1);
-  CLI::App* const run = app.add_subcommand("run", "Apply scenario files and show the state that results");
+  const CommandParser parser("The tunnel agent of a router: builds tunnel RIBs and the tunnel FIB from tunnel tables.",
+                             "tunnel-agent", agentVersion);
+  const Command run = parser.top().command("run", "Apply scenario files and show the state that results");
   RunOptions options;
   Texts texts;
-  addRunOptions(*run, options, texts);
-  CLI::App* const serve = app.add_subcommand("serve", "Build RIBs and FIB from the tables of a state directory");
+  addRunOptions(run, options, texts);
+  run.onChosen([&] { options = complete(std::move(options), run, texts); });
+  const Command serve = parser.top().command("serve", "Build RIBs and FIB from the tables of a state directory");
   ServeOptions serveOptions;
   std::vector<std::string> serveTraces;
-  addServeOptions(*serve, serveOptions, serveTraces);
-  if (const auto status = answerPages(app, argc, argv, [](const ValuePlace&) { return std::vector<std::string>(); })) {
+  addServeOptions(serve, serveOptions, serveTraces);
+  serve.onChosen([&] { serveOptions.traces = settings(serveTraces); });
+  if (const auto status = answerPages(parser, argc, argv, nullptr)) {
     return {std::nullopt, std::nullopt, *status};
   }
-  try {
-    app.parse(argc, argv);
-    if (serve->parsed()) {
-      serveOptions.traces = settings(serveTraces);
-      return {std::nullopt, std::move(serveOptions), exitDone};
+  if (const auto ended = parser.parse(argc, argv)) {
+    if (ended->refusal.empty()) {
+      return {std::nullopt, std::nullopt, exitDone};
     }
-    return {complete(std::move(options), *run, texts), std::nullopt, exitDone};
-  } catch (const CLI::ParseError& error) {
-    return {std::nullopt, std::nullopt, app.exit(error) == 0 ? exitDone : exitBadInput};
+    std::cerr << "tunnel-agent: " << ended->refusal << '\n';
+    return {std::nullopt, std::nullopt, exitBadInput};
   }
+  if (serve.isGiven()) {
+    return {std::nullopt, std::move(serveOptions), exitDone};
+  }
+  return {std::move(options), std::nullopt, exitDone};
 }
 
 }  // namespace Agent

@@ -1,9 +1,12 @@
 #include "agent/CommandPages.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <iostream>
 #include <string_view>
 #include <utility>
+
+#include "agent/CommandParser.h"
 
 namespace Agent {
 namespace {
@@ -134,12 +137,17 @@ class Walk {
       return valuesOfOption(word.substr(0, equals), valuesOf);
     }
     if (wanting_ != nullptr) {
-      return valuesOf({*command_, *wanting_, stateDirectory_});
+      return values(*wanting_, valuesOf);
     }
     return word.starts_with('-') ? options() : commandsAndValues(valuesOf);
   }
 
  private:
+  std::vector<std::string> values(const CLI::Option& option, const ValuesOf& valuesOf) const {
+    const std::string name = option.get_positional() ? command_->get_name() : option.get_name();
+    return valuesOf ? valuesOf({name, stateDirectory_}) : std::vector<std::string>();
+  }
+
   const CLI::App* commandNamed(const std::string& name) const {
     for (const CLI::App* const each : commandsOf(*command_)) {
       if (each->get_name() == name) {
@@ -172,7 +180,7 @@ class Walk {
     const CLI::Option* const option = command_->get_option_no_throw(name);
     std::vector<std::string> values;
     if (option != nullptr) {
-      for (const std::string& value : valuesOf({*command_, *option, stateDirectory_})) {
+      for (const std::string& value : this->values(*option, valuesOf)) {
         values.push_back(name + "=" + value);
       }
     }
@@ -199,7 +207,7 @@ class Walk {
     const auto places = optionsOf(*command_, true);
     if (!places.empty() && (positionals_ < places.size() || places.back()->get_expected_max() > 1)) {
       const CLI::Option& place = *places[std::min(positionals_, places.size() - 1)];
-      const auto values = valuesOf({*command_, place, stateDirectory_});
+      const auto values = this->values(place, valuesOf);
       words.insert(words.end(), values.begin(), values.end());
     }
     return words;
@@ -213,7 +221,8 @@ class Walk {
 
 }  // namespace
 
-void writeManual(std::ostream& out, const CLI::App& app) {
+void writeManual(std::ostream& out, const CommandParser& parser) {
+  const CLI::App& app = parser.top().app();
   out << ".SH COMMANDS\nEvery command also takes " << bold("-h") << " and " << bold(helpOption)
       << ", and then says what it is for.\n";
   for (const CLI::App* const each : commandsOf(app)) {
@@ -225,9 +234,9 @@ void writeManual(std::ostream& out, const CLI::App& app) {
   }
 }
 
-std::vector<std::string> completions(const CLI::App& app, const std::vector<std::string>& words,
+std::vector<std::string> completions(const CommandParser& parser, const std::vector<std::string>& words,
                                      const ValuesOf& valuesOf) {
-  Walk walk(app);
+  Walk walk(parser.top().app());
   for (std::size_t i = 0; i + 1 < words.size(); ++i) {
     walk.wordIs(words[i]);
   }
@@ -237,12 +246,13 @@ std::vector<std::string> completions(const CLI::App& app, const std::vector<std:
   return candidates;
 }
 
-std::optional<int> answerPages(const CLI::App& app, int argc, const char* const* argv, const ValuesOf& valuesOf) {
+std::optional<int> answerPages(const CommandParser& parser, int argc, const char* const* argv,
+                               const ValuesOf& valuesOf) {
   const std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
   if (words.size() == 1 && words[0] == "manual") {
-    writeManual(std::cout, app);
+    writeManual(std::cout, parser);
   } else if (!words.empty() && words[0] == "complete") {
-    for (const std::string& each : completions(app, {words.begin() + 1, words.end()}, valuesOf)) {
+    for (const std::string& each : completions(parser, {words.begin() + 1, words.end()}, valuesOf)) {
       std::cout << each << '\n';
     }
   } else {

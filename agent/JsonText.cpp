@@ -9,6 +9,9 @@
 
 #include "agent/InputError.h"
 
+template class nlohmann::basic_json<>;
+template class nlohmann::basic_json<nlohmann::ordered_map>;
+
 namespace Agent {
 namespace {
 

@@ -5,6 +5,10 @@
 #include <string>
 #include <string_view>
 
+// Compiled once, in JsonText.cpp, rather than in each source that builds a document.
+extern template class nlohmann::basic_json<>;
+extern template class nlohmann::basic_json<nlohmann::ordered_map>;
+
 namespace Agent {
 
 using Json = nlohmann::json;

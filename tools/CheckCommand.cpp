@@ -35,13 +35,13 @@ int runCheck(const ShadowOptions& options) {
 
 }  // namespace
 
-void addCheck(CLI::App& app, Action& action) {
-  CLI::App& command =
-      *app.add_subcommand("check", "Look for damage, and for what does not fit together, in all tables");
+void addCheck(const Agent::Command& app, Action& action) {
+  const Agent::Command command =
+      app.command("check", "Look for damage, and for what does not fit together, in all tables");
   const auto options = std::make_shared<ShadowOptions>();
   addShadowOptions(command, *options);
   addLimit(command, *options, 100);
-  command.callback([=, &action] { action = [=] { return runCheck(*options); }; });
+  command.onChosen([=, &action] { action = [=] { return runCheck(*options); }; });
 }
 
 }  // namespace Tools

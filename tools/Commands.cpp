@@ -43,26 +43,24 @@ int toldDamage(const std::vector<std::string>& damages, bool isJson) {
   return damages.empty() ? exitDone : exitFailed;
 }
 
-void addStateDirectory(CLI::App& command, std::string& stateDirectory) {
-  command.add_option("--state-dir", stateDirectory, "Where the tables lie")
-      ->type_name("DIR")
-      ->check([](const std::string& path) { return path.empty() ? "no name of a directory" : ""; })
-      ->default_val(Agent::stateDirectoryDefault);
+void addStateDirectory(const Agent::Command& command, std::string& stateDirectory) {
+  command.option("--state-dir", stateDirectory, "Where the tables lie")
+      .word("DIR")
+      .check([](const std::string& path) { return path.empty() ? "no name of a directory" : ""; })
+      .defaultValue(Agent::stateDirectoryDefault);
 }
 
-void addLimit(CLI::App& command, std::optional<std::uint64_t>& limit, const char* help) {
-  command.add_option("--limit", limit, help)->type_name("N")->check(isCount());
+void addLimit(const Agent::Command& command, std::optional<std::uint64_t>& limit, const char* help) {
+  command.option("--limit", limit, help).word("N").check(isCount());
 }
 
-CLI::Validator isCount() {
-  return CLI::Validator(
-      [](const std::string& text) -> std::string {
-        std::uint64_t count = 0;
-        const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), count);
-        const bool isRight = error == std::errc() && end == text.data() + text.size() && count > 0;
-        return isRight ? "" : "'" + Agent::printable(text) + "' is not a number from 1 on";
-      },
-      "");
+Agent::ValueCheck isCount() {
+  return [](const std::string& text) -> std::string {
+    std::uint64_t count = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), count);
+    const bool isRight = error == std::errc() && end == text.data() + text.size() && count > 0;
+    return isRight ? "" : "'" + Agent::printable(text) + "' must be a positive integer";
+  };
 }
 
 void tellNote(const std::string& text, bool isJson) {
@@ -77,21 +75,21 @@ Agent::TableId tableNamed(const std::string& name) {
   return *table;
 }
 
-void addPublish(CLI::App& app, Action& action) {
-  CLI::App* const command = app.add_subcommand("publish", "Write the tables of scenarios as the protocols would");
+void addPublish(const Agent::Command& app, Action& action) {
+  const Agent::Command command = app.command("publish", "Write the tables of scenarios as the protocols would");
   const auto options = std::make_shared<PublishOptions>();
   const auto table = std::make_shared<std::string>();
-  addStateDirectory(*command, options->stateDirectory);
-  command->add_option("SCENARIO", options->scenarios, "Files to apply, one after the other; - is standard input");
-  command->add_option("--table", *table, "Publish this table alone; without scenarios: an empty one")
-      ->type_name("T")
-      ->check([](const std::string& name) { return tableOf(name) ? "" : "no table '" + Agent::printable(name) + "'"; });
-  command->add_flag("--hold", options->holds, "Stay the tables' publisher until a signal ends it");
-  command->add_flag("--json", options->isJson, "Print JSON");
-  command->add_flag("--step", options->steps, "Wait for a line on standard input at each settle");
-  command->callback([=, &action] {
+  addStateDirectory(command, options->stateDirectory);
+  command.option("SCENARIO", options->scenarios, "Files to apply, one after the other; - is standard input");
+  command.option("--table", *table, "Publish this table alone; without scenarios: an empty one")
+      .word("T")
+      .check([](const std::string& name) { return tableOf(name) ? "" : "no table '" + Agent::printable(name) + "'"; });
+  command.flag("--hold", options->holds, "Stay the tables' publisher until a signal ends it");
+  command.flag("--json", options->isJson, "Print JSON");
+  command.flag("--step", options->steps, "Wait for a line on standard input at each settle");
+  command.onChosen([=, &action] {
     if (options->scenarios.empty() && table->empty()) {
-      throw CLI::RequiredError("SCENARIO or --table");
+      Agent::refuseWithout("SCENARIO or --table");
     }
     options->table = tableOf(*table);
     action = [options] {
@@ -101,11 +99,11 @@ void addPublish(CLI::App& app, Action& action) {
   });
 }
 
-void addState(CLI::App& app, Action& action) {
-  CLI::App* const command = app.add_subcommand("state", "Print the state document of a state directory");
+void addState(const Agent::Command& app, Action& action) {
+  const Agent::Command command = app.command("state", "Print the state document of a state directory");
   const auto stateDirectory = std::make_shared<std::string>();
-  addStateDirectory(*command, *stateDirectory);
-  command->callback([=, &action] {
+  addStateDirectory(command, *stateDirectory);
+  command.onChosen([=, &action] {
     action = [stateDirectory] {
       StateReading reading(*stateDirectory);
       reading.status();

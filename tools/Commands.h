@@ -1,13 +1,13 @@
 // The commands of tunnelctl. Each adds itself to the command line, and says there what is to be run when it is chosen.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "agent/CommandParser.h"
 #include "agent/ProtocolTables.h"
 
 namespace Tools {
@@ -26,13 +26,13 @@ void complain(bool isJson, int status, const std::string& reason);
 int toldDamage(const std::vector<std::string>& damages, bool isJson);
 
 // The option that nearly every command has.
-void addStateDirectory(CLI::App& command, std::string& stateDirectory);
+void addStateDirectory(const Agent::Command& command, std::string& stateDirectory);
 
 // Accepts a number of at least 1.
-CLI::Validator isCount();
+Agent::ValueCheck isCount();
 
 // At most so many rows, at least one.
-void addLimit(CLI::App& command, std::optional<std::uint64_t>& limit, const char* help);
+void addLimit(const Agent::Command& command, std::optional<std::uint64_t>& limit, const char* help);
 
 // The table of that name; raises InputError.
 Agent::TableId tableNamed(const std::string& name);
@@ -40,12 +40,12 @@ Agent::TableId tableNamed(const std::string& name);
 // What there is to know besides the answer, on standard error; for programs {"note": TEXT}.
 void tellNote(const std::string& text, bool isJson);
 
-void addPublish(CLI::App& app, Action& action);
-void addState(CLI::App& app, Action& action);
-void addShow(CLI::App& app, Action& action);
-void addResolve(CLI::App& app, Action& action);
-void addDiff(CLI::App& app, Action& action);
-void addGraph(CLI::App& app, Action& action);
-void addWatch(CLI::App& app, Action& action);
+void addPublish(const Agent::Command& app, Action& action);
+void addState(const Agent::Command& app, Action& action);
+void addShow(const Agent::Command& app, Action& action);
+void addResolve(const Agent::Command& app, Action& action);
+void addDiff(const Agent::Command& app, Action& action);
+void addGraph(const Agent::Command& app, Action& action);
+void addWatch(const Agent::Command& app, Action& action);
 
 }  // namespace Tools

@@ -130,36 +130,36 @@ int setTrace(const ControlOptions& options, const std::vector<std::string>& sett
 
 }  // namespace
 
-void addConfig(CLI::App& app, Action& action) {
-  CLI::App& config = *app.add_subcommand("config", "The RIBs that the agent is to build");
-  config.require_subcommand(1);
-  CLI::App& show = *config.add_subcommand("show", "The configuration in force, as a configuration file has it");
-  show.callback([&action, options = addControlOptions(show)] { action = [options] { return showConfig(*options); }; });
+void addConfig(const Agent::Command& app, Action& action) {
+  const Agent::Command config = app.command("config", "The RIBs that the agent is to build");
+  config.commandRequired();
+  const Agent::Command show = config.command("show", "The configuration in force, as a configuration file has it");
+  show.onChosen([&action, options = addControlOptions(show)] { action = [options] { return showConfig(*options); }; });
   const auto addFile = [&](const char* name, const char* help, int (*run)(const ControlOptions&, const std::string&)) {
-    CLI::App& command = *config.add_subcommand(name, help);
+    const Agent::Command command = config.command(name, help);
     const auto file = std::make_shared<std::string>();
-    command.add_option("FILE", *file, "Lines {\"rib\": NAME, \"tables\": {...}}")->required();
-    command.callback(
+    command.option("FILE", *file, "Lines {\"rib\": NAME, \"tables\": {...}}").required();
+    command.onChosen(
         [=, &action, options = addControlOptions(command)] { action = [=] { return run(*options, *file); }; });
   };
   addFile("check", "Whether a configuration file is right; no agent is asked", checkConfig);
   addFile("apply", "Have the running agent take the configuration in a file", applyConfig);
 }
 
-void addTrace(CLI::App& app, Action& action) {
-  CLI::App& trace = *app.add_subcommand("trace", "What the agent traces to its standard error");
-  trace.require_subcommand(1);
-  CLI::App& show = *trace.add_subcommand("show", "The level of each source");
-  show.callback([&action, options = addControlOptions(show)] {
+void addTrace(const Agent::Command& app, Action& action) {
+  const Agent::Command trace = app.command("trace", "What the agent traces to its standard error");
+  trace.commandRequired();
+  const Agent::Command show = trace.command("show", "The level of each source");
+  show.onChosen([&action, options = addControlOptions(show)] {
     action = [options] {
       const ControlClient client(options->stateDirectory, options->seconds);
       return writeLevels(*options, client.ask("trace.get"));
     };
   });
-  CLI::App& set = *trace.add_subcommand("set", "Set levels, from left to right");
+  const Agent::Command set = trace.command("set", "Set levels, from left to right");
   const auto settings = std::make_shared<std::vector<std::string>>();
-  set.add_option("SOURCE=LEVEL", *settings, "A source, or * for all; 0 is off, 9 is everything")->required();
-  set.callback(
+  set.option("SOURCE=LEVEL", *settings, "A source, or * for all; 0 is off, 9 is everything").required();
+  set.onChosen(
       [=, &action, options = addControlOptions(set)] { action = [=] { return setTrace(*options, *settings); }; });
 }
 

@@ -14,12 +14,12 @@ struct ControlOptions {
   double seconds = 3;  // that the agent has for an answer
 };
 // --state-dir, --json, --timeout.
-std::shared_ptr<ControlOptions> addControlOptions(CLI::App& command);
+std::shared_ptr<ControlOptions> addControlOptions(const Agent::Command& command);
 
-void addConfig(CLI::App& app, Action& action);
-void addTrace(CLI::App& app, Action& action);
-void addMetrics(CLI::App& app, Action& action);
-void addTop(CLI::App& app, Action& action);
-void addControlCommands(CLI::App& app, Action& action);
+void addConfig(const Agent::Command& app, Action& action);
+void addTrace(const Agent::Command& app, Action& action);
+void addMetrics(const Agent::Command& app, Action& action);
+void addTop(const Agent::Command& app, Action& action);
+void addControlCommands(const Agent::Command& app, Action& action);
 
 }  // namespace Tools

@@ -81,13 +81,13 @@ int runDependents(const DependentsOptions& options) {
 
 }  // namespace
 
-void addDependents(CLI::App& app, Action& action) {
-  CLI::App& command = *app.add_subcommand("dependents", "List the tunnels that resolve through a tunnel, by depth");
+void addDependents(const Agent::Command& app, Action& action) {
+  const Agent::Command command = app.command("dependents", "List the tunnels that resolve through a tunnel, by depth");
   const auto options = std::make_shared<DependentsOptions>();
   addShadowOptions(command, *options);
   addLimit(command, *options, 10);
-  command.add_option("TUNNEL", options->tunnel, "A tunnel, as ldpTunnel/5")->required();
-  command.callback([=, &action] { action = [=] { return runDependents(*options); }; });
+  command.option("TUNNEL", options->tunnel, "A tunnel, as ldpTunnel/5").required();
+  command.onChosen([=, &action] { action = [=] { return runDependents(*options); }; });
 }
 
 }  // namespace Tools

@@ -172,15 +172,14 @@ int diff(const DiffOptions& options) {
 
 }  // namespace
 
-void addDiff(CLI::App& app, Action& action) {
-  CLI::App* const command = app.add_subcommand("diff", "Compare two state documents; exit status 1 when they differ");
+void addDiff(const Agent::Command& app, Action& action) {
+  const Agent::Command command = app.command("diff", "Compare two state documents; exit status 1 when they differ");
   const auto options = std::make_shared<DiffOptions>();
-  command->add_option("BEFORE", options->before, "A state document, - for standard input, or a state directory")
-      ->required();
-  command->add_option("AFTER", options->after, "The same")->required();
-  command->add_flag("--json", options->isJson, "Print one JSON document");
-  addLimit(*command, options->limit, "At most N changes");
-  command->callback([=, &action] { action = [options] { return diff(*options); }; });
+  command.option("BEFORE", options->before, "A state document, - for standard input, or a state directory").required();
+  command.option("AFTER", options->after, "The same").required();
+  command.flag("--json", options->isJson, "Print one JSON document");
+  addLimit(command, options->limit, "At most N changes");
+  command.onChosen([=, &action] { action = [options] { return diff(*options); }; });
 }
 
 }  // namespace Tools

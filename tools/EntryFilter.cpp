@@ -4,16 +4,16 @@
 
 namespace Tools {
 
-void EntryFilter::addOptions(CLI::App& command) {
-  command.add_option("--tep", tepText_, "This tunnel endpoint alone, or the longest prefix that holds the address")
-      ->type_name("PREFIX|ADDRESS");
-  command.add_option("--tunnel", tunnelText_, "This tunnel alone")->type_name("ID");
-  command.add_option("--type", typeText_, "Tunnels of this type alone")->type_name("TYPE");
-  command.add_option("--next-hop", nextHopText_, "What has a via to this next hop")->type_name("ADDRESS");
-  command.add_option("--intf", intfText_, "What has a via through this interface")->type_name("INTF");
-  command.add_option("--label", label_, "What has a via that pushes this label")
-      ->type_name("LABEL")
-      ->check(CLI::Range(Ipkit::MplsLabelOperation::labelMax));
+void EntryFilter::addOptions(const Agent::Command& command) {
+  command.option("--tep", tepText_, "This tunnel endpoint alone, or the longest prefix that holds the address")
+      .word("PREFIX|ADDRESS");
+  command.option("--tunnel", tunnelText_, "This tunnel alone").word("ID");
+  command.option("--type", typeText_, "Tunnels of this type alone").word("TYPE");
+  command.option("--next-hop", nextHopText_, "What has a via to this next hop").word("ADDRESS");
+  command.option("--intf", intfText_, "What has a via through this interface").word("INTF");
+  command.option("--label", label_, "What has a via that pushes this label")
+      .word("LABEL")
+      .between(std::uint64_t(0), Ipkit::MplsLabelOperation::labelMax);
 }
 
 void EntryFilter::read() {

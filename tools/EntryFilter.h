@@ -2,12 +2,12 @@
 // hop, interface and label the same via.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "agent/CommandParser.h"
 #include "agent/FibView.h"
 #include "agent/InputError.h"
 #include "tools/TableWalk.h"
@@ -30,7 +30,7 @@ T optionValue(const std::string& option, const std::string& text) {
 
 class EntryFilter {
  public:
-  void addOptions(CLI::App& command);
+  void addOptions(const Agent::Command& command);
   // Takes the options' texts; raises InputError.
   void read();
 

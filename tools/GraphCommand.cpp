@@ -200,18 +200,16 @@ int graph(const GraphOptions& options) {
 
 }  // namespace
 
-void addGraph(CLI::App& app, Action& action) {
-  CLI::App* const command = app.add_subcommand("graph", "Write tunnels, next levels and next hops as a graph");
+void addGraph(const Agent::Command& app, Action& action) {
+  const Agent::Command command = app.command("graph", "Write tunnels, next levels and next hops as a graph");
   const auto options = std::make_shared<GraphOptions>();
-  addStateDirectory(*command, options->stateDirectory);
-  command->add_option("--tunnel", options->tunnels, "This tunnel and what it goes through; several times: these")
-      ->type_name("ID")
-      ->type_size(1)
-      ->allow_extra_args(false);
-  CLI::Option* const svg =
-      command->add_flag("--svg", options->isSvg, "Drawn by graphviz, instead of in the DOT language");
-  command->add_flag("--json", options->isJson, "Print one JSON document")->excludes(svg);
-  command->callback([=, &action] { action = [options] { return graph(*options); }; });
+  addStateDirectory(command, options->stateDirectory);
+  command.option("--tunnel", options->tunnels, "This tunnel and what it goes through; several times: these")
+      .word("ID")
+      .repeatable();
+  const Agent::Option svg = command.flag("--svg", options->isSvg, "Drawn by graphviz, instead of in the DOT language");
+  command.flag("--json", options->isJson, "Print one JSON document").excludes(svg);
+  command.onChosen([=, &action] { action = [options] { return graph(*options); }; });
 }
 
 }  // namespace Tools

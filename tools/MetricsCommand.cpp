@@ -132,10 +132,10 @@ void writeJson(const AgentSample& sample) {
 
 }  // namespace
 
-void addMetrics(CLI::App& app, Action& action) {
-  CLI::App& command = *app.add_subcommand(
-      "metrics", "Counters and histograms as Prometheus text; of the tables alone without an agent");
-  command.callback([&action, options = addControlOptions(command)] {
+void addMetrics(const Agent::Command& app, Action& action) {
+  const Agent::Command command =
+      app.command("metrics", "Counters and histograms as Prometheus text; of the tables alone without an agent");
+  command.onChosen([&action, options = addControlOptions(command)] {
     action = [options] {
       const AgentSample sample(*options);
       options->isJson ? writeJson(sample) : writeText(sample);

@@ -52,16 +52,16 @@ int resolve(const ResolveOptions& options) {
 
 }  // namespace
 
-void addResolve(CLI::App& app, Action& action) {
-  CLI::App* const command = app.add_subcommand("resolve", "Show where packets to an address go, down to the next hops");
+void addResolve(const Agent::Command& app, Action& action) {
+  const Agent::Command command = app.command("resolve", "Show where packets to an address go, down to the next hops");
   const auto options = std::make_shared<ResolveOptions>();
-  addStateDirectory(*command, options->stateDirectory);
-  command->add_option("ADDRESS", options->address, "An IPv4 or IPv6 address")->required();
-  command->add_option("--rib", options->rib, "A RIB, or the tunnel type of a per-protocol one")
-      ->type_name("NAME")
-      ->capture_default_str();
-  command->add_flag("--json", options->isJson, "Print one JSON document");
-  command->callback([=, &action] { action = [options] { return resolve(*options); }; });
+  addStateDirectory(command, options->stateDirectory);
+  command.option("ADDRESS", options->address, "An IPv4 or IPv6 address").required();
+  command.option("--rib", options->rib, "A RIB, or the tunnel type of a per-protocol one")
+      .word("NAME")
+      .defaultValue(options->rib);
+  command.flag("--json", options->isJson, "Print one JSON document");
+  command.onChosen([=, &action] { action = [options] { return resolve(*options); }; });
 }
 
 }  // namespace Tools

@@ -2,12 +2,12 @@
 
 namespace Tools {
 
-void addShadowOptions(CLI::App& command, ShadowOptions& options) {
+void addShadowOptions(const Agent::Command& command, ShadowOptions& options) {
   addStateDirectory(command, options.stateDirectory);
-  command.add_flag("--json", options.isJson, "Print JSON");
+  command.flag("--json", options.isJson, "Print JSON");
 }
 
-void addLimit(CLI::App& command, ShadowOptions& options, std::uint64_t textLimit) {
+void addLimit(const Agent::Command& command, ShadowOptions& options, std::uint64_t textLimit) {
   options.textLimit = textLimit;
   const std::string help =
       "Show at most N lines; everything counts. Without it " + std::to_string(textLimit) + ", or with --json all";

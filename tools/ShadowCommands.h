@@ -20,13 +20,13 @@ struct ShadowOptions {
   // Lines of each list that are shown. JSON has all unless a limit is given.
   std::uint64_t shown() const { return limit.value_or(isJson ? std::numeric_limits<std::uint64_t>::max() : textLimit); }
 };
-void addShadowOptions(CLI::App& command, ShadowOptions& options);
-void addLimit(CLI::App& command, ShadowOptions& options, std::uint64_t textLimit);
+void addShadowOptions(const Agent::Command& command, ShadowOptions& options);
+void addLimit(const Agent::Command& command, ShadowOptions& options, std::uint64_t textLimit);
 
-void addWhy(CLI::App& app, Action& action);
-void addDependents(CLI::App& app, Action& action);
-void addVerify(CLI::App& app, Action& action);
-void addCheck(CLI::App& app, Action& action);
-void addWhatIf(CLI::App& app, Action& action);
+void addWhy(const Agent::Command& app, Action& action);
+void addDependents(const Agent::Command& app, Action& action);
+void addVerify(const Agent::Command& app, Action& action);
+void addCheck(const Agent::Command& app, Action& action);
+void addWhatIf(const Agent::Command& app, Action& action);
 
 }  // namespace Tools

@@ -13,18 +13,18 @@ using Show = std::function<int(const ListOptions&)>;
 enum class Narrowing { none, filter };
 
 // One command below "show". show is called with the options read.
-CLI::App* addList(CLI::App& parent, Action& action, const char* name, const char* help, Narrowing narrowing,
-                  Show show) {
-  CLI::App* const command = parent.add_subcommand(name, help);
+Agent::Command addList(const Agent::Command& parent, Action& action, const char* name, const char* help,
+                       Narrowing narrowing, Show show) {
+  const Agent::Command command = parent.command(name, help);
   const auto options = std::make_shared<ListOptions>();
-  addStateDirectory(*command, options->stateDirectory);
-  command->add_flag("--json", options->isJson, "Print one JSON document");
-  addLimit(*command, options->limit, "At most N rows");
-  command->add_option("--after", options->after, "Go on behind this row")->type_name("KEY");
+  addStateDirectory(command, options->stateDirectory);
+  command.flag("--json", options->isJson, "Print one JSON document");
+  addLimit(command, options->limit, "At most N rows");
+  command.option("--after", options->after, "Go on behind this row").word("KEY");
   if (narrowing == Narrowing::filter) {
-    options->filter.addOptions(*command);
+    options->filter.addOptions(command);
   }
-  command->callback([=, &action] {
+  command.onChosen([=, &action] {
     action = [=] {
       options->filter.read();
       return show(*options);
@@ -45,46 +45,46 @@ struct Besides {
       return show(options);
     };
   }
-  void addRib(CLI::App& list) const { list.add_option("--rib", *rib, "Of tunnels in this RIB")->type_name("NAME"); }
-  void addReason(CLI::App& list, const char* help) const {
-    list.add_option("--reason", *reason, help)->check(CLI::IsMember(unprogrammableReasons()));
+  void addRib(const Agent::Command& list) const { list.option("--rib", *rib, "Of tunnels in this RIB").word("NAME"); }
+  void addReason(const Agent::Command& list, const char* help) const {
+    list.option("--reason", *reason, help).oneOf(unprogrammableReasons());
   }
 };
 
-void addFib(CLI::App& show, Action& action) {
+void addFib(const Agent::Command& show, Action& action) {
   const Besides besides;
-  besides.addRib(*addList(show, action, "fib", "Entries of the tunnel FIB", Narrowing::filter, besides.with(showFib)));
+  besides.addRib(addList(show, action, "fib", "Entries of the tunnel FIB", Narrowing::filter, besides.with(showFib)));
 }
 
-void addEncaps(CLI::App& show, Action& action) {
+void addEncaps(const Agent::Command& show, Action& action) {
   const Besides besides;
-  besides.addRib(*addList(show, action, "encaps", "Encapsulations, and how many vias share each", Narrowing::filter,
-                          besides.with(showEncaps)));
+  besides.addRib(addList(show, action, "encaps", "Encapsulations, and how many vias share each", Narrowing::filter,
+                         besides.with(showEncaps)));
 }
 
-void addUnprogrammable(CLI::App& show, Action& action) {
+void addUnprogrammable(const Agent::Command& show, Action& action) {
   const Besides besides;
-  besides.addReason(*addList(show, action, "unprogrammable", "Tunnels that cannot be programmed", Narrowing::filter,
-                             besides.with(showUnprogrammable)),
+  besides.addReason(addList(show, action, "unprogrammable", "Tunnels that cannot be programmed", Narrowing::filter,
+                            besides.with(showUnprogrammable)),
                     "Those with this reason, and all their reasons; any: whatever it is");
 }
 
-void addTable(CLI::App& show, Action& action) {
+void addTable(const Agent::Command& show, Action& action) {
   const auto table = std::make_shared<std::string>();
   const Besides besides;
-  CLI::App& list =
-      *addList(show, action, "table", "Entries of a protocol's table", Narrowing::filter,
-               besides.with([table](const ListOptions& options) { return showTable(options, tableNamed(*table)); }));
-  list.add_option("NAME", *table, "The table, such as ldp")->required();
+  const Agent::Command list =
+      addList(show, action, "table", "Entries of a protocol's table", Narrowing::filter,
+              besides.with([table](const ListOptions& options) { return showTable(options, tableNamed(*table)); }));
+  list.option("NAME", *table, "The table, such as ldp").required();
   besides.addRib(list);
   besides.addReason(list, "Of tunnels that are not in the FIB, or lack a via there, for this reason; any: for some");
 }
 
 }  // namespace
 
-void addShow(CLI::App& app, Action& action) {
-  CLI::App& show = *app.add_subcommand("show", "Show what the tables hold, and how they are");
-  show.require_subcommand(1);
+void addShow(const Agent::Command& app, Action& action) {
+  const Agent::Command show = app.command("show", "Show what the tables hold, and how they are");
+  show.commandRequired();
   addList(show, action, "tables", "The tables: entries, sequence numbers, completeness, writers, files",
           Narrowing::none, showTables);
   addList(show, action, "ribs", "The RIBs and their configuration", Narrowing::none, showRibs);
@@ -98,8 +98,8 @@ void addShow(CLI::App& app, Action& action) {
   const auto rib = std::make_shared<std::string>();
   addList(show, action, "rib", "Entries of a RIB", Narrowing::filter,
           [rib](const ListOptions& options) { return showRib(options, *rib); })
-      ->add_option("NAME", *rib, "A RIB, or the tunnel type of a per-protocol one")
-      ->required();
+      .option("NAME", *rib, "A RIB, or the tunnel type of a per-protocol one")
+      .required();
 }
 
 }  // namespace Tools

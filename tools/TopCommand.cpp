@@ -14,7 +14,6 @@
 
 #include "agent/Columns.h"
 #include "agent/InputError.h"
-#include "agent/NumberRange.h"
 #include "agent/Terminal.h"
 #include "tools/AgentSample.h"
 
@@ -281,16 +280,16 @@ int runTop(const TopOptions& options) {
 
 }  // namespace
 
-void addTop(CLI::App& app, Action& action) {
-  CLI::App& command = *app.add_subcommand("top", "Rates, backlogs, slices and latency, again and again");
+void addTop(const Agent::Command& app, Action& action) {
+  const Agent::Command command = app.command("top", "Rates, backlogs, slices and latency, again and again");
   const auto options = std::make_shared<TopOptions>();
   options->control = addControlOptions(command);
-  command.add_option("--interval", options->interval, "Between two looks")
-      ->type_name("SECONDS")
-      ->check(Agent::numberBetween(0.05, 86400.0))
-      ->default_val(options->interval);
-  command.add_option("--count", options->count, "End after N looks")->type_name("N")->check(isCount());
-  command.callback([=, &action] { action = [=] { return runTop(*options); }; });
+  command.option("--interval", options->interval, "Between two looks")
+      .word("SECONDS")
+      .between(0.05, 86400.0)
+      .defaultValue(options->interval);
+  command.option("--count", options->count, "End after N looks").word("N").check(isCount());
+  command.onChosen([=, &action] { action = [=] { return runTop(*options); }; });
 }
 
 }  // namespace Tools

@@ -56,8 +56,7 @@ std::vector<std::string> traceSources(const std::string& stateDirectory) {
 }  // namespace
 
 std::vector<std::string> valueNames(const Agent::ValuePlace& place) {
-  const CLI::Option& option = place.option;
-  const std::string named = option.get_positional() ? place.command.get_name() : option.get_name();
+  const std::string& named = place.name;
   try {
     if (named == "--rib" || named == "rib") {
       return ribNames(place.stateDirectory);

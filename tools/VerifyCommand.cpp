@@ -7,7 +7,6 @@
 #include <optional>
 
 #include "agent/InputError.h"
-#include "agent/NumberRange.h"
 #include "agent/Terminal.h"
 #include "tools/ShadowCommands.h"
 #include "tools/Verification.h"
@@ -111,16 +110,15 @@ int runVerify(const VerifyOptions& options) {
 
 }  // namespace
 
-void addVerify(CLI::App& app, Action& action) {
-  CLI::App& command = *app.add_subcommand("verify", "Compare RIBs and FIB with what the tables say");
+void addVerify(const Agent::Command& app, Action& action) {
+  const Agent::Command command = app.command("verify", "Compare RIBs and FIB with what the tables say");
   const auto options = std::make_shared<VerifyOptions>();
   addShadowOptions(command, *options);
   addLimit(command, *options, 100);
-  command
-      .add_option("--every", options->everySeconds, "Again and again, with a pause of SECONDS, until a signal ends it")
-      ->type_name("SECONDS")
-      ->check(Agent::numberBetween(0.0, 1e9));
-  command.callback([=, &action] { action = [=] { return runVerify(*options); }; });
+  command.option("--every", options->everySeconds, "Again and again, with a pause of SECONDS, until a signal ends it")
+      .word("SECONDS")
+      .between(0.0, 1e9);
+  command.onChosen([=, &action] { action = [=] { return runVerify(*options); }; });
 }
 
 }  // namespace Tools

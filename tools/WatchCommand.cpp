@@ -390,20 +390,20 @@ class Watch final : private Quor::NewsSource {
 
 }  // namespace
 
-void addWatch(CLI::App& app, Action& action) {
-  CLI::App* const command = app.add_subcommand("watch", "Tell changes as they come, until a signal");
+void addWatch(const Agent::Command& app, Action& action) {
+  const Agent::Command command = app.command("watch", "Tell changes as they come, until a signal");
   const auto options = std::make_shared<WatchOptions>();
-  addStateDirectory(*command, options->stateDirectory);
+  addStateDirectory(command, options->stateDirectory);
   const auto addNames = [&](const char* name, std::vector<std::string>& names, const char* help) {
-    command->add_option(name, names, help)->type_name("NAME")->type_size(1)->allow_extra_args(false);
+    command.option(name, names, help).word("NAME").repeatable();
   };
   addNames("--table", options->tables, "Of this table; several times: these. Without table, RIB and FIB: all");
   addNames("--rib", options->ribs, "Of this RIB; several times: these");
-  command->add_flag("--fib", options->hasFib, "Of the FIB");
-  options->filter.addOptions(*command);
-  command->add_flag("--json", options->isJson, "A JSON object a line");
-  addLimit(*command, options->limit, "Stop after N changes");
-  command->callback([=, &action] {
+  command.flag("--fib", options->hasFib, "Of the FIB");
+  options->filter.addOptions(command);
+  command.flag("--json", options->isJson, "A JSON object a line");
+  addLimit(command, options->limit, "Stop after N changes");
+  command.onChosen([=, &action] {
     action = [options] {
       options->filter.read();
       Watch(*options).run();

@@ -208,42 +208,28 @@ int runWhatIf(const WhatIfOptions& options) {
   return toldDamage(reading.damages(), options.isJson);
 }
 
-template <class Value>
-CLI::Validator textOf(const char* word) {
-  return CLI::Validator(
-      [](const std::string& text) -> std::string {
-        try {
-          Value::fromText(text);
-          return {};
-        } catch (const Zol::Exception& error) {
-          return error.what();
-        }
-      },
-      word);
-}
-
 }  // namespace
 
-void addWhatIf(CLI::App& app, Action& action) {
-  CLI::App& command = *app.add_subcommand("what-if", "Show what RIBs and FIB would become; nothing is changed");
+void addWhatIf(const Agent::Command& app, Action& action) {
+  const Agent::Command command = app.command("what-if", "Show what RIBs and FIB would become; nothing is changed");
   const auto options = std::make_shared<WhatIfOptions>();
   addShadowOptions(command, *options);
   addLimit(command, *options, 1000);
-  command.add_option("SCENARIO", options->scenarios, "Lines to apply; - is standard input");
-  command.add_option("--fail-intf", options->intfs, "The interface fails, with all vias over it")
-      ->type_size(1)
-      ->allow_extra_args(false)
-      ->check(textOf<Ipkit::IntfId>("INTF"));
-  command.add_option("--fail-tunnel", options->tunnels, "The tunnel's table entry goes")
-      ->type_size(1)
-      ->allow_extra_args(false)
-      ->check(textOf<Model::TunnelId>("ID"));
-  command.add_option("--each", options->each, "Fail each interface by itself, and rank them by the tunnels lost")
-      ->check(CLI::IsMember({"intf"}));
-  command.callback([=, &action] {
+  command.option("SCENARIO", options->scenarios, "Lines to apply; - is standard input");
+  command.option("--fail-intf", options->intfs, "The interface fails, with all vias over it")
+      .repeatable()
+      .word("INTF")
+      .check(Agent::parsedBy<Zol::Exception>([](const std::string& text) { Ipkit::IntfId::fromText(text); }));
+  command.option("--fail-tunnel", options->tunnels, "The tunnel's table entry goes")
+      .repeatable()
+      .word("ID")
+      .check(Agent::parsedBy<Zol::Exception>([](const std::string& text) { Model::TunnelId::fromText(text); }));
+  command.option("--each", options->each, "Fail each interface by itself, and rank them by the tunnels lost")
+      .oneOf({"intf"});
+  command.onChosen([=, &action] {
     const bool changes = !options->scenarios.empty() || !options->intfs.empty() || !options->tunnels.empty();
     if (changes != options->each.empty()) {
-      throw CLI::ValidationError("what-if", "one of: SCENARIO and --fail options, or --each intf");
+      Agent::refuse("what-if", "one of: SCENARIO and --fail options, or --each intf");
     }
     action = [=] { return options->each.empty() ? runWhatIf(*options) : runEach(*options); };
   });

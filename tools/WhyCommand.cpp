@@ -167,16 +167,16 @@ int runWhy(const WhyOptions& options) {
 
 }  // namespace
 
-void addWhy(CLI::App& app, Action& action) {
-  CLI::App& command =
-      *app.add_subcommand("why", "Say why a tunnel is, or is not, in FIB and RIBs, or who has an endpoint");
+void addWhy(const Agent::Command& app, Action& action) {
+  const Agent::Command command =
+      app.command("why", "Say why a tunnel is, or is not, in FIB and RIBs, or who has an endpoint");
   const auto options = std::make_shared<WhyOptions>();
   addShadowOptions(command, *options);
   command
-      .add_option("TUNNEL|TEP", options->subject,
-                  "A tunnel, as ldpTunnel/5, or an endpoint, as 10.0.0.5/32 or an address in it")
-      ->required();
-  command.callback([=, &action] { action = [=] { return runWhy(*options); }; });
+      .option("TUNNEL|TEP", options->subject,
+              "A tunnel, as ldpTunnel/5, or an endpoint, as 10.0.0.5/32 or an address in it")
+      .required();
+  command.onChosen([=, &action] { action = [=] { return runWhy(*options); }; });
 }
 
 }  // namespace Tools

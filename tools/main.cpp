@@ -45,9 +45,9 @@ int main(int argc, char** argv) {
   Agent::openStandardDescriptors();
   std::signal(SIGPIPE, SIG_IGN);
   std::ios::sync_with_stdio(false);
-  CLI::App app("Shows and explains what a router's tunnel agent has programmed.", "tunnelctl");
-  app.set_version_flag("--version", std::string("tunnelctl ") + Agent::agentVersion);
-  app.require_subcommand(1);
+  const Agent::CommandParser parser("Shows and explains what a router's tunnel agent has programmed.", "tunnelctl",
+                                    Agent::agentVersion);
+  const Agent::Command app = parser.top();
   Tools::Action action;
   Tools::addPublish(app, action);
   Tools::addState(app, action);
@@ -62,18 +62,12 @@ int main(int argc, char** argv) {
   Tools::addCheck(app, action);
   Tools::addWhatIf(app, action);
   Tools::addControlCommands(app, action);
-  if (const auto status = Agent::answerPages(app, argc, argv, Tools::valueNames)) {
+  if (const auto status = Agent::answerPages(parser, argc, argv, Tools::valueNames)) {
     return *status;
   }
   isJson = std::find(argv, argv + argc, std::string_view("--json")) != argv + argc;
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& error) {
-    const std::vector<std::string> unknown = app.remaining(true);
-    if (error.get_exit_code() == int(CLI::ExitCodes::RequiredError) && !unknown.empty()) {
-      return fail(Tools::exitBadInput, "'" + Agent::printable(unknown[0]) + "' is not known; see --help");
-    }
-    return error.get_exit_code() != 0 ? fail(Tools::exitBadInput, error.what()) : app.exit(error);
+  if (const auto ended = parser.parse(argc, argv)) {
+    return ended->refusal.empty() ? Tools::exitDone : fail(Tools::exitBadInput, ended->refusal);
   }
   return run(action);
 }
