@@ -31,19 +31,25 @@ Reader::Reader(View view, std::span<const HashFn> hashes)
   std::copy(hashes.begin(), hashes.end(), hashes_.begin());
 }
 
-size_t Reader::ringSlots() const {
+Place Reader::ring() const {
   const uint64_t word = header(ringAt);
   const Place ring = Place::of(word);
   const bool isSound = Place::isIntact(word) && ring.sizeLog2 >= RingSlot::wordsLog2 && isUsable(ring);
-  return isSound ? ring.words() / RingSlot::words : 0;
+  return isSound ? ring : Place();
+}
+
+size_t Reader::ringSlots() const {
+  const Place ring = this->ring();
+  return ring.units == 0 ? 0 : ring.words() / RingSlot::words;
 }
 
 bool Reader::change(uint64_t sequence, Change& result) const {
-  const size_t slots = ringSlots();
-  if (slots == 0 || sequence == 0) {
+  const Place ring = this->ring();
+  if (ring.units == 0 || sequence == 0) {
     return false;
   }
-  const Word* slot = at(Place::of(header(ringAt)).offset()) + (sequence & (slots - 1)) * RingSlot::words;
+  const size_t slots = ring.words() / RingSlot::words;
+  const Word* slot = at(ring.offset()) + (sequence & (slots - 1)) * RingSlot::words;
   if (slot[0].load(std::memory_order_acquire) != sequence) {
     return false;
   }

@@ -149,6 +149,8 @@ class Reader {
   uint64_t load(size_t offset) const { return at(offset)->load(std::memory_order_acquire); }
   uint64_t header(size_t offset) const { return load(offset); }
   bool isUsable(Place place) const;
+  // The ring; units 0: it is damaged.
+  Place ring() const;
   const std::byte* blockAt(uint64_t word) const { return view_.base + size_t{unitsOf(word)} * unitBytes; }
 
   Chain walk(unsigned collection, uint64_t hash) const;
