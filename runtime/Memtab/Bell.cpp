@@ -102,7 +102,7 @@ bool Bell::map() {
     raiseError("the doorbell cannot be mapped", path_, errno);
   }
   shared_ = static_cast<Shared*>(at);
-  guard_.emplace(static_cast<const std::byte*>(at), fileBytes, access);
+  guard_.emplace(static_cast<const std::byte*>(at), fileBytes, access, file_.get());
   return true;
 }
 

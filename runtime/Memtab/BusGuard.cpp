@@ -2,6 +2,7 @@
 
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
@@ -20,6 +21,7 @@ struct Range {
   std::atomic<uintptr_t> begin{0};
   std::atomic<uintptr_t> end{0};
   std::atomic<int> protection{0};
+  std::atomic<int> file{-1};
   std::atomic<bool> damaged{false};
 };
 
@@ -30,14 +32,30 @@ uintptr_t pageBytes;
 
 static_assert(std::atomic<uintptr_t>::is_always_lock_free && std::atomic<bool>::is_always_lock_free);
 
+// The address of the first page that the range's file does not have; the greatest one when that is unknown.
+uintptr_t endOfFile(const Range& range) {
+  struct stat facts {};
+  if (fstat(range.file.load(std::memory_order_relaxed), &facts) != 0) {
+    return ~uintptr_t{0};
+  }
+  const auto size = static_cast<uintptr_t>(facts.st_size);
+  return range.begin.load(std::memory_order_relaxed) + (size + pageBytes - 1) / pageBytes * pageBytes;
+}
+
+bool isZeroed(const Range& range, uintptr_t from, uintptr_t to) {
+  return mmap(reinterpret_cast<void*>(from), to - from, range.protection.load(std::memory_order_relaxed),
+              MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED | MAP_NORESERVE, -1, 0) != MAP_FAILED;
+}
+
 bool isMended(uintptr_t at) {
   for (unsigned n = 0; n < rangesUsed.load(std::memory_order_acquire); ++n) {
     Range& range = ranges[n];
     if (at >= range.begin.load(std::memory_order_acquire) && at < range.end.load(std::memory_order_acquire)) {
       range.damaged.store(true, std::memory_order_release);
-      void* const page = reinterpret_cast<void*>(at & ~(pageBytes - 1));
-      return mmap(page, pageBytes, range.protection.load(std::memory_order_relaxed),
-                  MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0) != MAP_FAILED;
+      const uintptr_t page = at & ~(pageBytes - 1);
+      const uintptr_t fileEnd = endOfFile(range);
+      return (page >= fileEnd && isZeroed(range, fileEnd, range.end.load(std::memory_order_relaxed))) ||
+             isZeroed(range, page, page + pageBytes);
     }
   }
   return false;
@@ -57,7 +75,7 @@ void passOn(int signal, siginfo_t* info, void* context) {
   }
 }
 
-// Makes async-signal-safe calls only; mmap() is one in all but the standard's list: a plain system call.
+// Makes async-signal-safe calls only; mmap() and fstat() are such in all but the standard's list: plain system calls.
 void handleBus(int signal, siginfo_t* info, void* context) {
   const int interruptedErrno = errno;
   const bool isFault = info->si_code > 0;
@@ -78,7 +96,7 @@ bool install() {
 
 }  // namespace
 
-BusGuard::BusGuard(const std::byte* base, size_t bytes, int protection) : slot_(0), damaged_(nullptr) {
+BusGuard::BusGuard(const std::byte* base, size_t bytes, int protection, int file) : slot_(0), damaged_(nullptr) {
   static const bool isInstalled = install();
   if (!isInstalled) {
     throw Zol::InternalException("no handler for SIGBUS");
@@ -91,6 +109,7 @@ BusGuard::BusGuard(const std::byte* base, size_t bytes, int protection) : slot_(
       damaged_ = &range.damaged;
       range.damaged = false;
       range.protection = protection;
+      range.file = file;
       range.begin = reinterpret_cast<uintptr_t>(base);
       range.end = reinterpret_cast<uintptr_t>(base) + bytes;
       return;

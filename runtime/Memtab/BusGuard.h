@@ -1,8 +1,10 @@
 // BusGuard: what keeps a process alive when a file that it has mapped is truncated by somebody else.
 //
-// Touching a page behind the end of the file then raises SIGBUS. The handler puts a page of zeros there, private to
-// this process, and marks the range damaged for good; whoever uses the range asks isDamaged() before he believes what
-// zeros could mean. Faults elsewhere go to the handler that was installed before.
+// Touching a page behind the end of the file then raises SIGBUS. The handler puts zeros in place of all that the file
+// no longer has, private to this process, and marks the range damaged for good. Users of the range call isDamaged()
+// before they trust zeros. One fault does for all pages behind the end: a process may have some 65,000 mappings. A page
+// that the file has, but no memory for, is replaced alone. Faults elsewhere go to the handler that was installed
+// before.
 #pragma once
 
 #include <atomic>
@@ -14,9 +16,10 @@ class BusGuard {
  public:
   static constexpr unsigned guardsMax = 65536;  // about as many as Linux allows mappings
 
-  // Guards [base, base + bytes) of whole pages. protection: of the page put there, PROT_READ and maybe PROT_WRITE.
-  // Throws InternalException when guardsMax guards exist.
-  BusGuard(const std::byte* base, size_t bytes, int protection);
+  // Guards [base, base + bytes) of whole pages, to which a file is mapped from its beginning. protection: of the zeros
+  // put there, PROT_READ and maybe PROT_WRITE. file: descriptor of the file, open as long as the guard. Throws
+  // InternalException when guardsMax guards exist.
+  BusGuard(const std::byte* base, size_t bytes, int protection, int file);
   BusGuard(const BusGuard&) = delete;
   BusGuard& operator=(const BusGuard&) = delete;
   ~BusGuard();

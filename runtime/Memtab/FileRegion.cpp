@@ -50,7 +50,7 @@ size_t FileBacking::attach(std::byte* base, size_t bytes) {
       madvise(base, bytes, MADV_DONTFORK) != 0) {
     throw NoSpace(std::string("a shared table cannot be mapped: ") + std::strerror(errno));
   }
-  guard_.emplace(base, bytes, writing);
+  guard_.emplace(base, bytes, writing, file_->get());
   return bytes_;
 }
 
@@ -93,7 +93,7 @@ FileView::FileView(std::shared_ptr<const Descriptor> file, size_t bytesMax)
       MAP_FAILED) {
     throw NoSpace(std::string("a shared table cannot be mapped: ") + std::strerror(errno));
   }
-  guard_.emplace(addresses_.base(), addresses_.size(), PROT_READ);
+  guard_.emplace(addresses_.base(), addresses_.size(), PROT_READ, file_->get());
   damagedIs(guard_->damaged());
   refresh();
 }
