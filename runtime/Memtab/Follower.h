@@ -49,11 +49,14 @@ class Follower {
   Follower(const Follower&) = delete;
   Follower& operator=(const Follower&) = delete;
 
-  // Takes what stands for known. onDamage(const Damage&): see poll().
+  // Takes the present records for known. It ends after one walk over the table, however fast a writer changes it; what
+  // changes behind the walk is news for poll(). onDamage(const Damage&): see poll().
   template <class D>
   void prime(D&& onDamage) {
-    while (poll(
-        ~size_t{0}, [](const Key&) {}, onDamage)) {
+    const uint64_t first = comparisons_;
+    while (comparison_ && comparisons_ == first &&
+           poll(
+               primeAtOnce, [](const Key&) {}, onDamage)) {
     }
   }
 
@@ -104,6 +107,7 @@ class Follower {
 
  private:
   static constexpr size_t segmentCost = 64;  // in examined keys: how long it takes to compare a segment without news
+  static constexpr size_t primeAtOnce = 1024;
   static constexpr size_t prefetchAhead = 16;
   static constexpr uint64_t latestMax = 8;  // changes that are examined out of turn
 

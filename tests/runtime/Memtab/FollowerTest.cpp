@@ -179,6 +179,41 @@ TEST(MemtabFollower, writerGoesOnDuringComparison) {
   }
 }
 
+// Fails if a follower's first walk does not end while the table changes at each of its steps by more than the ring
+// holds, or if what changed behind the walk is lost.
+TEST(MemtabFollower, primeEndsUnderAFastWriter) {
+  constexpr unsigned keys = 3000;
+  const HashFn hash = hookedHash;
+  Store store(Region::anonymous(), 1, {&hash, 1}, {.ringSlotsLog2 = 3});
+  for (uint64_t key = 0; key < keys; ++key) {
+    put(store, key, "old");
+  }
+  const Reader reader(store.view(), {&hash, 1});
+  Mirror mirror(reader);
+  Random random(1);
+  unsigned steps = 0;
+  const std::function<void()> write = [&] {
+    if (++steps > 20 * keys) {
+      throw std::runtime_error("the walk does not end");
+    }
+    for (int i = 0; i < 20; ++i) {
+      put(store, random() % keys, std::to_string(steps));
+    }
+    meanwhile = write;
+  };
+  meanwhile = write;
+  mirror.follower.prime([](const Damage& damage) { ADD_FAILURE() << damage.text(); });
+  meanwhile = nullptr;
+  EXPECT_EQ(mirror.follower.knownKeys(), keys);
+  mirror.numbers = numbersIn(reader);
+  for (uint64_t key = 0; key < keys; key += 7) {
+    put(store, key, "new");
+  }
+  mirror.settle();
+  EXPECT_TRUE(mirror.numbers == numbersIn(reader));
+  EXPECT_EQ(mirror.numbers.size(), keys);
+}
+
 // Fails if an index word that reads the same after its generation has come round is taken for no change.
 TEST(MemtabFollower, generationComesRound) {
   size_t sameWords = 0;
