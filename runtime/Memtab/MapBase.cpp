@@ -69,7 +69,6 @@ void MapBase::collectionReadyIs(bool ready) {
   FASTLOG_TRACE(8, "MemtabMap::collectionReadyIs() ready:" << ready);
   if (store_->reader().ready() != ready) {
     store_->store().readyIs(ready);
-    store_->published();
     readyChannel_.notify({});
   }
 }

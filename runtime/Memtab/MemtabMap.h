@@ -214,7 +214,6 @@ class MemtabMap : public Base {
   // Inside a change the store notifies at its end.
   void notify(const Key& key) {
     if (!this->store().isChanging()) {
-      this->store().published();
       channel_.notify(key);
     }
   }

@@ -30,6 +30,16 @@ std::unique_ptr<Store> storeIn(WriterFile& file, const StoreLayout& layout) {
 
 }  // namespace
 
+void SharedStore::ringerIs(std::shared_ptr<DoorbellRinger> ringer) {
+  ringer_ = std::move(ringer);
+  if (ringer_ == nullptr) {
+    store().publishedCallbackIs(nullptr);
+    return;
+  }
+  store().publishedCallbackIs([to = ringer_.get()] { to->ring(); });
+  ringer_->ring();
+}
+
 SharedStore::Changing::Changing(SharedStore& store) : store_(store) {
   store_.store().groupBegin();
   store_.isChanging_ = true;
@@ -46,7 +56,6 @@ void SharedStore::Changing::end() {
   Changed changed = std::move(store_.changed_);  // a watcher may begin the next change
   changed.clear();
   store_.store().groupEnd([&changed](unsigned collection, Bytes key, ChangeKind) { changed.add(collection, key); });
-  store_.published();
   store_.tell(changed);
   store_.changed_ = std::move(changed);
 }

@@ -86,14 +86,9 @@ class SharedStore : public Zol::PtrInterface {
   void change(F&& f);
   bool isChanging() const { return isChanging_; }
 
-  // Who is told that something has been published; nobody by default.
-  void ringerIs(std::shared_ptr<DoorbellRinger> ringer) { ringer_ = std::move(ringer); }
-  // What this process wrote outside change() is complete.
-  void published() const {
-    if (ringer_ != nullptr) {
-      ringer_->ring();
-    }
-  }
+  // Rung at every publication, beginning with what the store found and repaired; null, as at first: none. Requires:
+  // writable.
+  void ringerIs(std::shared_ptr<DoorbellRinger> ringer);
 
   void listenerIs(unsigned collection, StoreListener* listener) { listeners_.push_back({collection, listener}); }
   void listenerDel(StoreListener* listener) {
@@ -111,7 +106,9 @@ class SharedStore : public Zol::PtrInterface {
   // Another store with the same records; the old one.
   std::unique_ptr<Store> storeIs(std::unique_ptr<Store> store) {
     reader_ = &store->reader();
-    return std::exchange(store_, std::move(store));
+    store.swap(store_);
+    ringerIs(ringer_);
+    return store;
   }
 
  private:

@@ -7,7 +7,8 @@
 //
 //   block written aside  ->  intent  ->  index word stored: the record is there  ->  entry count, ring  ->  sequence
 //
-// After the sequence has moved the change is complete. A put of what stands already stores nothing at all. Changes that
+// After the sequence has moved the change is complete, and sleeping readers are woken at once: a writer that dies in
+// what follows has left nothing unsaid. A put of what stands already stores nothing at all. Changes that
 // readers shall see as one are made as a group (Group.h).
 //
 // A writer that dies leaves a region that its successor takes over: nothing is undone or replayed, the private memory
@@ -19,6 +20,7 @@
 #pragma once
 
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -124,8 +126,11 @@ class BasicStore {
   void readyIs(bool ready) {
     if (ready != this->ready()) {
       pen_.store(readyAt, ready ? 1 : 0);
+      publish();
     }
   }
+  // Called between the store that completes a change and whatever is stored next. It must not use the store.
+  void publishedCallbackIs(std::function<void()> published) { published_ = std::move(published); }
   // The writer leaves in good order: nothing may be written any more.
   void close() { pen_.store(ownerAt, 0); }
 
@@ -167,6 +172,11 @@ class BasicStore {
   }
   std::span<const uint64_t> blockOf(unsigned collection, Bytes key, Bytes record);
   void storeEntries(unsigned collection);
+  void publish() const {
+    if (published_) {
+      published_();
+    }
+  }
   void changed(unsigned collection, Bytes key, bool isCountChanged);
 
   Group::Item& stage(unsigned collection, uint64_t hash, Bytes key, const Probe& found);
@@ -190,6 +200,7 @@ class BasicStore {
   Group group_;
   Compacting compacting_;
   TakeOver takeOver_;
+  std::function<void()> published_;
 };
 
 template <class Stores>
@@ -239,6 +250,7 @@ void BasicStore<Stores>::changed(unsigned collection, Bytes key, bool isCountCha
   }
   changes_.log(0, collection, key);
   changes_.end(1);
+  publish();
   index(collection).leaveReserve();
   requireIntact();
 }

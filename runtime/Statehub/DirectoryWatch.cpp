@@ -44,7 +44,7 @@ void DirectoryWatch::watch() {
     all.attempt([&] {
       // The directory of any name in it.
       Memtab::placeOf(stateDirectory_, path + "/any", true, Memtab::directoryOwner(stateDirectory_));
-      watchOne(stateDirectory_ + "/" + path, placesChanged | IN_MODIFY);
+      watchOne(stateDirectory_ + "/" + path, placesChanged | IN_MODIFY | IN_CLOSE_WRITE);
     });
   }
   all.attempt([&] { watchOne(stateDirectory_, placesChanged); });
@@ -56,10 +56,14 @@ void DirectoryWatch::watch() {
 }
 
 void DirectoryWatch::answer() {
+  forget();
+  watch();
+}
+
+void DirectoryWatch::forget() {
   std::array<char, 4096> events;
   while (read(inotify_.get(), events.data(), events.size()) > 0) {
   }
-  watch();
 }
 
 }  // namespace Statehub

@@ -1,5 +1,6 @@
-// DirectoryWatch: tells when files below a state directory are made, removed, made shorter or given other rights, or
-// take each other's places. Directories that go, the state directory too, are made again and watched.
+// DirectoryWatch: tells when files below a state directory are made, removed, made shorter or given other rights, take
+// each other's places, or lose their writer. The kernel closes a dead writer's files: that wakes readers for which the
+// writer could not ring any more. Directories that go, the state directory too, are made again and watched.
 #pragma once
 
 #include <string>
@@ -19,6 +20,8 @@ class DirectoryWatch {
   int fd() const { return inotify_.get(); }
   // Watches what stands at the paths now. Raises as the constructor does, and may then be called again.
   void answer();
+  // Drops what happened since: for a user that checks all places soon anyway.
+  void forget();
 
  private:
   void watch();

@@ -79,6 +79,8 @@ void TableFeed::rescan() {
     trouble_ = refused.what();
   }
   if (!isSound()) {
+    // An attempt that failed has made events itself. Answering these would try again at once, and so for ever.
+    directoryWatch_.forget();
     task_.scheduleTaskLowestDelay(Memtab::DoorbellListener::secondsUnsound);
   }
   if (rescanned_) {

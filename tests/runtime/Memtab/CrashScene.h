@@ -96,6 +96,7 @@ struct Life {
       store = std::make_unique<MortalStore>(memory.region(), 7, crashHashes,
                                             StoreOptions{.ringSlotsLog2 = 3, .referred = 2, .bytesKept = 65536},
                                             DyingStores{&left});
+      store->publishedCallbackIs([this] { ++rings; });
     } catch (const Death&) {
     }
   }
@@ -113,6 +114,7 @@ struct Life {
   std::string faults() const { return Structure(store->view(), crashHashes).faults(*store); }
 
   size_t left;
+  size_t rings = 0;                    // of changes
   std::unique_ptr<MortalStore> store;  // none: died while beginning
 };
 
