@@ -122,6 +122,22 @@ TEST(MemtabDoorbell, deadReaders) {
   EXPECT_EQ(scene.files(), 2u);  // the bell and one FIFO
 }
 
+// Fails if a sleeper that one ring cannot reach counts as awake for the next ring.
+TEST(MemtabDoorbell, anUnreachableSleeperIsTriedAgain) {
+  DoorbellScene scene;
+  DoorbellRinger ringer(scene.path);
+  DoorbellListener listener(scene.path);
+  listener.aboutToSleep();
+  std::filesystem::rename(scene.at(".wake-0"), scene.at(".away"));
+  std::filesystem::create_directory(scene.at(".wake-0"));
+  ringer.ring();
+  EXPECT_FALSE(isRung(listener, 0));
+  std::filesystem::remove(scene.at(".wake-0"));
+  std::filesystem::rename(scene.at(".away"), scene.at(".wake-0"));
+  ringer.ring();
+  EXPECT_TRUE(isRung(listener, 0));
+}
+
 // Fails if two readers share a slot, or one more reader than there are slots is an error.
 TEST(MemtabDoorbell, manyReaders) {
   DoorbellScene scene;

@@ -1,8 +1,28 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/syscall.h>
+
+#include <cstdarg>
+#include <utility>
 
 #include "tests/runtime/Memtab/FileScene.h"
+
+namespace {
+std::function<void()> beforeNextLock;
+}  // namespace
+
+// Takes the place of the C library's, so that a test can act between the opening of a file and its lock.
+extern "C" int fcntl(int fd, int command, ...) {
+  va_list rest;
+  va_start(rest, command);
+  void* const argument = va_arg(rest, void*);
+  va_end(rest);
+  if (command == F_OFD_SETLK && beforeNextLock) {
+    std::exchange(beforeNextLock, nullptr)();
+  }
+  return static_cast<int>(syscall(SYS_fcntl, fd, command, argument));
+}
 
 namespace Memtab {
 namespace {
@@ -95,6 +115,19 @@ TEST(MemtabFile, oneWriter) {
   EXPECT_FALSE(next.isNew());
   EXPECT_NE(thrown<TableBusy>([&] { writerOf(scene); }).find("holder unknown"), std::string::npos);
   waitpid(child, nullptr, 0);
+}
+
+// Fails if a writer continues in a file that lost its name between opening and lock: what it writes reaches no reader.
+TEST(MemtabFile, aFileReplacedBeforeItsLockIsLeft) {
+  Scene scene;
+  makeTable(scene);
+  beforeNextLock = [&] {
+    std::filesystem::rename(scene.at("rib/system"), scene.at("rib/other"));
+    makeTable(scene);
+  };
+  const WriterFile file = writerOf(scene);
+  EXPECT_FALSE(file.isReplaced());
+  EXPECT_FALSE(beforeNextLock);
 }
 
 // Fails if a child of the writer can write, keeps the lock after its parent's end, or unmaps what is not its own.
@@ -232,7 +265,6 @@ TEST(MemtabFile, misfitsAreSetAside) {
   EXPECT_FALSE(std::filesystem::exists(scene.at("rib/system")));  // the last one was never published
 }
 
-// Fails if of two writers that start together both, or none, end up with the table, or the loser breaks the winner's.
 // Fails if a bit of the size in the header costs the records behind it without a word.
 TEST(MemtabFile, aWrongSizeCostsNothing) {
   const StateDirectoryScene files;
@@ -269,6 +301,7 @@ TEST(MemtabFile, aWrongSizeCostsNothing) {
   EXPECT_GT(kept, 0U);
 }
 
+// Fails if of two writers that start together both, or none, end up with the table, or the loser breaks the winner's.
 TEST(MemtabFile, firstToPublishWins) {
   Scene scene;
   WriterFile one = writerOf(scene);
