@@ -1,9 +1,9 @@
 // BusGuard: what keeps a process alive when a file that it has mapped is truncated by somebody else.
 //
-// Touching a page behind the end of the file then raises SIGBUS. The handler puts zeros in place of all that the file
-// no longer has, private to this process, and marks the range damaged for good. Users of the range call isDamaged()
-// before they trust zeros. One fault does for all pages behind the end: a process may have some 65,000 mappings. A page
-// that the file has, but no memory for, is replaced alone. Faults elsewhere go to the handler that was installed
+// Touching a page after the end of the file then raises SIGBUS. The handler maps zeros, private to this process, over
+// all pages after the end, and marks the range damaged for good. Users of the range call isDamaged() before they trust
+// zeros. The handler maps all pages at the first fault, since a process may have only some 65,000 mappings. It maps a
+// single page where the file system has no memory for a hole. Faults elsewhere go to the handler that was installed
 // before.
 #pragma once
 

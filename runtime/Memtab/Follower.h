@@ -49,8 +49,8 @@ class Follower {
   Follower(const Follower&) = delete;
   Follower& operator=(const Follower&) = delete;
 
-  // Takes the present records for known. It ends after one walk over the table, however fast a writer changes it; what
-  // changes behind the walk is news for poll(). onDamage(const Damage&): see poll().
+  // Takes the present records for known. It ends after one walk over the table, however fast a writer changes it.
+  // poll() reports the changes to the part already walked. onDamage(const Damage&): see poll().
   template <class D>
   void prime(D&& onDamage) {
     const uint64_t first = comparisons_;

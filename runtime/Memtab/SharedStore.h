@@ -86,8 +86,8 @@ class SharedStore : public Zol::PtrInterface {
   void change(F&& f);
   bool isChanging() const { return isChanging_; }
 
-  // Rung at every publication, beginning with what the store found and repaired; null, as at first: none. Requires:
-  // writable.
+  // The doorbell to ring at each publication, the first time now: a take-over may have changed the table. Null, the
+  // default: none. Requires: writable.
   void ringerIs(std::shared_ptr<DoorbellRinger> ringer);
 
   void listenerIs(unsigned collection, StoreListener* listener) { listeners_.push_back({collection, listener}); }

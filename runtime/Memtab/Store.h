@@ -7,9 +7,9 @@
 //
 //   block written aside  ->  intent  ->  index word stored: the record is there  ->  entry count, ring  ->  sequence
 //
-// After the sequence has moved the change is complete, and sleeping readers are woken at once: a writer that dies in
-// what follows has left nothing unsaid. A put of what stands already stores nothing at all. Changes that
-// readers shall see as one are made as a group (Group.h).
+// After the sequence has moved the change is complete. The writer wakes sleeping readers before its next store, so they
+// do not miss the change when it dies. A put of the stored record stores nothing at all. Changes that readers must see
+// as one are made as a group (Group.h).
 //
 // A writer that dies leaves a region that its successor takes over: nothing is undone or replayed, the private memory
 // is rebuilt from the index (IndexTakeOver.h).
@@ -129,7 +129,7 @@ class BasicStore {
       publish();
     }
   }
-  // Called between the store that completes a change and whatever is stored next. It must not use the store.
+  // Called after the store that completes a change, before any other store. It must not use this object.
   void publishedCallbackIs(std::function<void()> published) { published_ = std::move(published); }
   // The writer leaves in good order: nothing may be written any more.
   void close() { pen_.store(ownerAt, 0); }

@@ -1,6 +1,6 @@
-// DirectoryWatch: tells when files below a state directory are made, removed, made shorter or given other rights, take
-// each other's places, or lose their writer. The kernel closes a dead writer's files: that wakes readers for which the
-// writer could not ring any more. Directories that go, the state directory too, are made again and watched.
+// DirectoryWatch: reports when files below a state directory are made, removed, made shorter, given other rights,
+// renamed, or closed by a writer. The kernel closes a dead writer's files, which wakes readers that the writer did not
+// ring for. Directories that go, the state directory too, are made again and watched.
 #pragma once
 
 #include <string>

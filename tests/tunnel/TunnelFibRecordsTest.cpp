@@ -100,8 +100,8 @@ TEST(TunnelFibRecords, encapIdHashesDifferAndSpread) {
   EXPECT_EQ(upper, 2048U);
 }
 
-// Fails if a group shows an entry without its encapsulation, of whatever kind and in whatever order it was staged: a
-// killed agent would leave that to readers.
+// Fails if a group shows an entry without its encapsulation, for any kind and order of staging. A killed agent would
+// leave the entry like that.
 TEST(TunnelFibRecords, noEntryNamesAnAbsentEncapsulationAtAnyStore) {
   struct WatchedStores {
     const std::function<void()>* watch;

@@ -31,7 +31,7 @@ class Enumeration {
       const Contents seen = look(*life.store);
       const uint64_t sequence = life.store->reader().sequence();
       const uint64_t intent = life.store->reader().intent();
-      EXPECT_EQ(life.rings != 0, sequence != sequences_[0]) << "sleepers are woken for what can be seen";
+      EXPECT_EQ(life.rings != 0, sequence != sequences_[0]) << "each visible change rings, and nothing else";
       const Bytestring bytes = memory_.bytes();
       const size_t repairs = succeed(seen, sequence, intent, op);
       if (repairs > plainStores_ || n % 32 == 0 || n + 1 == stores_) {

@@ -180,7 +180,7 @@ TEST(MemtabFollower, writerGoesOnDuringComparison) {
 }
 
 // Fails if a follower's first walk does not end while the table changes at each of its steps by more than the ring
-// holds, or if what changed behind the walk is lost.
+// holds, or if it misses later changes.
 TEST(MemtabFollower, primeEndsUnderAFastWriter) {
   constexpr unsigned keys = 3000;
   const HashFn hash = hookedHash;

@@ -22,8 +22,8 @@ bool isOf(const Change& change, uint64_t n) {
   return change.keyLength == RingSlot::keyBytes && change.words == keyOf(n);
 }
 
-// Fails if a slot tells another key than that of its number, between any two stores of a writer: a reader may look at
-// that moment, and a killed writer leaves the slot like that.
+// Fails if a slot has another key than that of its number, between any two stores of a writer. A reader may read it at
+// that moment, and a killed writer leaves it like that.
 TEST(MemtabRing, everyStoreLeavesEachNumberItsOwnKey) {
   const HashFn hash = spreadHash;
   std::function<void()> watch;
@@ -69,7 +69,7 @@ TEST(MemtabRing, anOvertakenReaderGetsNothing) {
       pen.store(ringAt, changes.sequence() % 4 == 0 ? nowhere.word() : ring);
     }
   });
-  // Reads during which the writer went on: others prove nothing.
+  // Reads during which the writer moved the sequence; other reads prove nothing.
   constexpr size_t racesWanted = 50000;
   size_t races = 0;
   size_t mixed = 0;

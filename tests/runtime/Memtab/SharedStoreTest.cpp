@@ -1,4 +1,4 @@
-// Stores that maps share: what watchers are notified of, and what a mirror makes of the files at its path.
+// Stores that maps share: notification of watchers, and mirrors whose file is replaced or damaged.
 #include "tests/runtime/Memtab/FileScene.h"
 #include "tests/support/Items.h"
 
@@ -8,7 +8,7 @@ namespace {
 using Support::Item;
 using Support::Items;
 
-// Fails if what a watcher of a change changes itself is not notified, or spoils what is still to be notified.
+// Fails if a change made by a watcher of a change is not notified, or loses the notifications that are still due.
 TEST(MemtabSharedStore, aWatcherMayMakeTheNextChange) {
   Items items("items");
   std::vector<uint32_t> notified;

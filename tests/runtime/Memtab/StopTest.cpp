@@ -94,7 +94,7 @@ TEST(MemtabStop, everyStoreLeavesOldOrNew) {
     }
     EXPECT_GT(scene.storesMax(), 1000u);  // a split was among them
     RecordProperty("states", std::to_string(scene.states()));
-    std::printf("states looked at: %zu\n", scene.states());
+    std::printf("states checked: %zu\n", scene.states());
   });
 }
 

@@ -109,7 +109,7 @@ TEST(MemtabCursor, survivesChanges) {
         Cursor cursor = store.cursor(0);
         const auto start = std::next(content.begin(), static_cast<long>(random() % content.size()))->first;
         cursor.seek(start.first, bytesOf(start.second));
-        Content waiting(content.find(start), content.end());  // stood all the time and was not returned yet
+        Content waiting(content.find(start), content.end());  // present all the time, and not returned yet
         std::pair<uint64_t, std::string> last;
         for (Cursor::Step step = cursor.next(); step != Cursor::Step::end; step = cursor.next()) {
           ASSERT_EQ(step, Cursor::Step::entry);

@@ -117,7 +117,7 @@ TEST(MemtabFile, oneWriter) {
   waitpid(child, nullptr, 0);
 }
 
-// Fails if a writer continues in a file that lost its name between opening and lock: what it writes reaches no reader.
+// Fails if a writer continues in a file that lost its name between opening and lock: no reader would see its changes.
 TEST(MemtabFile, aFileReplacedBeforeItsLockIsLeft) {
   Scene scene;
   makeTable(scene);
