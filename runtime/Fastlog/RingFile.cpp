@@ -1,215 +1,169 @@
-// Bytes of a ring file, all little-endian:
-//
-//     0     magic 8 | version 4 | descriptorCount 4 | messageCount 4 | zero 4 | next sequence 8
-//     64    descriptors: checksum 4 | line 4 | length of source 2 | length of format 2 | source | format
-//     ...   messages: checksum 4 | descriptor 4 | sequence 8 | length of payload 4 | payload
-//
-// Sequence numbers begin at 1; message n lies in slot n % messageCount. A reader trusts no number in the file: sizes
-// are compared with the file's, lengths with their slots.
 #include "runtime/Fastlog/RingFile.h"
 
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <iterator>
-#include <map>
+#include <ctime>
+#include <utility>
 
+#include "runtime/Fastlog/RingFormat.h"
+#include "runtime/Fastlog/TraceRegistry.h"
 #include "runtime/Zol/Exception.h"
-#include "runtime/Zol/Hash.h"
 
 namespace Fastlog {
 namespace {
 
-constexpr std::uint64_t magic = 0x31474E4952474F4CULL;
-constexpr std::uint32_t version = 1;
-constexpr std::size_t headerBytes = 64;
-constexpr std::size_t descriptorBytes = 256;
-constexpr std::size_t messageBytes = 128;
-constexpr std::size_t ringAt = headerBytes + RingFile::descriptorCount * descriptorBytes;
-constexpr std::size_t fileBytes = ringAt + RingFile::messageCount * messageBytes;
-
-struct Header {
-  std::uint64_t magic, versionAndDescriptors, messages, nextSequence;
-};
-struct DescriptorHead {
-  std::uint32_t checksum, line;
-  std::uint16_t sourceLength, formatLength;
-};
-struct MessageHead {
-  std::uint32_t checksum, descriptor;
-  std::uint64_t sequence;
-  std::uint32_t length;
-};
-constexpr std::size_t payloadAt = 20;
-constexpr std::size_t textAt = 12;
-static_assert(payloadAt + RingFile::payloadMax == messageBytes);
-
-constexpr std::uint64_t versionWord = version | std::uint64_t(RingFile::descriptorCount) << 32;
-
-// Of all bytes of a slot behind the checksum itself.
-std::uint32_t checksumOf(const char* slot, std::size_t bytes) {
-  Zol::OneAtATime hash;
-  for (std::size_t i = sizeof(std::uint32_t); i < bytes; ++i) {
-    hash.byte(static_cast<std::uint8_t>(slot[i]));
-  }
-  return hash.result();
-}
+constexpr std::size_t sourceBytesMax = 32;
+constexpr std::size_t functionBytesMax = 64;
+static_assert(RingFile::bytesDefault % slotBytes == 0);
 
 std::string withProcessId(std::string name) {
   const std::size_t at = name.find("%d");
   return at == std::string::npos ? name : name.replace(at, 2, std::to_string(getpid()));
 }
 
-std::byte* mapNewFile(const std::string& path) {
-  std::rename(path.c_str(), (path + ".1").c_str());  // there may be none
+[[noreturn]] void refuse(const std::string& path, const std::string& problem) {
+  throw Zol::InternalException("trace file " + path + ": " + problem + "; trace lines are dropped");
+}
+
+// Whether a trace file, or an empty file, has this name. Raises InternalException for any other file.
+bool isTraceFileThere(const std::string& path) {
+  const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0) {
+    if (errno != ENOENT) {
+      refuse(path, std::string("cannot be opened: ") + std::strerror(errno));
+    }
+    return false;
+  }
+  struct stat facts {};
+  std::uint64_t magic = 0;
+  const bool isRegular = fstat(fd, &facts) == 0 && S_ISREG(facts.st_mode);
+  const bool isOurs =
+      isRegular && (facts.st_size == 0 || (pread(fd, &magic, sizeof magic, 0) == sizeof magic && magic == ringMagic));
+  close(fd);
+  if (!isOurs) {
+    refuse(path, isRegular ? "another kind of file has this name" : "is not a regular file");
+  }
+  return true;
+}
+
+void makeRoom(const std::string& path, const std::string& previous, bool keepsPrevious) {
+  if (!isTraceFileThere(path)) {
+    return;
+  }
+  if (keepsPrevious) {
+    isTraceFileThere(previous);
+  }
+  if ((keepsPrevious ? std::rename(path.c_str(), previous.c_str()) : unlink(path.c_str())) != 0) {
+    refuse(path, std::string("cannot be ") + (keepsPrevious ? "renamed to " + previous : "deleted") + ": " +
+                     std::strerror(errno));
+  }
+}
+
+int createFile(const std::string& path, const RingHeader& header, std::size_t bytes) {
   const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0640);
-  void* base = MAP_FAILED;
-  if (fd >= 0 && posix_fallocate(fd, 0, fileBytes) == 0) {
-    base = mmap(nullptr, fileBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  if (fd < 0) {
+    refuse(path, std::string("cannot be created: ") + std::strerror(errno));
   }
-  if (fd >= 0) {
+  int error = posix_fallocate(fd, 0, static_cast<off_t>(bytes));
+  if (error == 0 && pwrite(fd, &header, sizeof header, 0) != sizeof header) {
+    error = errno;
+  }
+  if (error != 0) {
     close(fd);
+    unlink(path.c_str());
+    refuse(path, "cannot allocate " + std::to_string(bytes) + " bytes: " + std::strerror(error));
   }
-  if (base == MAP_FAILED) {
-    throw Zol::InternalException("cannot make the trace file " + path + ": " + std::strerror(errno));
-  }
-  return static_cast<std::byte*>(base);
+  return fd;
 }
 
-// The text of a message: its format with the values filled in; values that are missing show as "?".
-std::string render(std::string_view format, std::string_view payload) {
-  std::string text;
-  for (std::size_t i = 0; i < format.size(); ++i) {
-    const bool isValue = format[i] == '%' && i + 1 < format.size() && (format[i + 1] == 'i' || format[i + 1] == 's');
-    if (!isValue) {
-      text += format[i];
-      continue;
-    }
-    if (format[++i] == 'i' && payload.size() >= sizeof(std::int64_t)) {
-      std::int64_t number = 0;
-      std::memcpy(&number, payload.data(), sizeof number);
-      payload.remove_prefix(sizeof number);
-      text += std::to_string(number);
-    } else if (format[i] == 's' && !payload.empty()) {
-      const std::size_t length = std::min<std::size_t>(static_cast<unsigned char>(payload[0]), payload.size() - 1);
-      text += payload.substr(1, length);
-      payload.remove_prefix(1 + length);
-    } else {
-      text += '?';
-    }
-  }
-  return text;
-}
-
-struct Descriptor {
-  std::string place;
-  std::string format;
-};
-
-Descriptor descriptorAt(const std::string& bytes, std::uint32_t number) {
-  if (number >= RingFile::descriptorCount) {
-    return {"unknown", ""};
-  }
-  const char* const slot = bytes.data() + headerBytes + number * descriptorBytes;
-  DescriptorHead head;
-  std::memcpy(&head, slot, sizeof head);
-  if (head.checksum != checksumOf(slot, descriptorBytes) ||
-      textAt + head.sourceLength + head.formatLength > descriptorBytes) {
-    return {"unknown", ""};
-  }
-  const std::string_view text(slot + textAt, std::size_t(head.sourceLength) + head.formatLength);
-  return {std::string(text.substr(0, head.sourceLength)) + ":" + std::to_string(head.line),
-          std::string(text.substr(head.sourceLength))};
+// Appends a text without control characters.
+char* append(char* to, std::string_view text) {
+  return std::transform(text.begin(), text.end(), to,
+                        [](unsigned char c) { return static_cast<char>(c < 0x20 || c == 0x7F ? '?' : c); });
 }
 
 }  // namespace
 
 std::unique_ptr<RingFile> RingFile::default_;
 
-void RingFile::defaultFileIs(std::unique_ptr<RingFile> file) { default_ = std::move(file); }
-
-RingFile::RingFile(const std::string& name) : path_(withProcessId(name)) {
-  base_ = mapNewFile(path_);
-  const Header header{magic, versionWord, messageCount, 0};
-  std::memcpy(base_, &header, sizeof header);
+void RingFile::defaultFileIs(std::unique_ptr<RingFile> file) {
+  default_ = std::move(file);
+  TraceRegistry::instance().recordedLevelIs(default_ != nullptr ? eventLevelMax : 0);
 }
 
-RingFile::~RingFile() { munmap(base_, fileBytes); }
-
-std::uint32_t RingFile::descriptorIs(std::string_view source, std::uint32_t line, std::string_view format) {
-  if (descriptors_ == descriptorCount) {
-    return descriptorCount;
+void RingFile::note(std::string_view source, unsigned level, std::string_view text) {
+  if (default_ != nullptr) {
+    default_->write({source, std::min(level, eventLevelMax), "", 0, "", text});
   }
-  source = source.substr(0, 64);
-  format = format.substr(0, descriptorBytes - textAt - source.size());
-  char slot[descriptorBytes] = {};
-  DescriptorHead head{0, line, static_cast<std::uint16_t>(source.size()), static_cast<std::uint16_t>(format.size())};
-  std::memcpy(slot, &head, sizeof head);
-  std::copy(format.begin(), format.end(), std::copy(source.begin(), source.end(), slot + textAt));
-  head.checksum = checksumOf(slot, descriptorBytes);
-  std::memcpy(slot, &head.checksum, sizeof head.checksum);
-  std::memcpy(base_ + headerBytes + descriptors_ * descriptorBytes, slot, sizeof slot);
-  return descriptors_++;
 }
 
-void RingFile::write(std::uint32_t descriptor, std::string_view payload) {
-  if (descriptor >= descriptorCount) {
+RingFile::RingFile(const std::string& name, std::optional<std::size_t> bytes, const std::string& previousName,
+                   std::uint64_t linesBefore, unsigned bytesMaxLog2, Threading, bool keepsPrevious)
+    : path_(withProcessId(name)), sequence_(linesBefore) {
+  const std::size_t size = bytes.value_or(bytesDefault);
+  const std::size_t slots = std::max(size / slotBytes, std::size_t{1}) - 1;
+  if (slots < 4 || size >> std::min(bytesMaxLog2, ringBytesMaxLog2) != 0) {
+    refuse(path_, "a size of " + std::to_string(size) + " bytes is not allowed");
+  }
+  events_ = {1, slots / 4};
+  details_ = {1 + events_.slots, slots - events_.slots};
+  RingHeader header;
+  header.eventSlots = static_cast<std::uint32_t>(events_.slots);
+  header.detailSlots = static_cast<std::uint32_t>(details_.slots);
+  makeRoom(path_, previousName.empty() ? path_ + ".1" : previousName, keepsPrevious);
+  fd_ = createFile(path_, header, (1 + slots) * slotBytes);
+}
+
+RingFile::~RingFile() {
+  if (fd_ >= 0) {
+    close(fd_);
+  }
+}
+
+void RingFile::write(const TraceLine& line) {
+  if (fd_ < 0) {
     return;
   }
-  payload = payload.substr(0, payloadMax);
-  ++sequence_;
-  char slot[messageBytes] = {};
-  MessageHead head{0, descriptor, sequence_, static_cast<std::uint32_t>(payload.size())};
-  std::memcpy(slot, &head, payloadAt);
-  std::copy(payload.begin(), payload.end(), slot + payloadAt);
-  head.checksum = checksumOf(slot, messageBytes);
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  const std::string_view source = line.handle.substr(0, sourceBytesMax);
+  const std::string_view function = line.function.substr(0, functionBytesMax);
+  const std::size_t textMax = bodyBytesMax - source.size() - function.size();
+  constexpr std::string_view cutMark = "...";
+  const bool isCut = line.text.size() > textMax;
+  char slot[slotBytes];
+  char* end = append(append(slot + sizeof(SlotHead), source), function);
+  end = append(end, line.text.substr(0, isCut ? textMax - cutMark.size() : textMax));
+  if (isCut) {
+    end = append(end, cutMark);
+  }
+  SlotHead head;
+  head.line = static_cast<std::uint32_t>(line.line);
+  head.sequence = ++sequence_;
+  head.nanoseconds = now.tv_sec * std::int64_t{1'000'000'000} + now.tv_nsec;
+  head.textLength = static_cast<std::uint16_t>(std::min(line.text.size(), textMax));
+  head.level = static_cast<std::uint8_t>(line.level);
+  head.sourceLength = static_cast<std::uint8_t>(source.size());
+  head.functionLength = static_cast<std::uint8_t>(function.size());
+  const auto used = static_cast<std::size_t>(end - slot);
+  std::memcpy(slot, &head, sizeof head);
+  head.checksum = slotChecksum(slot, used);
   std::memcpy(slot, &head.checksum, sizeof head.checksum);
-  std::memcpy(base_ + ringAt + sequence_ % messageCount * messageBytes, slot, sizeof slot);
-  std::atomic_signal_fence(std::memory_order_release);  // a handler that ends the process finds the message whole
-  std::memcpy(base_ + offsetof(Header, nextSequence), &sequence_, sizeof sequence_);
-}
-
-RingFileContents readRingFile(const std::string& path) {
-  RingFileContents contents;
-  std::ifstream file(path, std::ios::binary);
-  std::string bytes(fileBytes + 1, '\0');
-  file.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-  bytes.resize(static_cast<std::size_t>(std::max<std::streamsize>(file.gcount(), 0)));
-  Header header{};
-  std::memcpy(&header, bytes.data(), std::min(bytes.size(), sizeof header));
-  if (bytes.size() != fileBytes || header.magic != magic || header.versionAndDescriptors != versionWord ||
-      header.messages != RingFile::messageCount) {
-    contents.problems.push_back(path + ": is no trace file of this version (" + std::to_string(bytes.size()) +
-                                " bytes)");
-    return contents;
+  Area& area = line.level <= eventLevelMax ? events_ : details_;
+  const std::size_t at = (area.firstSlot + area.written++ % area.slots) * slotBytes;
+  if (pwrite(fd_, slot, used, static_cast<off_t>(at)) != static_cast<ssize_t>(used)) {
+    const std::string reason = std::strerror(errno);
+    close(std::exchange(fd_, -1));
+    TraceRegistry::instance().write(
+        {"Fastlog", 0, "", 0, "",
+         "trace file " + path_ + ": cannot be written: " + reason + "; trace lines are dropped"});
   }
-  std::map<std::uint64_t, std::string> bySequence;
-  for (std::uint32_t i = 0; i < RingFile::messageCount; ++i) {
-    const char* const slot = bytes.data() + ringAt + i * messageBytes;
-    MessageHead head{};
-    std::memcpy(&head, slot, payloadAt);
-    if (head.sequence == 0 && head.checksum == 0) {
-      continue;  // never written
-    }
-    if (head.checksum != checksumOf(slot, messageBytes) || head.length > RingFile::payloadMax) {
-      contents.problems.push_back("slot " + std::to_string(i) + ": half-written or damaged");
-      continue;
-    }
-    const Descriptor descriptor = descriptorAt(bytes, head.descriptor);
-    bySequence[head.sequence] = std::to_string(head.sequence) + " " + descriptor.place + " " +
-                                render(descriptor.format, std::string_view(slot + payloadAt, head.length));
-  }
-  for (auto& [sequence, text] : bySequence) {
-    contents.messages.push_back(std::move(text));
-  }
-  return contents;
 }
 
 }  // namespace Fastlog

@@ -1,65 +1,73 @@
-// RingFile: the last few thousand trace messages of a process, in a file that outlives it.
+// RingFile: the last few thousand trace lines of a process, in a file of fixed size that outlives the process.
 //
-// A message is the number of its descriptor (source, line, format; written to the file once) and its values. Writing
-// one is a copy into shared memory: no system call, so messages can stand where lines of text would cost too much, and
-// what a process that was killed wrote last is there.
-//
-//     header        magic, version, counts, sequence number of the next message
-//     descriptors   descriptorCount slots of 256 bytes: line, source, format
-//     ring          messageCount slots of 128 bytes: sequence, descriptor, values, checksum of all these
-//
-// A slot that was being overwritten when the process died fails its checksum and is left out. Formats hold one "%i" for
-// each integer and one "%s" for each text, in the order of the values; texts are cut off where a slot ends.
+// Writing a line is one system call. The file's blocks are allocated when it is created, so a full file system does not
+// stop it, and the line of a process that is killed directly afterwards can be read. RingFormat.h has the bytes,
+// RingReader.h the reader. One thread writes.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
+
+#include "runtime/Fastlog/TraceLine.h"
 
 namespace Fastlog {
 
+// How many threads may write to a ring file.
+enum class Threading { one = 0 };
+
 class RingFile {
  public:
-  static constexpr std::uint32_t messageCount = 4096;
-  static constexpr std::uint32_t descriptorCount = 256;
-  static constexpr std::size_t payloadMax = 108;
+  static constexpr std::size_t bytesDefault = 512 * (1 + 4096);
 
-  // Makes the file; one that is there is kept under its name with ".1" behind it. "%d" in the name stands for the
-  // process id. Raises InternalException when the file cannot be made.
-  explicit RingFile(const std::string& name);
+  // Creates the file. The process id takes the place of "%d" in the name.
+  //
+  //   bytes           size of the file, rounded down to whole slots; nothing: bytesDefault
+  //   previousName    new name of the trace file that has this name now; empty: the name and ".1"
+  //   linesBefore     the first line gets the next number
+  //   bytesMaxLog2    largest size, as a power of two
+  //   keepsPrevious   false: the trace file that has this name now is deleted
+  //
+  // Raises InternalException when the file cannot be created. A file of another kind is never renamed, deleted or
+  // overwritten.
+  explicit RingFile(const std::string& name, std::optional<std::size_t> bytes = std::nullopt,
+                    const std::string& previousName = "", std::uint64_t linesBefore = 0, unsigned bytesMaxLog2 = 24,
+                    Threading threading = Threading::one, bool keepsPrevious = true);
   RingFile(const RingFile&) = delete;
   RingFile& operator=(const RingFile&) = delete;
   ~RingFile();
 
   const std::string& path() const { return path_; }
 
-  // The number of a new descriptor; descriptorCount when there is no room for more, whose messages are dropped.
-  std::uint32_t descriptorIs(std::string_view source, std::uint32_t line, std::string_view format);
-  // payload: the values as RingPayload makes them.
-  void write(std::uint32_t descriptor, std::string_view payload);
+  // Control characters become "?". A text that is too long for a slot is cut and ends in "...". The first failure is
+  // reported as a trace line of level 0 and ends the writing.
+  void write(const TraceLine& line);
 
-  // The process's file; null: messages are dropped.
+  // The process's file; null: lines are dropped. While there is one it takes all events, and the details of the levels
+  // that are set.
   static RingFile* defaultFile() { return default_.get(); }
   static void defaultFileIs(std::unique_ptr<RingFile> file);
+  // Writes a line to the process's file alone. For programs that have a log of their own.
+  static void note(std::string_view source, unsigned level, std::string_view text);
 
  private:
-  std::byte* base_ = nullptr;
-  std::string path_;
-  std::uint32_t descriptors_ = 0;
-  std::uint64_t sequence_ = 0;
+  // The slots of one kind.
+  struct Area {
+    std::size_t firstSlot;
+    std::size_t slots;
+    std::uint64_t written = 0;
+  };
+
+  const std::string path_;
+  int fd_ = -1;
+  Area events_;
+  Area details_;
+  std::uint64_t sequence_;
 
   static std::unique_ptr<RingFile> default_;
 };
-
-// What a ring file says.
-struct RingFileContents {
-  std::vector<std::string> messages;  // the oldest first: "sequence source:line text"
-  std::vector<std::string> problems;  // what could not be read, and why
-};
-// Reads a ring file of a living or dead process. Never fails: a file that is none has problems and no messages.
-RingFileContents readRingFile(const std::string& path);
 
 }  // namespace Fastlog

@@ -21,13 +21,15 @@ class TraceHandle {
   const std::string& name() const { return name_; }
   unsigned option() const { return option_; }
 
-  // Lines of levels 1 up to this one are written; 0: none.
+  // The level that is set: lines of levels 1 up to this one go to the trace destination; 0: none.
   unsigned level() const { return level_.load(std::memory_order_relaxed); }
-  bool enabled(unsigned level) const { return level <= this->level(); }
+  // Whether a line of this level goes anywhere: to the destination, or to the process's ring file.
+  bool enabled(unsigned level) const { return level <= enabledLevel_.load(std::memory_order_relaxed); }
 
  private:
   friend class TraceRegistry;
 
+  std::atomic<unsigned> enabledLevel_ = 0;
   std::atomic<unsigned> level_ = 0;
   const std::string name_;
   const unsigned option_;

@@ -12,6 +12,7 @@
 #include <sstream>
 
 #include "runtime/Fastlog/TraceHandle.h"
+#include "runtime/Fastlog/TraceSite.h"
 
 namespace Fastlog {
 
@@ -19,7 +20,13 @@ class TraceHelper {
  public:
   // A helper that is false when the level is off; nothing has been made then, and nothing may be streamed into it.
   static TraceHelper createIfEnabled(const TraceHandle& handle, unsigned level) {
-    return handle.enabled(level) ? TraceHelper(handle, level) : TraceHelper();
+    return handle.enabled(level) ? TraceHelper(handle, level, nullptr) : TraceHelper();
+  }
+  // The same for a call whose lines may come in floods. siteOf() is the call's TraceSite. It limits the lines that only
+  // the ring file takes, not those of a level that is set.
+  template <class SiteOf>
+  static TraceHelper createIfEnabled(const TraceHandle& handle, unsigned level, SiteOf siteOf) {
+    return handle.enabled(level) ? createUnlessLimited(handle, level, siteOf()) : TraceHelper();
   }
 
   explicit operator bool() const { return text_ != nullptr; }
@@ -35,25 +42,33 @@ class TraceHelper {
     return *this;
   }
 
-  // Hands the line to the trace destination.
-  void trace(const char* file, int line, const char* function);
+  // Writes the line to the trace destination, if its level is set, and to the process's ring file.
+  // signature: that of the function; it names the function around a lambda.
+  void trace(const char* file, int line, const char* function, const char* signature = "");
 
  private:
   TraceHelper() = default;
-  TraceHelper(const TraceHandle& handle, unsigned level);
+  TraceHelper(const TraceHandle& handle, unsigned level, TraceSite* site);
+  static TraceHelper createUnlessLimited(const TraceHandle& handle, unsigned level, TraceSite& site);
 
   const TraceHandle* handle_ = nullptr;
+  TraceSite* site_ = nullptr;  // null: the line is not limited
   unsigned level_ = 0;
   std::unique_ptr<std::ostringstream> text_;
 };
 
 }  // namespace Fastlog
 
-#define FASTLOG_TRACE(level, ...)                                                                             \
-  if (Fastlog::TraceHelper fastlogLine = Fastlog::TraceHelper::createIfEnabled(_defaultTraceHandle(), level); \
-      !fastlogLine) {                                                                                         \
-  } else                                                                                                      \
-    (fastlogLine << __VA_ARGS__).trace(__FILE__, __LINE__, __func__)
+#define FASTLOG_TRACE(level, ...)                                                                  \
+  if (Fastlog::TraceHelper fastlogLine =                                                           \
+          Fastlog::TraceHelper::createIfEnabled(_defaultTraceHandle(), level,                      \
+                                                []() -> Fastlog::TraceSite& {                      \
+                                                  static constinit Fastlog::TraceSite fastlogSite; \
+                                                  return fastlogSite;                              \
+                                                });                                                \
+      !fastlogLine) {                                                                              \
+  } else                                                                                           \
+    (fastlogLine << __VA_ARGS__).trace(__FILE__, __LINE__, __func__, __PRETTY_FUNCTION__)
 
 // The trace handle of the source unit that this stands in, made on first use.
 #define FASTLOG_DEFAULT_HANDLE(source)                           \

@@ -12,7 +12,9 @@ namespace {
 void writeToStandardError(const TraceLine& line) {
   std::string text;
   text.append(line.handle).append(" ").append(std::to_string(line.level)).append(" ");
-  text.append(line.function).append(":").append(std::to_string(line.line)).append(" ");
+  if (!line.function.empty()) {
+    text.append(line.function).append(":").append(std::to_string(line.line)).append(" ");
+  }
   text.append(line.text).append("\n");
   std::fwrite(text.data(), 1, text.size(), stderr);
 }
@@ -38,8 +40,21 @@ void TraceRegistry::levelIs(const std::string& source, unsigned level) {
     levels_[source] = level;
   }
   for (TraceHandle* const handle : handles_) {
-    handle->level_.store(this->level(handle->name()), std::memory_order_relaxed);
+    refresh(*handle);
   }
+}
+
+void TraceRegistry::recordedLevelIs(unsigned level) {
+  recordedLevel_ = level;
+  for (TraceHandle* const handle : handles_) {
+    refresh(*handle);
+  }
+}
+
+void TraceRegistry::refresh(TraceHandle& handle) const {
+  const unsigned set = level(handle.name());
+  handle.level_.store(set, std::memory_order_relaxed);
+  handle.enabledLevel_.store(std::max(set, recordedLevel_), std::memory_order_relaxed);
 }
 
 unsigned TraceRegistry::level(const std::string& source) const {
@@ -65,7 +80,7 @@ void TraceRegistry::write(const TraceLine& line) const {
 }
 
 void TraceRegistry::enter(TraceHandle& handle) {
-  handle.level_.store(level(handle.name()), std::memory_order_relaxed);
+  refresh(handle);
   handles_.push_back(&handle);
 }
 

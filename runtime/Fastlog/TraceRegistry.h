@@ -31,6 +31,9 @@ class TraceRegistry {
   // Name and level of each source that has a handle, in the order of names.
   std::vector<std::pair<std::string, unsigned>> sources() const;
 
+  // Enables lines up to this level for the process's ring file, also when lower levels are set; 0: there is no file.
+  void recordedLevelIs(unsigned level);
+
   // Takes every finished line from now on. Null: back to standard error, "name level function:line text".
   void traceDestinationIs(Destination destination);
   void write(const TraceLine& line) const;
@@ -40,10 +43,12 @@ class TraceRegistry {
 
   TraceRegistry();
   void enter(TraceHandle& handle);
+  void refresh(TraceHandle& handle) const;
   void leave(TraceHandle& handle);
 
   std::vector<TraceHandle*> handles_;
   unsigned defaultLevel_ = 0;
+  unsigned recordedLevel_ = 0;
   std::map<std::string, unsigned> levels_;          // of the sources named since the default was set
   std::shared_ptr<const Destination> destination_;  // shared with the call in progress, which may replace it
 };

@@ -2,12 +2,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 
-#include "runtime/Fastlog/RingMessage.h"
+#include "runtime/Fastlog/RingFile.h"
+#include "runtime/Fastlog/RingReader.h"
 #include "tests/support/FibScene.h"
+#include "tests/support/Process.h"
 #include "tunnel_table_sm/TunnelTracing.h"
 
 namespace Tunnel {
@@ -19,7 +21,7 @@ using TunnelTable::FibScene;
 class Environment {
  public:
   explicit Environment(const std::map<std::string, std::string>& variables) {
-    for (const char* name : {"FASTLOG_DISABLE", "FLFILE", "FASTLOGDIR"}) {
+    for (const char* name : {"FASTLOG_DISABLE", "FLFILE", "FASTLOGDIR", "TMPDIR"}) {
       const char* const value = std::getenv(name);
       before_[name] = value == nullptr ? std::nullopt : std::optional<std::string>(value);
       unsetenv(name);
@@ -74,42 +76,56 @@ TEST(TunnelTracing, outlivesTheProcess) {
   }
   int status = 0;
   waitpid(child, &status, 0);
-  const Fastlog::RingFileContents contents = Fastlog::readRingFile(path);
+  const Fastlog::RingContents contents = Fastlog::RingReader(path).read();
   std::filesystem::remove(path);
-  EXPECT_TRUE(contents.problems.empty());
-  ASSERT_EQ(contents.messages.size(), 1U);
-  EXPECT_NE(contents.messages[0].find("TunnelFibEntry has too many tunnelVias: 513, (max 512)"), std::string::npos);
+  EXPECT_EQ(contents.damaged, 0U);
+  const auto has = [&](const std::string& text) {
+    return std::any_of(contents.lines.begin(), contents.lines.end(),
+                       [&](const Fastlog::RingLine& line) { return line.text.find(text) != std::string::npos; });
+  };
+  EXPECT_TRUE(has("TunnelFibEntry has too many tunnelVias: 513, (max 512)"));
+  EXPECT_TRUE(has("tunnelId srTunnel/1 becomes unprogrammable: too many tunnelVias"));
+  EXPECT_TRUE(has("tunnelId srTunnel/1 withdrawn from the FIB"));
+  EXPECT_FALSE(has("Reviewed")) << "levels 6 to 9 are off";
 }
 
-// Fails if damage in a trace file, or a file of another kind, stops its reader or spoils the other messages.
-TEST(RingFile, damageIsReported) {
-  const std::string path = testing::TempDir() + "/ring-" + std::to_string(getpid()) + ".fl";
-  EXPECT_EQ(Fastlog::readRingFile(path).problems.size(), 1U);  // there is none
-  Fastlog::RingFile::defaultFileIs(std::make_unique<Fastlog::RingFile>(path));
-  static Fastlog::RingMessage message("here", 7, "count %i of %s");
-  for (int i = 0; i < 5000; ++i) {
-    message.write(i, "vias");
-  }
-  Fastlog::RingFile::defaultFileIs(nullptr);
-  message.write(1, "dropped");
-  const auto whole = Fastlog::readRingFile(path);
-  EXPECT_TRUE(whole.problems.empty());
-  ASSERT_EQ(whole.messages.size(), Fastlog::RingFile::messageCount);
-  EXPECT_EQ(whole.messages.back(), "5000 here:7 count 4999 of vias");
-  const auto size = std::filesystem::file_size(path);
-  for (std::size_t at = 0; at < size; at += 1009) {
-    std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
-    file.seekg(static_cast<std::streamoff>(at));
-    const int byte = file.get();
-    file.seekp(static_cast<std::streamoff>(at));
-    file.put(static_cast<char>(byte ^ 0xFF));
-    file.close();
-    EXPECT_LE(Fastlog::readRingFile(path).messages.size(), Fastlog::RingFile::messageCount);
-  }
-  EXPECT_FALSE(Fastlog::readRingFile(path).problems.empty());
-  std::filesystem::resize_file(path, 100);
-  EXPECT_EQ(Fastlog::readRingFile(path).messages.size(), 0U);
-  std::filesystem::remove(path);
+// Fails if a host cannot keep the library from leaving a file, or a file that cannot be created ends the start.
+TEST(TunnelTracing, hostDecidesWhatTheEnvironmentDoesNot) {
+  const Support::ScratchDirectory scratch;
+  const auto before = std::filesystem::current_path();
+  std::filesystem::current_path(scratch / "");
+  const auto setUp = [](const std::map<std::string, std::string>& variables) {
+    const Environment environment(variables);
+    fastlogInitialized = false;
+    const std::string trouble = fastlogSetUp();
+    const std::string path = fastlogInitialized ? Fastlog::RingFile::defaultFile()->path() : "none";
+    Fastlog::RingFile::defaultFileIs(nullptr);
+    return std::pair(path, trouble);
+  };
+  const std::string temporary = scratch / "";
+  const std::string ofThisProcess = "Tunnel-" + std::to_string(getpid()) + ".fl";
+  EXPECT_EQ(setUp({{"TMPDIR", temporary}}).first, temporary + "/" + ofThisProcess);
+  EXPECT_EQ(setUp({{"FLFILE", "bare.fl"}, {"FASTLOGDIR", "/none"}}).first, "bare.fl");
+  EXPECT_TRUE(std::filesystem::exists(scratch / "bare.fl")) << "a name is used unchanged";
+  EXPECT_EQ(setUp({{"FASTLOGDIR", temporary}}).first, temporary + "/Tunnel.fl");
+  const std::string trouble =
+      "trace file /none/Tunnel.fl: cannot be created: No such file or directory; trace lines "
+      "are dropped";
+  EXPECT_EQ(setUp({{"FASTLOGDIR", "/none"}}), std::pair(std::string("none"), trouble));
+  EXPECT_EQ(setUp({{"FASTLOGDIR", "/none"}}).second, "") << "once";
+  EXPECT_EQ(setUp({{"TMPDIR", "/none"}}).first, "none");
+  EXPECT_FALSE(fastlogInitialized) << "the next start tries again";
+
+  fastlogDirectoryIs("");
+  EXPECT_EQ(setUp({{"TMPDIR", temporary}}).first, "none");
+  EXPECT_EQ(setUp({{"FLFILE", "bare.fl"}}).first, "bare.fl") << "who asks has one";
+  fastlogDirectoryIs(scratch / "trace");
+  EXPECT_EQ(setUp({}).first, scratch / "trace/Tunnel.fl");
+  EXPECT_EQ(setUp({{"FASTLOG_DISABLE", "1"}}).first, "none");
+  std::filesystem::remove_all(scratch / "trace");
+  scratch.fileWith("trace", "");
+  EXPECT_NE(setUp({}).second.find("Not a directory"), std::string::npos);
+  std::filesystem::current_path(before);
 }
 
 }  // namespace
