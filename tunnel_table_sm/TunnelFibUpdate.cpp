@@ -249,6 +249,10 @@ bool TunnelFibSm::doUpdateTunnelFibEntry(const ConsolidatedTunnelFibEntry& consF
     tunnelFibWriter_->deleteFibEntry(tunnelId);
     FASTLOG_TRACE(8, " TunnelId " << tunnelId << " is unprogrammable because "
                                   << (obstacles.noVias ? "no tunnelVias" : "too many tunnelVias"));
+    if (!wasUnprogrammable(tunnelId)) {
+      FASTLOG_TRACE(5, "tunnelId " << tunnelId << " becomes unprogrammable: "
+                                   << (obstacles.noVias ? "no tunnelVias" : "too many tunnelVias"));
+    }
     unprogrammableTunnelIds_->entryIs(tunnelId, true);
     return false;
   }

@@ -61,6 +61,7 @@ TunnelFibWriter::TunnelFibWriter(Zol::Ptr<TunnelFib> tunnelFib) : tunnelFib_(std
 }
 
 void TunnelFibWriter::handleInitialized() {
+  FASTLOG_TRACE(8, "virtual void Tunnel::TunnelTable::TunnelFibWriter::handleInitialized()");
   countReferences();
   forEachEncapKind([this](auto kind) {
     const auto& encaps = decltype(kind)::encaps(*tunnelFib_);
@@ -178,6 +179,7 @@ void TunnelFibWriter::deleteFibEntry(const TunnelId& tunnelId) {
     return;
   }
   FASTLOG_TRACE(7, "  tunnelId " << tunnelId << " entry deleted");
+  FASTLOG_TRACE(5, "tunnelId " << tunnelId << " withdrawn from the FIB");
 }
 
 // Entries are written in the order of their vias, so place by place decides almost always. Only an entry with several

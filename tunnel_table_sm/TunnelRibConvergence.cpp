@@ -93,6 +93,7 @@ void TunnelRibBuilderSm::updateTunnelRibConvergenceSeqno() {
   waitingToNotifyConverged_ = false;
   FASTLOG_TRACE(
       8, updateSignature << "Updated Tunnel RIB convergence sequence number for ribId " << ribId() << " to " << seqno);
+  FASTLOG_TRACE(5, "ribId " << ribId() << " converged, sequence number " << seqno);
   tunnelConvergence_->tunnelRibConvergenceSeqnoIs(ribId(), seqno);  // last: it is heard at once
 }
 
