@@ -77,6 +77,7 @@ void StagedTunnelRib::write(const Staged& staged) {
   if (staged.now.tunnelIds() == 0) {
     if (staged.isDamaged || staged.standing.tunnelIds() != 0) {
       rib_->entryDel(staged.tep);
+      FASTLOG_TRACE(5, "tep " << staged.tep << " withdrawn from ribId " << rib_->id());
     }
   } else if (staged.isDamaged || !isSame(staged.standing, staged.now)) {
     rib_->entryIs(staged.now);
