@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <iostream>
 
+#include "runtime/Fastlog/RingFile.h"
+
 namespace Agent {
 namespace {
 
@@ -25,6 +27,7 @@ std::string journalPrefix(LogLevel level) {
 }
 
 void log(LogLevel level, const std::string& text) {
+  Fastlog::RingFile::note("agent", static_cast<unsigned>(level), text);
   const std::string prefix = journalPrefix(level);
   std::cerr << (prefix.empty() ? "tunnel-agent: " : prefix) + text + "\n" << std::flush;
 }
