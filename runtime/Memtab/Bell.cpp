@@ -83,8 +83,13 @@ bool Bell::openStanding(const Owners& owners) {
 bool Bell::makeNew() {
   file_ = Descriptor(openat(directory_.get(), ".", O_TMPFILE | O_RDWR | O_CLOEXEC, fileMode));
   const uint64_t magic = bellMagic;
-  if (!file_ || fchmod(file_.get(), fileMode) != 0 || posix_fallocate(file_.get(), 0, fileBytes) != 0 ||
-      pwrite(file_.get(), &magic, sizeof magic, 0) != sizeof magic) {
+  if (!file_ || fchmod(file_.get(), fileMode) != 0) {
+    raiseError("no doorbell can be made", path_, errno);
+  }
+  if (const int error = posix_fallocate(file_.get(), 0, fileBytes); error != 0) {
+    raiseError("no doorbell can be made", path_, error);
+  }
+  if (pwrite(file_.get(), &magic, sizeof magic, 0) != sizeof magic) {
     raiseError("no doorbell can be made", path_, errno);
   }
   const std::string unnamed = "/proc/self/fd/" + std::to_string(file_.get());
@@ -112,15 +117,18 @@ bool Bell::claim(unsigned n) const {
 }
 
 Descriptor Bell::fifo(unsigned n) const {
-  const std::string name = ".wake-" + std::to_string(n);
+  const std::string name = fifoName(n);
   if (mkfifoat(directory_.get(), name.c_str(), fileMode) == 0) {
     (void)fchmodat(directory_.get(), name.c_str(), fileMode, 0);
   }
   // Open for both, so that there is neither an end of file without writers nor a signal without readers.
   Descriptor fifo(openat(directory_.get(), name.c_str(), openFlags));
   struct stat facts {};
-  const bool isFifo = fifo && fstat(fifo.get(), &facts) == 0 && S_ISFIFO(facts.st_mode);
-  return isFifo ? std::move(fifo) : Descriptor();
+  if (!fifo || fstat(fifo.get(), &facts) != 0) {
+    return {};
+  }
+  errno = EEXIST;
+  return S_ISFIFO(facts.st_mode) ? std::move(fifo) : Descriptor();
 }
 
 bool Bell::isSound() const {

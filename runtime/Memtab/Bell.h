@@ -46,7 +46,8 @@ class Bell {
   Slot& slot(unsigned n) const { return shared_->slot[n]; }
   // Whether nobody had the slot; then it is ours as long as this bell.
   bool claim(unsigned slot) const;
-  // Opens the FIFO of a slot, makes it if there is none. Nothing: it cannot be had now.
+  static std::string fifoName(unsigned n) { return ".wake-" + std::to_string(n); }
+  // Opens the FIFO of a slot, makes it if there is none. Nothing: it cannot be opened now, errno has the reason.
   Descriptor fifo(unsigned slot) const;
   // Whether the file is whole and what the path names. A few microseconds.
   bool isSound() const;

@@ -6,6 +6,7 @@
 
 #include <bit>
 #include <cerrno>
+#include <cstring>
 #include <utility>
 
 #include "runtime/Memtab/DirectoryOwner.h"
@@ -76,7 +77,7 @@ bool DoorbellRinger::poke(unsigned slot) {
 DoorbellListener::DoorbellListener(std::string stateDirectory, Owners owners)
     : stateDirectory_(std::move(stateDirectory)), owners_(std::move(owners)), epoll_(epoll_create1(EPOLL_CLOEXEC)) {
   if (!epoll_) {
-    throw Zol::InternalException("no descriptor to wait for a doorbell");
+    throw Zol::InternalException(stateDirectory_ + ": no descriptor to wait for the doorbell: " + std::strerror(errno));
   }
   owners_.push_back(0);
   open();
@@ -135,6 +136,26 @@ bool DoorbellListener::mend() {
     open();
   }
   return isSound_;
+}
+
+std::string DoorbellListener::trouble() const {
+  if (isSound_) {
+    return "";
+  }
+  const std::string directory = stateDirectory_ + "/";
+  try {
+    const Bell bell(stateDirectory_, owners_);
+    if (!slot_) {
+      return directory + Bell::fileName + ": all " + std::to_string(Bell::slots) + " slots are taken";
+    }
+    errno = 0;
+    const bool hasFifo = static_cast<bool>(bell.fifo(*slot_));
+    return directory + Bell::fifoName(*slot_) +
+           (hasFifo || errno == 0 ? ": cannot be waited for"
+                                  : std::string(": cannot be opened as a FIFO: ") + std::strerror(errno));
+  } catch (const Zol::Exception& reason) {
+    return reason.what();
+  }
 }
 
 void DoorbellListener::aboutToSleep() {

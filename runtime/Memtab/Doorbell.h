@@ -70,6 +70,8 @@ class DoorbellListener {
 
   // Whether rings can be heard. If not, look every secondsUnsound and call mend().
   bool isSound() const { return isSound_; }
+  // Why not, as path and reason, found out by another try; empty: they can be.
+  std::string trouble() const;
   static constexpr double secondsUnsound = 1;
   // Checks everything and opens again what is spoilt. Returns isSound(); when that has changed, look at all tables.
   bool mend();

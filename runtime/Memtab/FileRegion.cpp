@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "runtime/Memtab/Layout.h"
+#include "runtime/Memtab/NoSpaceWitness.h"
 
 namespace Memtab {
 namespace {
@@ -17,6 +18,8 @@ namespace {
 #ifndef MADV_COLLAPSE
 constexpr int MADV_COLLAPSE = 25;  // in Linux since 6.1, in the C library later
 #endif
+
+NoSpaceWitness witness = nullptr;
 
 size_t sizeOf(int fd) {
   struct stat facts {};
@@ -34,21 +37,23 @@ int allocate(int fd, size_t from, size_t to) {
 
 }  // namespace
 
-FileBacking::FileBacking(std::shared_ptr<const Descriptor> file, size_t bytes)
-    : file_(std::move(file)), bytes_(bytes), process_(getpid()) {}
+void noSpaceWitnessIs(NoSpaceWitness newWitness) { witness = newWitness; }
+
+FileBacking::FileBacking(std::shared_ptr<const Descriptor> file, std::string path, size_t bytes)
+    : file_(std::move(file)), path_(std::move(path)), bytes_(bytes), process_(getpid()) {}
 
 size_t FileBacking::attach(std::byte* base, size_t bytes) {
   if (bytes_ > bytes) {
-    throw NoSpace("no addresses for a shared table of " + std::to_string(bytes_) + " bytes");
+    throw NoSpace(path_ + ": no addresses for its " + std::to_string(bytes_) + " bytes");
   }
   // Pieces that were given back are holes: they need memory again before anything is stored there.
   if (const int error = bytes_ == 0 ? 0 : allocate(file_->get(), 0, bytes_); error != 0) {
-    throw NoSpace("no memory for a shared table of " + std::to_string(bytes_) + " bytes: " + std::strerror(error));
+    throw NoSpace(path_ + ": no memory for its " + std::to_string(bytes_) + " bytes: " + std::strerror(error));
   }
   constexpr int writing = PROT_READ | PROT_WRITE;
   if (mmap(base, bytes, writing, MAP_SHARED | MAP_FIXED | MAP_NORESERVE, file_->get(), 0) == MAP_FAILED ||
       madvise(base, bytes, MADV_DONTFORK) != 0) {
-    throw NoSpace(std::string("a shared table cannot be mapped: ") + std::strerror(errno));
+    throw NoSpace(path_ + ": cannot be mapped: " + std::strerror(errno));
   }
   guard_.emplace(base, bytes, writing, file_->get());
   return bytes_;
@@ -64,11 +69,16 @@ bool FileBacking::extend(std::byte* base, size_t from, size_t to) {
   if (to >= hugeFrom) {
     takeHugePages(base, from < hugeFrom ? 0 : from / hugePageBytes * hugePageBytes, to);
   }
-  if (allocate(file_->get(), from, to) == 0) {
+  const int error = allocate(file_->get(), from, to);
+  if (error == 0) {
     return true;
   }
   (void)ftruncate(file_->get(), static_cast<off_t>(bytesBefore));
-  return false;
+  if (witness != nullptr) {
+    witness(path_, std::strerror(error));
+  }
+  throw NoSpace(path_ + ": cannot grow from " + std::to_string(from) + " to " + std::to_string(to) +
+                " bytes: " + std::strerror(error));
 }
 
 // A wish, which costs the kernel less than the small pages would: with the last of them there, it makes a huge one of
@@ -87,11 +97,11 @@ void FileBacking::giveBack(std::byte*, size_t from, size_t to) {
                   static_cast<off_t>(to - from));
 }
 
-FileView::FileView(std::shared_ptr<const Descriptor> file, size_t bytesMax)
+FileView::FileView(std::shared_ptr<const Descriptor> file, const std::string& path, size_t bytesMax)
     : Extent(look), file_(std::move(file)), addresses_(bytesMax, sizeOf(file_->get())) {
   if (mmap(addresses_.base(), addresses_.size(), PROT_READ, MAP_SHARED | MAP_FIXED | MAP_NORESERVE, file_->get(), 0) ==
       MAP_FAILED) {
-    throw NoSpace(std::string("a shared table cannot be mapped: ") + std::strerror(errno));
+    throw NoSpace(path + ": cannot be mapped: " + std::strerror(errno));
   }
   guard_.emplace(addresses_.base(), addresses_.size(), PROT_READ, file_->get());
   damagedIs(guard_->damaged());

@@ -14,6 +14,7 @@
 
 #include <memory>
 #include <optional>
+#include <string>
 
 #include "runtime/Memtab/Addresses.h"
 #include "runtime/Memtab/BusGuard.h"
@@ -24,13 +25,13 @@ namespace Memtab {
 
 class FileBacking final : public Backing {
  public:
-  // bytes: of the file that are in use already, whole pages.
-  FileBacking(std::shared_ptr<const Descriptor> file, size_t bytes);
+  // path: of the file, for messages. bytes: of the file that are in use already, whole pages.
+  FileBacking(std::shared_ptr<const Descriptor> file, std::string path, size_t bytes);
 
   size_t attach(std::byte* base, size_t bytes) override;
   bool isAttached() const override;
   const std::atomic<bool>* damaged() const override { return guard_ ? guard_->damaged() : nullptr; }
-  // Throws InternalException in a child process.
+  // Throws NoSpace with the file's path and the system's error, and InternalException in a child process.
   bool extend(std::byte* base, size_t from, size_t to) override;
   void giveBack(std::byte* base, size_t from, size_t to) override;
 
@@ -38,6 +39,7 @@ class FileBacking final : public Backing {
   void takeHugePages(std::byte* base, size_t from, size_t to);
 
   std::shared_ptr<const Descriptor> file_;
+  const std::string path_;
   size_t bytes_;
   bool hasHugePages_ = true;  // as far as is known
   pid_t process_;
@@ -48,7 +50,8 @@ class FileView : private Extent {
  public:
   // Requires: the file is open for reading and has a header page. bytesMax: how far it may be seen to grow.
   // Throws NoSpace when there are not even addresses for the file as it is.
-  explicit FileView(std::shared_ptr<const Descriptor> file, size_t bytesMax = Region::reserveDefault);
+  // path: of the file, for messages.
+  FileView(std::shared_ptr<const Descriptor> file, const std::string& path, size_t bytesMax = Region::reserveDefault);
   FileView(const FileView&) = delete;
   FileView& operator=(const FileView&) = delete;
 

@@ -85,9 +85,18 @@ void Region::extendTo(size_t bytes) {
   const size_t least = roundUp(bytes, pieceMin);
   const size_t wished = std::max(bytes, from + std::clamp(from / 8, pieceMin, pieceMax));
   for (const size_t to : {std::min(roundUp(wished, stepAt(wished)), mapping_->reserved()), least}) {
-    if (to >= least && to <= mapping_->reserved() && mapping_->backing->extend(mapping_->base(), from, to)) {
-      mapping_->usableIs(to);
-      return;
+    if (to < least || to > mapping_->reserved()) {
+      continue;
+    }
+    try {
+      if (mapping_->backing->extend(mapping_->base(), from, to)) {
+        mapping_->usableIs(to);
+        return;
+      }
+    } catch (const NoSpace&) {
+      if (to == least) {
+        throw;
+      }
     }
   }
   throw NoSpace("a shared table of " + std::to_string(from) + " bytes cannot grow to " + std::to_string(bytes));

@@ -36,8 +36,9 @@ class Backing {
   virtual bool isAttached() const { return true; }
   // Whether bytes were lost behind our back (see BusGuard.h): false, or good as long as this backing.
   virtual const std::atomic<bool>* damaged() const { return nullptr; }
-  // Makes [from, to) behind base usable and zero. False: it cannot, and nothing changed. Both are page multiples, and
-  // from hugeFrom on huge page multiples where possible: what lies below to may lie on such then.
+  // Makes bytes [from, to) of base usable and zero. Returns false, or throws NoSpace with the reason, when it cannot;
+  // then nothing has changed. Both are page multiples, and from hugeFrom on huge page multiples where possible: what
+  // lies below to may lie on such then.
   virtual bool extend(std::byte* base, size_t from, size_t to) = 0;
   // Nothing in [from, to) is needed any more: its memory may go, its addresses stay readable. Both are page multiples.
   virtual void giveBack(std::byte* base, size_t from, size_t to) = 0;

@@ -153,13 +153,19 @@ MirrorStore::MirrorStore(const std::string& stateDirectory, const std::string& n
 // Null when there is none, or none that can be read.
 std::unique_ptr<ReaderFile> MirrorStore::open() {
   trouble_.clear();
+  isDamaged_ = false;
   try {
     auto file = std::make_unique<ReaderFile>(stateDirectory_, name_, fingerprint_, hashes_.size(),
                                              directoryOwner(stateDirectory_));
     trouble_ = hiddenPart(*file);
+    isDamaged_ = !trouble_.empty();
     return file;
   } catch (const FileAbsent&) {
     trouble_ = current_ == nullptr ? "" : "its file is gone";
+    return nullptr;
+  } catch (const IncompatibleTable& misfit) {
+    trouble_ = misfit.what();
+    isDamaged_ = true;
     return nullptr;
   } catch (const Zol::Exception& refused) {
     trouble_ = refused.what();
@@ -213,7 +219,7 @@ void MirrorStore::rescan() {
   } else if (file != nullptr) {
     lossyIs(trouble_ == entriesLost);
   }
-  if (trouble_ != before && !trouble_.empty()) {
+  if (trouble_ != before && isDamaged_) {
     for (const auto& [collection, listener] : listeners()) {
       listener->handleTrouble(trouble_);
     }
@@ -251,6 +257,7 @@ bool MirrorStore::poll(std::size_t maxKeys) {
   }
   if (isNextComplete()) {
     trouble_.clear();
+    isDamaged_ = false;
     bind(std::move(next_));
   }
   bool isMore = false;

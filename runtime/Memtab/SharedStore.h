@@ -247,6 +247,7 @@ class MirrorStore final : public SharedStore {
   std::unique_ptr<ReaderFile> previous_;
   std::string trouble_;
   Version troubleAt_;
+  bool isDamaged_ = false;  // the trouble is damage, and not a refused, absent or incomplete file
 };
 
 // Removes the file of a table that this process wrote, or an earlier run of it; absent: nothing happens. Who reads it

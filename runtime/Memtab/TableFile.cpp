@@ -115,7 +115,7 @@ std::unique_ptr<FileView> TableFile::checkedView(uint64_t fingerprint, size_t co
                               std::to_string(facts.st_size) + " bytes");
     }
   }
-  auto result = std::make_unique<FileView>(file_, bytesMax);
+  auto result = std::make_unique<FileView>(file_, path_, bytesMax);
   requireCompatible(result->view(), fingerprint, collections);
   return result;
 }
@@ -144,6 +144,9 @@ bool WriterFile::openStanding() {
       return false;
     }
     if (!lockAlone(file.get(), 0, 0)) {
+      if (errno != EAGAIN && errno != EACCES) {
+        raiseError("table cannot be locked", path_, errno);
+      }
       raiseBusy(path_, file.get());
     }
     file.keepFromChildren();
@@ -175,7 +178,7 @@ Region WriterFile::region(size_t bytesMax) {
   refuseChild();
   // All of the file, whatever its header says of the end: the take-over finds that out, and gives the rest back.
   const size_t bytes = isNew_ ? 0 : this->bytes() / headerBytes * headerBytes;
-  return Region(std::make_unique<FileBacking>(file_, bytes), bytesMax);
+  return Region(std::make_unique<FileBacking>(file_, path_, bytes), bytesMax);
 }
 
 void WriterFile::publish() {

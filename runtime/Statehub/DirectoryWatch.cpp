@@ -19,7 +19,7 @@ constexpr std::uint32_t placesChanged =
     IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
 
 [[noreturn]] void fail(const std::string& what) {
-  throw Zol::InternalException("no watch on " + what + ": " + std::strerror(errno));
+  throw Zol::InternalException(what + ": cannot be watched by inotify: " + std::strerror(errno));
 }
 
 }  // namespace

@@ -71,7 +71,7 @@ void TableFeed::rescan() {
   all.attempt([this] { directoryWatch_.answer(); });
   all.attempt([this] { entityManager_->rescan(); });
   if (!bell_.mend()) {
-    trouble_ = "nobody can ring the doorbell, tables are looked at once a second";
+    trouble_ = bell_.trouble();
   }
   try {
     all.raise();
