@@ -104,6 +104,18 @@ const ActionRow actionRows[] = {
     {"checkpoint", {}, [](auto& in, auto&) -> ScenarioLine { return CheckpointLine{readFileName(in)}; }},
 };
 
+// The first key of the line that no action knows; empty: there is none.
+std::string unknownKeyOf(const JsonField& line) {
+  std::string unknown;
+  line.forEachMember([&unknown](const std::string& key, const JsonField&) {
+    const bool isKnown = std::any_of(std::begin(actionRows), std::end(actionRows), [&key](const ActionRow& row) {
+      return key == row.key || std::find(row.otherKeys.begin(), row.otherKeys.end(), key) != row.otherKeys.end();
+    });
+    unknown = isKnown || !unknown.empty() ? unknown : printable(key);
+  });
+  return unknown;
+}
+
 const ActionRow& actionOf(const JsonField& line) {
   line.require(line.isObject(), "not a JSON object");
   const auto* const row =
@@ -113,7 +125,8 @@ const ActionRow& actionOf(const JsonField& line) {
     for (const ActionRow& each : actionRows) {
       keys += (keys.empty() ? "" : ", ") + std::string(each.key);
     }
-    line.fail("has none of the keys " + keys);
+    const std::string unknown = unknownKeyOf(line);
+    line.fail((unknown.empty() ? "" : "unknown key '" + unknown + "'; ") + "has none of the keys " + keys);
   }
   return *row;
 }

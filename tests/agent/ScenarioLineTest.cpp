@@ -63,6 +63,9 @@ TEST(ScenarioLine, refusesWhatIsNoLine) {
        "file:1: line: has none of the keys rib, ribDelete, table, mount, unmount, bgpLuConverged, settle, advance, "
        "checkpoint"},
       {__LINE__, R"({"settle": true, "x": 1})", "file:1: x: unknown key"},
+      {__LINE__, R"({"tabel": "ldp", "delete": 1})",
+       "file:1: line: unknown key 'tabel'; has none of the keys rib, ribDelete, table, mount, unmount, "
+       "bgpLuConverged, settle, advance, checkpoint"},
       {__LINE__, R"({"settle": false})", "file:1: settle: not true"},
       {__LINE__, R"({"settle": true, "settle": true})", "file:1: settle: given twice"},
       {__LINE__, R"({"settle": true})" + std::string("\0{}", 3), "file:1: line: column 17: a NUL character"},
