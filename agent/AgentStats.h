@@ -19,7 +19,7 @@ struct StatsSources {
   const PublishLatency& latency;
   const ControlSocket* control;  // null: the agent has none
   double startedAt;              // in the scheduler's time
-  std::string state;             // "waiting", "starting", "ready"
+  std::string state;             // "waiting", "starting", "ready", "degraded"
   std::vector<std::string> waitingFor;
   std::vector<std::string> degraded;
 };

@@ -202,8 +202,8 @@ template <class F>
 void StatusWriter::write(F&& f) {
   try {
     f();
-  } catch (const Memtab::NoSpace&) {
-    trouble_ = "no space in tunnel/status, whose tables lack something; they are written again every second";
+  } catch (const Memtab::NoSpace& full) {
+    trouble_ = full.what();
     retryTask_.scheduleTaskLowestDelay(retryDelay);
   }
 }

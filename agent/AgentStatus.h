@@ -91,7 +91,7 @@ class StatusWriter {
 
   // Publishes numbers and configurations of the RIBs that are configured now.
   void publishRibs(const Model::TunnelRibConfigDir& configs);
-  // Why a table is not as it should be; empty: all are.
+  // Why a table lacks something: its path and the system's error; empty: none does.
   const std::string& trouble() const { return trouble_; }
 
  private:

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "agent/ControlAddress.h"
+#include "agent/Log.h"
 
 namespace Agent {
 namespace {
@@ -68,7 +69,9 @@ void ControlSocket::listen(const std::string& stateDirectory) {
     if (!S_ISSOCK(facts.st_mode)) {
       throw Zol::InternalException(path_ + ": not a socket, and left as it is");
     }
-    unlink(path_.c_str());
+    if (unlink(path_.c_str()) != 0 && errno != ENOENT) {
+      fail(path_, "the socket of an earlier agent cannot be removed");
+    }
   }
   const ControlAddress address(stateDirectory);
   const mode_t before = umask(modeMask);
@@ -95,6 +98,9 @@ void ControlSocket::handleConnection() {
     const int fd = accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (fd < 0) {
       if (!isTryAgain() && errno != ECONNABORTED) {  // a connection that cannot be taken would call back for ever
+        logBounded(LogLevel::warning, "control socket",
+                   "control socket: no connection can be taken: " + path_ + ": " + std::strerror(errno) +
+                       "; trying again in a second");
         loop_.fdDel(listener_.get());
         isListenerWatched_ = false;
         deadline_.timeMinIs(std::min(deadline_.timeMin(), deadline_.clock()->now() + secondsWithoutDescriptors));

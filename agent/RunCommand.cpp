@@ -158,8 +158,8 @@ void RunCommand::writeResult() {
   } else if (options_.wantsState) {
     writeFile(options_.stateFile, [this](std::ostream& out) { writeStateDocument(out, host_, options_.filter); });
   }
-  if (!std::cout.flush() && !isOutputReaderGone()) {
-    throw OutputError("standard output: cannot be written");
+  if (const std::string trouble = outputTrouble(); !trouble.empty()) {
+    throw OutputError(trouble);
   }
 }
 

@@ -46,7 +46,7 @@ class ScenarioReader {
       }
     }
     if (in_.bad()) {
-      throw ScenarioError(name_, "cannot be read");
+      throw ScenarioError(name_, std::string("cannot be read: ") + std::strerror(errno));
     }
     return std::nullopt;
   }

@@ -4,7 +4,9 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <set>
 #include <utility>
 
@@ -12,6 +14,7 @@
 #include "agent/InputError.h"
 #include "agent/Log.h"
 #include "runtime/Memtab/CorruptionException.h"
+#include "runtime/Memtab/NoSpaceWitness.h"
 
 namespace Agent {
 namespace {
@@ -19,15 +22,36 @@ namespace {
 constexpr unsigned limitPriority = 2;
 constexpr timespec beforeNewBeginning = {0, 100'000'000};  // whoever spoils tables all the time gets no more
 constexpr timespec beforeNextTry = {1, 0};
+constexpr timespec whileBusy = {0, 20'000'000};
+constexpr double busySecondsMax = 1;
 
-// The same damage is met again and again until it is mended; one line is enough, and a file says it too.
+// The same damage is met again and again until it is repaired; one line is enough, and a file describes it too.
 void logDamage(const std::string& table, const std::string& message) {
   static std::set<std::string> logged;
-  constexpr std::size_t linesMax = 1000;
-  const std::string line = "damage in table " + table + ": " + message;
+  constexpr std::size_t linesMax = 10000;
+  constexpr double hour = 3600;
+  const std::string cause = "damage in table " + table;
+  const std::string line = cause + ": " + message;
   if (logged.size() < linesMax && logged.insert(line).second) {
-    log(LogLevel::error, line);
+    logBounded(LogLevel::error, cause, line, hour);
   }
+}
+
+// The files that could not grow, with the system's error, since all tunnels had space last.
+std::map<std::string, std::string>& filesWithoutSpace() {
+  static std::map<std::string, std::string> files;
+  return files;
+}
+
+// "FIB", "RIB system", or the table's path below the state directory.
+std::string tableName(const std::string& path) {
+  const std::string protocolRib = protocolRibPathPrefix;
+  const std::string customRib = Model::tunnelRibStatusPathPrefix;
+  return path == fibPath                 ? "FIB"
+         : path == systemRibPath         ? "RIB system"
+         : path.starts_with(protocolRib) ? "per-protocol RIB " + path.substr(protocolRib.size())
+         : path.starts_with(customRib)   ? "RIB number " + path.substr(customRib.size())
+                                         : path;
 }
 
 Memtab::Descriptor signalDescriptor() {
@@ -37,7 +61,11 @@ Memtab::Descriptor signalDescriptor() {
     sigaddset(&answered, signal);
   }
   sigprocmask(SIG_BLOCK, &answered, nullptr);
-  return Memtab::Descriptor(signalfd(-1, &answered, SFD_NONBLOCK | SFD_CLOEXEC));
+  Memtab::Descriptor signals(signalfd(-1, &answered, SFD_NONBLOCK | SFD_CLOEXEC));
+  if (!signals) {
+    throw Zol::InternalException(std::string("signals: no descriptor to receive them: ") + std::strerror(errno));
+  }
+  return signals;
 }
 
 std::vector<std::string> directoriesOfAllTables() {
@@ -87,7 +115,7 @@ class ServeCommand::WaitLimit final : public Quor::TimerTask {
 
  private:
   void run() override {
-    log(LogLevel::warning, "the wait is over: tables are taken as they are");
+    log(LogLevel::warning, "wait limit reached; starting with incomplete tables");
     command_.start();
   }
   ServeCommand& command_;
@@ -103,7 +131,7 @@ ServeCommand::ServeCommand(ServeOptions options, ConfigInForce& config)
       declaration_(statusTable<BgpLuDeclaration>(*host_.entityManager(), bgpLuDeclarationPath, Statehub::Access::read)),
       loop_(host_.scheduler()) {
   for (const std::string& misfit : misfits_) {
-    log(LogLevel::warning, misfit + "; it is set aside, and a new table takes its place");
+    log(LogLevel::warning, misfit + "; the file is quarantined, and a new table takes its place");
   }
   forEachNamedTable([this](auto named) { host_.tables().table<typename decltype(named)::Table>()->follow(); });
   declaration_->follow();
@@ -112,6 +140,7 @@ ServeCommand::ServeCommand(ServeOptions options, ConfigInForce& config)
       std::make_unique<Statehub::TableFeed>(host_.entityManager(), host_.scheduler(), loop_, directoriesOfAllTables());
   const auto handleRescan = [this] {
     troubles_.look();
+    publishers_.handleRescan();
     mendControlSocket();
     lookForTrouble();
   };
@@ -143,7 +172,7 @@ void ServeCommand::mendControlSocket() {
     control_.emplace(options_.stateDirectory, host_.scheduler(), loop_,
                      [methods = controlMethods(*this)](std::string_view line) { return answerRpc(line, methods); });
   } catch (const Zol::Exception& error) {
-    controlTrouble_ = std::string("no control socket: ") + error.what();
+    controlTrouble_ = error.what();
   }
 }
 
@@ -171,6 +200,8 @@ bool ServeCommand::mayFallAsleep() {
   if (!gate_ && !isReady_ && host_.isDrained()) {
     handleFirstDrain();
   }
+  publishers_.look();
+  counts_.look();
   lookForTrouble();
   if (!feed_->mayFallAsleep()) {
     return false;
@@ -186,27 +217,42 @@ bool ServeCommand::mayFallAsleep() {
 }
 
 void ServeCommand::lookForTrouble() {
-  std::vector<std::string> lines;
-  const auto add = [&lines](const std::string& prefix, const std::string& trouble) {
-    if (!trouble.empty()) {
-      lines.push_back(prefix + trouble);
+  if (reasons_.areNow(reasonsNow())) {
+    service_.look();
+  }
+}
+
+// The one place where the list is computed.
+std::vector<Reason> ServeCommand::reasonsNow() const {
+  std::vector<Reason> reasons = troubles_.reasons();
+  const auto add = [&reasons](const std::string& object, const std::string& problem, const char* consequence) {
+    if (!problem.empty()) {
+      reasons.push_back({object, problem, consequence});
     }
   };
-  add("state directory: ", feed_->trouble());
-  add("", status_.trouble());
-  add("", controlTrouble_);
-  if (host_.heldUp() != 0) {
-    lines.push_back("tunnels wait for space, or for a table that can be read again; they are tried every second");
+  for (Reason& reason : publishers_.reasons()) {
+    reasons.push_back(std::move(reason));
+  }
+  add("state directory", feed_->trouble(), "tried again every second; tables are read once a second meanwhile");
+  add("status tables", status_.trouble(), "written again every second; readers see the state before");
+  add("control socket", controlTrouble_, "the agent works without it until its place changes");
+  const bool isHeldUp = host_.heldUp() != 0;
+  if (!isHeldUp && status_.trouble().empty()) {
+    filesWithoutSpace().clear();
+  }
+  for (const auto& [path, error] : filesWithoutSpace()) {
+    add(tableName(path.substr(std::min(path.size(), options_.stateDirectory.size() + 1))),
+        "no space: " + path + ": cannot grow: " + error, "tunnels that do not fit wait; they are tried every second");
+  }
+  if (isHeldUp && filesWithoutSpace().empty()) {
+    add("tunnels", "held up by tables that cannot be read", "their entries stay; they are tried every second");
   }
   if (host_.ribConfigDirSm() != nullptr) {
     for (const auto& [name, reason] : host_.ribConfigDirSm()->unmadeRibs()) {
-      lines.push_back("RIB " + printable(name) + " cannot be made, and is tried again every second: " + reason);
+      add("RIB " + printable(name), "cannot be made: " + reason, "tried again every second");
     }
   }
-  if (lines != troubles_.others()) {
-    troubles_.othersAre(std::move(lines));
-    service_.look();
-  }
+  return reasons;
 }
 
 void ServeCommand::startIfReady() {
@@ -251,8 +297,13 @@ void ServeCommand::handleFirstDrain() {
   for (const auto& [type, wrapper] : host_.protocolRibs()->protocolTunnelRib()) {
     wrapper->tunnelRib()->collectionReadyIs(true);
   }
-  log(LogLevel::info, statusText());
+  counts_.ready();
   service_.ready();
+}
+
+// As stats.get and the status text have it.
+const char* ServeCommand::stateWord() const {
+  return gate_ ? "waiting" : !isReady_ ? "starting" : reasons_.texts().empty() ? "ready" : "degraded";
 }
 
 std::string ServeCommand::statusText() const {
@@ -263,13 +314,8 @@ std::string ServeCommand::statusText() const {
     }
     return text;
   }
-  const std::size_t entries = host_.fib()->entry().size();
-  std::string text =
-      (isReady_ ? "ready: " : "working off the backlog: ") + counted(entries, "FIB entry", "FIB entries");
-  for (const std::string& line : troubles_.others()) {
-    text += "; " + line;
-  }
-  return text;
+  const std::string reasons = reasons_.summary();
+  return stateWord() + (": " + counts_.text()) + (reasons.empty() ? "" : "; " + reasons);
 }
 
 // While BGP fills its table anew, what was declared before says nothing about it.
@@ -333,14 +379,15 @@ void ServeCommand::handleConfigured() {
 }
 
 OrderedJson ServeCommand::stats() const {
-  const char* const state = gate_ ? "waiting" : isReady_ ? "ready" : "starting";
-  return statsJson(
-      {host_, loop_, latency_, control_ ? &*control_ : nullptr, startedAt_, state, waitingFor_, troubles_.others()});
+  return statsJson({host_, loop_, latency_, control_ ? &*control_ : nullptr, startedAt_, stateWord(), waitingFor_,
+                    reasons_.texts()});
 }
 
 void ServeLoop::run() {
   raiseDescriptorLimit();
   Memtab::MapBase::damageWitnessIs(logDamage);
+  Memtab::noSpaceWitnessIs(
+      [](const std::string& path, const std::string& error) { filesWithoutSpace()[path] = error; });
   ConfigInForce config = configOf(options_);
   bool hasBegun = false;
   const auto tellUnlessFirst = [&hasBegun](const Zol::Exception& reason) {
@@ -349,19 +396,32 @@ void ServeLoop::run() {
     }
     log(LogLevel::error, std::string(reason.what()) + "; trying again every second");
   };
+  std::optional<double> busySince;
   for (timespec pause = beforeNextTry;; pause = beforeNextTry) {
     try {
       ServeCommand command(options_, config);
       hasBegun = true;
+      busySince.reset();
       command.run();
       return;
     } catch (const Memtab::CorruptionException& lost) {
-      log(LogLevel::error, std::string("a table of the agent is damaged: ") + lost.what() + "; beginning anew");
+      log(LogLevel::error, std::string("a table of the agent is damaged: ") + lost.what() + "; restarting internally");
       pause = beforeNewBeginning;
     } catch (const Memtab::NoSpace& full) {
       tellUnlessFirst(full);
     } catch (const Memtab::FileRefused& refused) {
       tellUnlessFirst(refused);
+    } catch (const Memtab::TableBusy& busy) {
+      // The kernel keeps the locks of a killed process until the last of it has gone.
+      const double now = Quor::RealTimeSource().now();
+      if (!busySince) {
+        busySince = now;
+        log(LogLevel::notice,
+            options_.stateDirectory + ": another agent serves it: " + busy.what() + "; trying for a second");
+      } else if (now > *busySince + busySecondsMax) {
+        throw;
+      }
+      pause = whileBusy;
     }
     if (endsWithin(pause)) {
       return;

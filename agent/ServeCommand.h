@@ -24,7 +24,10 @@
 #include "agent/ConfigTask.h"
 #include "agent/ControlMethods.h"
 #include "agent/ControlSocket.h"
+#include "agent/CountLog.h"
 #include "agent/PublishLatency.h"
+#include "agent/Publishers.h"
+#include "agent/Reasons.h"
 #include "agent/ServiceManager.h"
 #include "agent/StartGate.h"
 #include "agent/TableTroubles.h"
@@ -75,9 +78,11 @@ class ServeCommand final : private Quor::NewsSource, private ControlTarget {
   bool isConfigurable() const override { return gate_ || troubles_.canReadAll(); }
   void configIs(AgentConfig config, const std::string& source) override;
   OrderedJson stats() const override;
+  const char* stateWord() const;
 
   void mendControlSocket();
   void lookForTrouble();
+  std::vector<Reason> reasonsNow() const;
   void startIfReady();
   void start();
   void handleFirstDrain();
@@ -96,6 +101,9 @@ class ServeCommand final : private Quor::NewsSource, private ControlTarget {
   Quor::TimeSlicePolicy slicePolicy_{time_, sliceSeconds};
   AgentHost host_;
   TableTroubles troubles_{host_};
+  Publishers publishers_{host_, host_.scheduler()};
+  CountLog counts_{host_};
+  Reasons reasons_;
   StatusWriter status_;
   Zol::Ptr<BgpLuDeclarationTable> declaration_;
   DeclarationListener declarationListener_{*this};

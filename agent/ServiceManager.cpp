@@ -67,7 +67,8 @@ auto ServiceManager::address() -> std::optional<Address> {
     return std::nullopt;
   }
   if (text.size() < 2 || text.size() >= sizeof result.name.sun_path || (text[0] != '/' && text[0] != '@')) {
-    log(LogLevel::warning, "NOTIFY_SOCKET: no address of a socket");
+    log(LogLevel::warning,
+        "NOTIFY_SOCKET: no address of a socket: " + std::string(text) + "; the service manager is not notified");
     return std::nullopt;
   }
   result.name.sun_family = AF_UNIX;
@@ -121,7 +122,8 @@ void ServiceManager::send(const std::string& message, int flags) {
   const bool isSent =
       sendto(socket_.get(), message.data(), message.size(), MSG_NOSIGNAL | flags, name, address_->size) >= 0;
   if (!isSent && !hasFailed_) {
-    log(LogLevel::warning, std::string("NOTIFY_SOCKET: nobody can be told: ") + std::strerror(errno));
+    log(LogLevel::warning, "NOTIFY_SOCKET: cannot be written: " + std::string(environment("NOTIFY_SOCKET")) + ": " +
+                               std::strerror(errno) + "; the service manager is not notified");
   }
   hasFailed_ = !isSent;
 }

@@ -1,6 +1,7 @@
 #include "agent/TableTroubles.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "agent/AgentStatus.h"
 #include "agent/Log.h"
@@ -8,7 +9,6 @@
 #include "tunnel_table_sm/TunnelRibConfigDirSm.h"
 
 namespace Agent {
-
 std::vector<std::string> misfits(const std::string& stateDirectory) {
   AgentState state(Zol::make<Statehub::EntityManager>(stateDirectory), Statehub::Access::read);
   const StatusReader status(state);
@@ -30,41 +30,70 @@ std::vector<std::string> misfits(const std::string& stateDirectory) {
   return lines;
 }
 
+// One line for each cause, however many tables it concerns.
 void TableTroubles::look() {
-  for (const TableId table : allTables()) {
-    lookAt("table " + Zol::stringOf(table), Model::tunnelTableInfo(table).path);
-  }
-  lookAt("the declaration of BGP", bgpLuDeclarationPath);
-}
-
-void TableTroubles::lookAt(const std::string& name, const std::string& path) {
-  const Memtab::MirrorStore* const mirror = state_.entityManager()->mirror(path);
-  const std::string trouble = mirror == nullptr ? "" : mirror->trouble();
-  std::string& known = troubles_[path];
-  if (trouble == known) {
-    return;
-  }
-  known = trouble;
-  if (trouble.empty()) {
-    log(LogLevel::notice, name + ": what could not be read is gone");
-  } else {
-    log(LogLevel::warning, name + " cannot be read, " +
-                               (mirror->isBound() ? "and stays as it was read last" : "and is as if absent") + ": " +
-                               trouble);
-  }
-}
-
-void TableTroubles::othersAre(std::vector<std::string> others) {
-  const auto logNew = [](LogLevel level, const char* prefix, const auto& now, const auto& before) {
-    for (const std::string& line : now) {
-      if (std::find(before.begin(), before.end(), line) == before.end()) {
-        log(level, prefix + line);
-      }
+  Troubles now;
+  const auto add = [&](const std::string& table, const std::string& path) {
+    if (Trouble trouble = troubleAt(path); !trouble.text.empty()) {
+      now[table] = std::move(trouble);
     }
   };
-  logNew(LogLevel::warning, "", others, others_);
-  logNew(LogLevel::notice, "no longer so: ", others_, others);
-  others_ = std::move(others);
+  for (const TableId table : allTables()) {
+    add(Zol::stringOf(table), Model::tunnelTableInfo(table).path);
+  }
+  add("bgpLuConvergence", bgpLuDeclarationPath);
+  Troubles changed = now;
+  std::erase_if(changed, [this](const auto& each) {
+    const auto known = troubles_.find(each.first);
+    return known != troubles_.end() && known->second == each.second;
+  });
+  for (const Reason& reason : reasonsOf(changed)) {
+    logBounded(LogLevel::warning, "unreadable tables", reason.text());
+  }
+  std::vector<std::string> readable;
+  for (const auto& [table, trouble] : troubles_) {
+    if (!now.contains(table)) {
+      readable.push_back(table);
+    }
+  }
+  if (!readable.empty()) {
+    logBounded(LogLevel::notice, "unreadable tables", tablesText(readable) + ": readable again");
+  }
+  troubles_ = std::move(now);
+}
+
+auto TableTroubles::troubleAt(const std::string& path) const -> Trouble {
+  const Memtab::MirrorStore* const mirror = state_.entityManager()->mirror(path);
+  return mirror == nullptr ? Trouble() : Trouble{path, mirror->trouble(), mirror->isBound()};
+}
+
+std::vector<Reason> TableTroubles::reasons() const { return reasonsOf(troubles_); }
+
+// A text names the table's file, a directory above it, or neither. The file is no part of the cause.
+std::vector<Reason> TableTroubles::reasonsOf(const Troubles& troubles) const {
+  struct Group {
+    std::string place;
+    std::vector<std::string> tables;
+  };
+  const std::string& directory = state_.entityManager()->stateDirectory();
+  std::map<std::pair<std::string, bool>, Group> groups;  // by cause, and whether there are contents
+  for (const auto& [table, trouble] : troubles) {
+    const std::string file = directory + "/" + trouble.path;
+    const bool isOfFile = trouble.text.starts_with(file + ": ");
+    const bool hasPlace = isOfFile || !trouble.text.starts_with(directory);
+    Group& group = groups[{isOfFile ? trouble.text.substr(file.size() + 2) : trouble.text, trouble.isBound}];
+    group.place = !hasPlace ? "" : group.place.empty() ? file : group.place;
+    group.tables.push_back(table);
+  }
+  std::vector<Reason> reasons;
+  for (const auto& [cause, group] : groups) {
+    const std::string others =
+        group.tables.size() == 1 ? "" : " and " + std::to_string(group.tables.size() - 1) + " more";
+    const std::string place = group.place.empty() ? "" : group.place + others + ": ";
+    reasons.push_back({tablesText(group.tables), "cannot be read: " + place + cause.first,
+                       cause.second ? "the contents read last stay in use" : "treated as absent", true});
+  }
+  return reasons;
 }
 
 bool TableTroubles::canReadAll() const {

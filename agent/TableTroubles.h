@@ -1,4 +1,5 @@
-// TableTroubles: the files of tables that cannot be read, for the log.
+// TableTroubles: the files of tables that cannot be read. Tables with the same cause share one line of the log and one
+// reason, since a wrong permission of a directory concerns all of them.
 #pragma once
 
 #include <map>
@@ -6,11 +7,12 @@
 #include <vector>
 
 #include "agent/AgentState.h"
+#include "agent/Reasons.h"
 
 namespace Agent {
 
 // Those of the agent's own tables whose bytes are no table of this program, each with the reason. An agent that takes
-// the directory over sets them aside. To be asked before that.
+// the directory over quarantines them. Call it before that.
 std::vector<std::string> misfits(const std::string& stateDirectory);
 
 class TableTroubles {
@@ -18,20 +20,27 @@ class TableTroubles {
   // The state outlives it.
   explicit TableTroubles(const AgentState& state) : state_(state) {}
 
-  // Logs which files of the protocols' tables cannot be read, and which of them are gone, since the last look.
+  // Logs which tables of the protocols have become unreadable since the last call, and which are readable again.
   void look();
-  // The same for whatever else is not as it should be, a line each.
-  void othersAre(std::vector<std::string> others);
-  const std::vector<std::string>& others() const { return others_; }
-  // Whether every table that was ever there can be read as its publisher left it. As of the entity manager's last look.
+  // One for each cause. As of the last look().
+  std::vector<Reason> reasons() const;
+  // Whether every table that was ever there can be read as its publisher left it. As of the entity manager's last scan.
   bool canReadAll() const;
 
  private:
-  void lookAt(const std::string& name, const std::string& path);
+  struct Trouble {
+    std::string path;  // relative to the state directory
+    std::string text;  // empty: none
+    bool isBound = false;
+    bool operator==(const Trouble&) const = default;
+  };
+  using Troubles = std::map<std::string, Trouble>;  // by table
+
+  Trouble troubleAt(const std::string& path) const;
+  std::vector<Reason> reasonsOf(const Troubles& troubles) const;
 
   const AgentState& state_;
-  std::map<std::string, std::string> troubles_;  // by path, as logged
-  std::vector<std::string> others_;
+  Troubles troubles_;  // as logged
 };
 
 }  // namespace Agent

@@ -6,8 +6,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <iostream>
 #include <utility>
 
 namespace Agent {
@@ -71,6 +74,18 @@ std::vector<std::string> folded(const std::string& text, std::size_t width) {
 bool isOutputReaderGone() {
   pollfd output{STDOUT_FILENO, POLLOUT, 0};
   return poll(&output, 1, 0) == 1 && (output.revents & POLLERR) != 0;
+}
+
+// The second try is for the system's reason: other calls may have come after the one that failed.
+std::string outputTrouble() {
+  if (std::cout.flush() || isOutputReaderGone()) {
+    return "";
+  }
+  std::cout.clear();
+  errno = 0;
+  std::cout.flush();
+  return std::string("standard output: cannot be written") +
+         (errno == 0 ? "" : std::string(": ") + std::strerror(errno));
 }
 
 Progress::Progress(std::string name, std::uint64_t size)

@@ -29,8 +29,12 @@ std::size_t widthOf(const std::string& text);
 // The text in lines of at most so many characters, parted at blanks. Words are not broken: a longer one stands alone.
 std::vector<std::string> folded(const std::string& text, std::size_t width);
 
-// Whether whoever read standard output has gone away.
+// Whether the process that read standard output has gone away.
 bool isOutputReaderGone();
+
+// Writes the rest of standard output. Returns a message with the reason if that fails; empty: all is written, or the
+// process that reads it has gone away.
+std::string outputTrouble();
 
 // How far the reading of a long file is, on standard error if that is a terminal. Cleared when destroyed.
 class Progress {

@@ -4,6 +4,7 @@
 #include <exception>
 #include <iostream>
 #include <string>
+#include <type_traits>
 
 #include "agent/CommandLine.h"
 #include "agent/Log.h"
@@ -14,15 +15,22 @@
 
 namespace {
 
-int fail(int status, const std::string& reason) {
+// A daemon's last words are lines of its log.
+template <class Command>
+int fail(int status, const std::string& program, const std::string& reason) {
   std::cout.flush();
-  std::cerr << Agent::journalPrefix(Agent::LogLevel::error) << reason << '\n';
+  if constexpr (std::is_same_v<Command, Agent::ServeLoop>) {
+    Agent::log(Agent::LogLevel::error, reason);
+  } else {
+    std::cerr << program << reason << '\n';
+  }
   return status;
 }
 
 // Runs a command over its options.
 template <class Command, class Options>
 int run(const Options& options) {
+  const std::string program = "tunnel-agent: ";
   for (const Fastlog::TraceSetting& trace : options.traces) {
     Fastlog::TraceRegistry::instance().levelIs(trace.source, trace.level);
   }
@@ -30,14 +38,14 @@ int run(const Options& options) {
     Command(options).run();
     return Agent::exitDone;
   } catch (const Agent::ScenarioError& error) {
-    return fail(Agent::exitBadInput, error.what());
+    return fail<Command>(Agent::exitBadInput, "", error.what());
   } catch (const Agent::InputError& error) {
-    return fail(Agent::exitBadInput, std::string("tunnel-agent: ") + error.what());
+    return fail<Command>(Agent::exitBadInput, program, error.what());
   } catch (const Memtab::TableBusy& error) {
-    return fail(Agent::exitCannotWrite,
-                std::string("tunnel-agent: another agent serves this directory: ") + error.what());
+    return fail<Command>(Agent::exitCannotWrite, program,
+                         std::string("another agent serves this directory: ") + error.what());
   } catch (const std::exception& error) {
-    return fail(Agent::exitCannotWrite, std::string("tunnel-agent: ") + error.what());
+    return fail<Command>(Agent::exitCannotWrite, program, error.what());
   }
 }
 

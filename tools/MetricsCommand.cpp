@@ -57,7 +57,8 @@ void writeHistogram(const std::string& name, const char* help, const OrderedJson
 void writeAgent(const OrderedJson& stats) {
   Family("tunnel_agent_info", "gauge", "The agent's version.")
       .value(1, {{"version", stats["version"].get<std::string>()}});
-  Family("tunnel_agent_ready", "gauge", "Whether RIBs and FIB follow the tables.").value(stats["state"] == "ready");
+  Family("tunnel_agent_ready", "gauge", "Whether RIBs and FIB follow the tables, and nothing is degraded.")
+      .value(stats["state"] == "ready");
   Family("tunnel_agent_uptime_seconds", "gauge", "Since the agent's start.").value(stats["uptime"]);
   Family("tunnel_agent_resident_bytes", "gauge", "The agent's memory, shared tables included.")
       .value(stats["residentBytes"]);
@@ -75,8 +76,14 @@ void writeAgent(const OrderedJson& stats) {
       .value(backlog["fibDeferred"]);
   Family("tunnel_agent_held_up", "gauge", "Tunnels and RIB entries that wait for space or for a readable table.")
       .value(backlog["heldUp"]);
-  Family("tunnel_agent_degraded", "gauge", "What is not as it should be, by number of lines in stats.get.")
+  Family("tunnel_agent_degraded", "gauge", "How many reasons there are why the agent is degraded.")
       .value(stats["degraded"].size());
+  if (!stats["degraded"].empty()) {
+    const Family reasons("tunnel_agent_degraded_reason", "gauge", "Each of these reasons, as the log has it.");
+    for (const OrderedJson& reason : stats["degraded"]) {
+      reasons.value(1, {{"reason", reason.get<std::string>()}});
+    }
+  }
   writeHistogram("tunnel_agent_slice_seconds", "How long tasks kept the thread.", stats["slices"]);
   writeHistogram("tunnel_agent_publish_to_fib_seconds",
                  "From a table change found by the agent to the tunnel's FIB entry written.", stats["publishToFib"]);

@@ -26,8 +26,8 @@ int fail(int status, const std::string& reason) {
 int run(const Tools::Action& action) {
   try {
     const int status = action();
-    if (!std::cout.flush() && !Agent::isOutputReaderGone()) {
-      return fail(Tools::exitFailed, "standard output: cannot be written");
+    if (const std::string trouble = Agent::outputTrouble(); !trouble.empty()) {
+      return fail(Tools::exitFailed, trouble);
     }
     return status;
   } catch (const Agent::ScenarioError& error) {

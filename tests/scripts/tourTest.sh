@@ -4,7 +4,7 @@
 #   tests/scripts/tourTest.sh DOCUMENT SOURCE_DIR BIN_DIR
 #
 # Commands are the lines that begin with "$ " in the document's console blocks; they run in one shell, in SOURCE_DIR,
-# with /dev/shm/lab elsewhere. Process ids and durations are not compared. What only looks is asked again until the
+# with /dev/shm/lab elsewhere. Process ids, times and durations are not compared. What only looks is asked again until the
 # agent has caught up with the command before it. The first difference ends the tour.
 set -euo pipefail
 set -m
@@ -19,7 +19,7 @@ rmdir "$scratch"
 lab=/dev/shm/lab
 
 # What may differ between two runs.
-plain() { sed -E "s|$scratch|$lab|g; s/pid [0-9]+/pid N/g; s/[0-9.]+ (s|ms) ago/N ago/g"; }
+plain() { sed -E "s|$scratch|$lab|g; s/pid [0-9]+/pid N/g; s/[0-9.]+ (s|ms) ago/N ago/g; s/^[0-9-]+T[0-9:.]+Z /TIME /"; }
 
 # try COMMAND EXPECTED LINE
 try() {

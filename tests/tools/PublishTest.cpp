@@ -208,11 +208,17 @@ class FullFileSystem : protected Router {
     agent.signal(SIGCONT);
     EXPECT_TRUE(idle.says("trying again every second")) << idle.output();
     EXPECT_TRUE(busy.says("trying again every second")) << busy.output();
-    EXPECT_TRUE(agent.says("No space for tunnelId")) << agentLog();
+    EXPECT_TRUE(agent.says("FIB: no space: " + stateDirectory() + "/tunnel/tunnelFib: cannot grow: No space left on "))
+        << agentLog();
+    EXPECT_TRUE(busy.says("/tunnel/table/ldp: cannot grow from ")) << busy.output();
+    const std::string metrics = ask({"metrics"}).text;
+    EXPECT_NE(metrics.find("\ntunnel_agent_ready 0\n"), std::string::npos) << metrics;
+    EXPECT_NE(metrics.find("degraded_reason{reason=\"FIB: no space: "), std::string::npos) << metrics;
     EXPECT_EQ(publishAll({"--table", "sr"}), 1) << "who does not hold does not wait";
 
     std::filesystem::remove(ballast());
     EXPECT_TRUE(Support::becomes([&] { return fibEntries() == 4 * many + 1; })) << fibEntries() << agentLog();
+    EXPECT_TRUE(agent.says("resolved: FIB: no space: ")) << agentLog();
     EXPECT_TRUE(idle.says("all is well again")) << idle.output();
     EXPECT_TRUE(busy.says("all is well again")) << busy.output();
     EXPECT_TRUE(seen(*this, TableId::staticTable, true).isComplete);

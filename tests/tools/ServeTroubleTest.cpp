@@ -43,7 +43,7 @@ TEST_F(ServeTrouble, aRefusedFileOfItsOwnHidesNoOtherTable) {
     EXPECT_TRUE(Support::becomes([&] { return Fs::exists(at("tunnel/tunnelFib")); })) << agent.output();
     EXPECT_TRUE(hasFibEntries(6)) << agent.output();
     Fs::remove(at(table));
-    EXPECT_TRUE(agent.says("no longer so: state directory: ")) << agent.output();
+    EXPECT_TRUE(agent.says("resolved: state directory: ")) << agent.output();
     EXPECT_TRUE(Support::becomes([&] { return Fs::is_regular_file(at(table)); })) << agent.output();
     agent.stop();
     Fs::remove_all(stateDirectory());
@@ -56,7 +56,7 @@ TEST_F(ServeTrouble, whoCannotBeRungIsReadyAllTheSame) {
   scratch().fileWith("state/.wake-0", "");
   const Support::Process agent = serve();
   EXPECT_TRUE(agent.says("ready: 6 FIB entries")) << agent.output();
-  EXPECT_TRUE(agent.says("nobody can ring the doorbell")) << agent.output();
+  EXPECT_TRUE(agent.says("/.wake-0: cannot be opened as a FIFO: File exists")) << agent.output();
 }
 
 TEST_F(ServeTrouble, aRibThatCannotBeMadeKeepsNoOtherFromBeingMade) {
@@ -64,14 +64,14 @@ TEST_F(ServeTrouble, aRibThatCannotBeMadeKeepsNoOtherFromBeingMade) {
   const std::string one = R"({"rib": "one", "tables": {"ldp": {}}})";
   const std::string two = R"({"rib": "two", "tables": {"ldp": {}}})";
   const Support::Process agent = serve({"--config", ribFile(one + "\n" + two)});
-  ASSERT_TRUE(agent.says("RIB one cannot be made")) << agent.output();
+  ASSERT_TRUE(agent.says("RIB one: cannot be made")) << agent.output();
   ASSERT_EQ(publishLabFile(), 0);
   EXPECT_TRUE(agent.says("ready")) << agent.output();
   EXPECT_TRUE(Support::becomes([&] { return hasRib("two"); })) << agent.output();
   EXPECT_FALSE(hasRib("one"));
   Fs::remove_all(at("tunnel/tunnelRibs/status/1"));
   EXPECT_TRUE(Support::becomes([&] { return hasRib("one"); })) << agent.output();
-  EXPECT_TRUE(agent.says("no longer so: RIB one")) << agent.output();
+  EXPECT_TRUE(agent.says("resolved: RIB one")) << agent.output();
 }
 
 TEST_F(ServeTrouble, manyRibs) {
@@ -147,15 +147,15 @@ TEST_F(ServeTrouble, aNewFileIsNoMendUntilItIsComplete) {
   ASSERT_EQ(publishLabFile(), 0);
   ASSERT_TRUE(hasFibEntries(6)) << agent.output();
   Fs::remove(at("tunnel/table/nexthopGroup"));
-  ASSERT_TRUE(agent.says("table nexthopGroup cannot be read")) << agent.output();
+  ASSERT_TRUE(agent.says("table nexthopGroup: cannot be read")) << agent.output();
   const Support::Process successor = publish({"--table", "nexthopGroup", "-"}, "successor.log");
   successor.tell(R"({"table": "nexthopGroup", "put": {"index": 5, "tep": "2001:db8::5/128", "nexthopGroupId": 8}})"
                  "\n");
-  EXPECT_TRUE(agent.says("was read last: its new file is not complete")) << agent.output();
+  EXPECT_TRUE(agent.says("nexthopGroup: its new file is not complete")) << agent.output();
   EXPECT_EQ(agent.output().find("damage in table tunnel/table/nexthopGroup: its new file"), std::string::npos);
-  EXPECT_EQ(agent.output().find("what could not be read is gone"), std::string::npos) << agent.output();
+  EXPECT_EQ(agent.output().find("readable again"), std::string::npos) << agent.output();
   successor.tell("{\"settle\": true}\n");
-  EXPECT_TRUE(agent.says("table nexthopGroup: what could not be read is gone")) << agent.output();
+  EXPECT_TRUE(agent.says("table nexthopGroup: readable again")) << agent.output();
 }
 
 // Fails if an agent that begins anew goes by a configuration that was refused, or ends because of it.
@@ -168,7 +168,7 @@ TEST_F(ServeTrouble, theConfigurationInForceOutlivesANewBeginning) {
   ASSERT_TRUE(agent.says("the configuration stays as it was")) << agent.output();
   Fs::resize_file(at("tunnel/tunnelFib"), 0);
   scratch().fileWith("state/look", "");  // the directory has changed
-  ASSERT_TRUE(agent.says("beginning anew")) << agent.output();
+  ASSERT_TRUE(agent.says("restarting internally")) << agent.output();
   EXPECT_TRUE(Support::becomes([&] { return hasRib("one") && document()["fib"].size() == 6; })) << agent.output();
   EXPECT_EQ(agent.stop(), 0);
 }

@@ -1,5 +1,9 @@
 // What the agent says when it cannot start, or starts over files that are none of its own.
 
+#include <fcntl.h>
+
+#include <optional>
+
 #include "tests/tools/Router.h"
 
 namespace Tools {
@@ -87,6 +91,17 @@ TEST_F(Start, anotherAgentIsNamedByItsProcess) {
   EXPECT_NE(second.output().find("pid " + std::to_string(agent.pid()) + " (tunnel-agent)"), std::string::npos);
 }
 
+// Fails if an agent that is killed keeps its successor from starting: its locks go with the last of the process.
+TEST_F(Start, anAgentThatIsStillGoingIsWaitedFor) {
+  { ASSERT_TRUE(serve().says("ready")); }
+  std::optional<Memtab::Descriptor> dying(open((stateDirectory() + "/tunnel/tunnelFib").c_str(), O_RDWR | O_CLOEXEC));
+  ASSERT_TRUE(Memtab::lockAlone(dying->get(), 0, 0));
+  const Support::Process agent = serveAs("second.log");
+  ASSERT_TRUE(agent.says(stateDirectory() + ": another agent serves it: ")) << agent.output();
+  dying.reset();
+  EXPECT_TRUE(agent.says("ready")) << agent.output();
+}
+
 // Fails if a file that is no table is passed over in silence, or keeps the agent from its other tables.
 TEST_F(Start, filesOfAnotherLayoutAreNamed) {
   { ASSERT_TRUE(serve().says("ready")); }
@@ -95,12 +110,11 @@ TEST_F(Start, filesOfAnotherLayoutAreNamed) {
   Support::Process agent = serveAs("second.log");
   EXPECT_TRUE(agent.says("ready")) << agent.output();
   EXPECT_NE(agent.output().find(fib + ": "), std::string::npos) << agent.output();
-  EXPECT_NE(agent.output().find("; it is set aside, and a new table takes its place\n"), std::string::npos);
+  EXPECT_NE(agent.output().find("; the file is quarantined, and a new table takes its place\n"), std::string::npos);
   EXPECT_TRUE(std::filesystem::exists(fib + ".aside-1"));
-  EXPECT_NE(agent.output().find("table ldp cannot be read, and is as if absent: " + ldp + ": "), std::string::npos)
-      << agent.output();
+  EXPECT_NE(agent.output().find("table ldp: cannot be read: " + ldp + ": "), std::string::npos) << agent.output();
   ASSERT_EQ(publishAll({scratch().fileWith("one.jsonl", ldp5)}), 0);
-  EXPECT_TRUE(agent.says("table ldp: what could not be read is gone")) << agent.output();
+  EXPECT_TRUE(agent.says("table ldp: readable again")) << agent.output();
   EXPECT_TRUE(Support::becomes([&] { return document()["fib"].size() == 1; })) << agent.output();
 }
 

@@ -2,6 +2,8 @@
 
 #include <sys/stat.h>
 
+#include <regex>
+
 #include "tests/support/NotifySocket.h"
 #include "tests/tools/Router.h"
 
@@ -48,7 +50,7 @@ TEST_P(Notifying, isReadyAfterTheFirstDrainAndAfterEachReload) {
   ASSERT_TRUE(agent.says("configuration read")) << agent.output();
   EXPECT_EQ(socket.seen().find("READY=1"), std::string::npos) << socket.seen();
   ASSERT_EQ(publishAll({line}), 0);
-  EXPECT_EQ(socket.nextWith("READY=1"), "READY=1\nSTATUS=ready: 1 FIB entry\n") << socket.seen();
+  EXPECT_EQ(socket.nextWith("READY=1"), "READY=1\nSTATUS=ready: 1 FIB entry, 1 RIB entry\n") << socket.seen();
   EXPECT_EQ(socket.seen().find("RELOADING"), std::string::npos) << "before it is ready there is nothing to reload";
 
   for (const char* const text : {"{\"rib\": \"a\", \"tables\": {\"ldp\": {}}}", "nonsense"}) {
@@ -66,15 +68,17 @@ TEST_P(Notifying, isReadyAfterTheFirstDrainAndAfterEachReload) {
 INSTANTIATE_TEST_SUITE_P(Addresses, Notifying, testing::Values("notify", "@tunnel-agent-test"),
                          [](const auto& name) { return *name.param == '@' ? "abstract" : "path"; });
 
-// Fails if the level of a message is lost in the journal, or shown where there is none.
-TEST_F(Logging, onlyTheJournalIsToldLevels) {
+// Fails if the level of a message is lost in the journal, if a line elsewhere has no time, or if a line that ends the
+// agent names no program.
+TEST_F(Logging, theJournalGetsLevelsAndOtherOutputsTimes) {
   struct Case {
     const char* line;
     std::uint64_t deviceOff;
     const char* begin;
   };
   for (const Case& c :
-       {Case{"{\"rib\": 1}", 0, "<3>"}, Case{"", 0, "<6>started over "}, Case{"", 1, "tunnel-agent: "}}) {
+       {Case{"{\"rib\": 1}", 0, "<3>/"}, Case{"", 0, "<6>started over "},
+        Case{"{\"rib\": 1}", 1, "TIME tunnel-agent: /"}, Case{"", 1, "TIME tunnel-agent: started over "}}) {
     const std::string log = scratch().fileWith("agent.log", "");
     struct stat facts {};
     ASSERT_EQ(stat(log.c_str(), &facts), 0);
@@ -82,7 +86,8 @@ TEST_F(Logging, onlyTheJournalIsToldLevels) {
     Support::Process agent =
         supervised({"JOURNAL_STREAM=" + stream}, {"--config", scratch().fileWith("rib.jsonl", c.line)});
     ASSERT_TRUE(agent.says("\n"));
-    EXPECT_TRUE(agent.output().starts_with(c.begin)) << agent.output();
+    const std::regex stamp(R"(^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z )");
+    EXPECT_TRUE(std::regex_replace(agent.output(), stamp, "TIME ").starts_with(c.begin)) << agent.output();
   }
 }
 
