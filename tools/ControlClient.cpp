@@ -10,7 +10,6 @@
 #include <chrono>
 #include <cmath>
 #include <cstring>
-#include <filesystem>
 #include <thread>
 #include <utility>
 
@@ -32,7 +31,11 @@ std::string runningAgent(const std::string& stateDirectory) {
   std::optional<std::uint64_t> pid;
   try {
     const StateReading reading(stateDirectory);
-    pid = writerOf(*reading.state().entityManager()->mirror(Agent::fibPath));
+    const Memtab::MirrorStore& fib = *reading.state().entityManager()->mirror(Agent::fibPath);
+    pid = writerOf(fib);
+    if (!pid && !fib.trouble().empty()) {
+      return "no agent answers; whether one runs cannot be found out: " + fib.trouble();
+    }
   } catch (const std::exception&) {  // no tables that can be read
   }
   return pid ? "the agent (pid " + std::to_string(*pid) + ") runs without a control socket, its log says why"
@@ -48,6 +51,9 @@ class Connection {
         seconds_(seconds),
         end_(Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds))),
         fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
+    if (!fd_) {
+      fail(std::string("no socket to connect with: ") + std::strerror(errno));
+    }
     connect(Agent::ControlAddress(stateDirectory));
   }
 
@@ -62,7 +68,7 @@ class Connection {
       } else if (errno == EPIPE || errno == ECONNRESET) {
         return;
       } else if (errno != EINTR) {
-        fail(std::strerror(errno));
+        fail(std::string("the request cannot be sent: ") + std::strerror(errno));
       }
     }
   }
@@ -82,8 +88,10 @@ class Connection {
         }
       } else if (got < 0 && errno == EAGAIN) {
         await(POLLIN);
-      } else if (got == 0 || errno != EINTR) {
+      } else if (got == 0 || errno == ECONNRESET) {
         fail("the agent hung up");
+      } else if (errno != EINTR) {
+        fail(std::string("the answer cannot be read: ") + std::strerror(errno));
       }
     }
   }
@@ -97,16 +105,13 @@ class Connection {
         case ENOENT:
         case ECONNREFUSED:
           fail(runningAgent(stateDirectory_));
-        case EACCES:
-        case EPERM:
-          fail("permission denied");
         case EAGAIN:  // the queue of those who wait to be let in is full
           await(0);
           break;
         case EINTR:
           break;
         default:
-          fail(std::strerror(errno));
+          fail(std::string("cannot connect: ") + std::strerror(errno));
       }
     }
   }
@@ -146,10 +151,8 @@ class Connection {
 
 ControlClient::ControlClient(std::string stateDirectory, double seconds)
     : stateDirectory_(std::move(stateDirectory)), seconds_(seconds) {
-  std::error_code error;
-  if (!std::filesystem::is_directory(stateDirectory_, error)) {
-    throw std::runtime_error(Agent::printable(stateDirectory_, 200) + ": no such state directory" +
-                             (error && error.value() != ENOENT ? ", " + error.message() : ""));
+  if (!isDirectory(stateDirectory_)) {
+    throw std::runtime_error(Agent::printable(stateDirectory_, 200) + ": no such state directory");
   }
 }
 

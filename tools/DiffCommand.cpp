@@ -59,7 +59,8 @@ Members membersOf(const Agent::Json& document) {
 // A file with a document, "-" for standard input, or a state directory, which is read now. status: exitFailed when not
 // all of it can be read.
 std::string documentText(const std::string& name, bool isJson, int& status) {
-  if (std::filesystem::is_directory(name)) {
+  std::error_code unknown;  // opening it then says why
+  if (std::filesystem::is_directory(name, unknown)) {
     StateReading reading(name);
     reading.status();
     std::ostringstream text;

@@ -29,7 +29,8 @@ bool canBeReadTwice(const std::string& path) {
 }  // namespace
 
 void PublishCommand::run() {
-  const bool isNewDirectory = !std::filesystem::exists(options_.stateDirectory);
+  std::error_code unknown;
+  const bool isNewDirectory = !std::filesystem::exists(options_.stateDirectory, unknown) && !unknown;
   publish();
   if (isNewDirectory && !published_.empty()) {
     tellNote(Agent::printable(options_.stateDirectory, 200) + ": made, there was no such directory", options_.isJson);

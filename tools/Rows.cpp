@@ -1,5 +1,6 @@
 #include "tools/Rows.h"
 
+#include <iostream>
 #include <limits>
 #include <utility>
 
@@ -62,8 +63,8 @@ void Rows::end() {
     return;
   }
   flush();
-  if (count_ == 0) {
-    out_ << (isCut_ ? "" : "none\n");
+  if (count_ == 0 && !isCut_) {
+    std::cerr << "none\n";  // no row: a program that reads the rows gets nothing
   }
   if (isCut_) {
     out_ << "there are more: --after " << lastKey_ << '\n';

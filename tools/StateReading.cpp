@@ -13,12 +13,10 @@ namespace {
 
 const std::string& existing(const std::string& directory) {
   Memtab::corruptionDirectoryIs("/dev/null");  // who asks is told of damage; a question leaves no files
-  std::error_code error;
-  if (!std::filesystem::is_directory(directory, error)) {
-    throw std::runtime_error(Agent::printable(directory, 200) + ": no such state directory" +
-                             (error && error.value() != ENOENT ? ", " + error.message() : ""));
+  if (!isDirectory(directory)) {
+    throw std::runtime_error(Agent::printable(directory, 200) + ": no such state directory");
   }
-  if (!std::filesystem::is_directory(directory + "/tunnel", error)) {
+  if (!isDirectory(directory + "/tunnel")) {
     throw std::runtime_error(Agent::printable(directory, 200) + ": no tables in it");
   }
   return directory;
@@ -40,6 +38,16 @@ std::uint64_t corruptionsIn(const Zol::Ptr<Zol::Entity>& entity) {
 std::string customRibPath(Model::TunnelRibId id) { return Model::tunnelRibStatusPathPrefix + std::to_string(id); }
 
 }  // namespace
+
+bool isDirectory(const std::string& path) {
+  std::error_code error;
+  const bool exists = std::filesystem::is_directory(path, error);
+  if (error && error != std::errc::no_such_file_or_directory && error != std::errc::not_a_directory) {
+    throw std::runtime_error("state directory: its tables cannot be read: " + Agent::printable(path, 200) + ": " +
+                             error.message() + "; root and members of the directory's group can read them");
+  }
+  return exists;
+}
 
 StateReading::StateReading(const std::string& directory)
     : state_(Zol::make<Statehub::EntityManager>(existing(directory)), Statehub::Access::read) {}

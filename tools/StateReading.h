@@ -18,6 +18,10 @@ struct TableFile {
   const Memtab::MirrorStore* mirror;
 };
 
+// Whether the directory exists. Raises runtime_error when that cannot be found out: a missing permission is no lost
+// state.
+bool isDirectory(const std::string& path);
+
 class StateReading {
  public:
   // Raises runtime_error when there is no such directory, or nothing in it. Nothing but the mounts is done here: O(1)

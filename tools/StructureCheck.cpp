@@ -224,7 +224,10 @@ class StructureCheck {
         continue;  // the tunnels may be those of the other two tables
       }
       if (file.mirror->isBound()) {
-        add(file.name, "its writer has not called it complete");
+        const auto writer = writerOf(*file.mirror);
+        add(file.name, file.path + ": incomplete: " +
+                           (writer ? "publisher pid " + std::to_string(*writer) + " has not completed it"
+                                   : "its publisher has gone without completing it"));
       } else {
         add(file.name, standing == "absent" ? file.path + ": no such table" : standing);
       }

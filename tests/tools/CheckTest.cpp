@@ -185,8 +185,8 @@ const std::vector<Damage> damages = {
        entry.addTunnelId(id("ldpTunnel/1"));
        state.protocolRibs()->protocolTunnelRib(Model::TunnelType::srTunnel)->tunnelRib()->entryIs(entry);
      })},
-    {__LINE__, "fib", "has not called it complete", header("tunnel/tunnelFib", Memtab::readyAt, 0)},
-    {__LINE__, "ldp", "has not called it complete", header("tunnel/table/ldp", Memtab::readyAt, 0)},
+    {__LINE__, "fib", "without completing it", header("tunnel/tunnelFib", Memtab::readyAt, 0)},
+    {__LINE__, "ldp", "without completing it", header("tunnel/table/ldp", Memtab::readyAt, 0)},
     {__LINE__, "ldp", "its header counts 77", header("tunnel/table/ldp", Memtab::entriesAt, 77)},
     {__LINE__, "fib", "its header counts 77", header("tunnel/tunnelFib", Memtab::entriesAt, 77)},
     {__LINE__, "ldp", "magic number is", header("tunnel/table/ldp", Memtab::magicAt, 77)},
