@@ -4,6 +4,7 @@
 
 #include "tunnel_table_sm/TunnelFibSm.h"
 #include "tunnel_table_sm/TunnelRibConfigDirSm.h"
+#include "tunnel_table_sm/TunnelTracing.h"
 
 namespace Agent {
 
@@ -20,6 +21,7 @@ AgentHost::AgentHost(const Quor::TimeSource& time, Quor::SlicePolicy& slicePolic
       tableInfos_(below<Model::TunnelTableInfoCollection>("tableInfo")),
       ribConfigs_(below<Model::TunnelRibConfigDir>("ribConfig")),
       bgpLuConvergence_(below<Model::BgpLuConvergence>("bgpLuConvergence")) {
+  Tunnel::fastlogDirectoryIs("");  // questions and runs have a trace file if the environment names one
   for (const TableId table : allTables()) {
     isMountedIs(table, true);
   }

@@ -13,6 +13,7 @@
 #include "agent/AgentStats.h"
 #include "agent/InputError.h"
 #include "agent/Log.h"
+#include "agent/Tracing.h"
 #include "runtime/Memtab/CorruptionException.h"
 #include "runtime/Memtab/NoSpaceWitness.h"
 
@@ -130,6 +131,7 @@ ServeCommand::ServeCommand(ServeOptions options, ConfigInForce& config)
       status_(host_, host_.scheduler()),
       declaration_(statusTable<BgpLuDeclaration>(*host_.entityManager(), bgpLuDeclarationPath, Statehub::Access::read)),
       loop_(host_.scheduler()) {
+  openTraceFile(options_.stateDirectory);
   for (const std::string& misfit : misfits_) {
     log(LogLevel::warning, misfit + "; the file is quarantined, and a new table takes its place");
   }
