@@ -5,6 +5,7 @@
 
 #include "agent/CommandPages.h"
 #include "agent/CommandParser.h"
+#include "agent/Tracing.h"
 
 namespace Agent {
 namespace {
@@ -23,7 +24,7 @@ void addTraceOption(const Command& app, std::vector<std::string>& traces) {
   app.option("--trace", traces, "Trace a source to standard error up to LEVEL (0 to 9); * is all sources")
       .repeatable()
       .word("SOURCE=LEVEL")
-      .check(parsedBy<Zol::Exception>([](const std::string& text) { Fastlog::TraceSetting::parse(text); }));
+      .check(parsedBy<Zol::Exception>(readTraceSetting));
 }
 
 void addTunnelIds(const Command& app, const char* name, std::vector<std::string>& ids, const char* help) {

@@ -1,21 +1,19 @@
 #include "agent/ControlMethods.h"
 
 #include <algorithm>
-#include <memory>
-#include <set>
 #include <sstream>
 #include <vector>
 
 #include "agent/InputError.h"
 #include "agent/Log.h"
+#include "agent/Tracing.h"
 #include "runtime/Fastlog/TraceRegistry.h"
-#include "runtime/Fastlog/TraceSetting.h"
+#include "tunnel_table_sm/TunnelTracing.h"
 
 namespace Agent {
 namespace {
 
 constexpr std::size_t settingsMax = 64;
-constexpr std::size_t sourceBytesMax = 64;
 
 void takeOnly(const JsonField& params, std::initializer_list<const char*> known) {
   params.forEachMember([&](const std::string& key, const JsonField& field) {
@@ -74,70 +72,35 @@ OrderedJson configApply(ControlTarget& target, const JsonField& params) {
   return result;
 }
 
-// Levels can be set before a source makes its first line. Of names that are no source yet only so many are remembered:
-// they cost memory, and most are misspelt.
-class TraceLevels {
- public:
-  OrderedJson get() {
-    const auto sources = Fastlog::TraceRegistry::instance().sources();
-    OrderedJson list = OrderedJson::array();
-    for (const auto& [source, level] : sources) {
-      list.push_back({{"source", source}, {"level", level}});
-      early_.erase(source);
-    }
-    OrderedJson early = OrderedJson::array();
-    for (const std::string& source : early_) {
-      early.push_back({{"source", source}, {"level", Fastlog::TraceRegistry::instance().level(source)}});
-    }
-    return {{"default", Fastlog::TraceRegistry::instance().level("*")},
-            {"sources", std::move(list)},
-            {"early", std::move(early)}};
+OrderedJson traceGet() {
+  const Fastlog::TraceRegistry& registry = Fastlog::TraceRegistry::instance();
+  OrderedJson sources = OrderedJson::array();
+  for (const char* const source : Tunnel::traceSources) {
+    sources.push_back({{"source", source}, {"level", registry.level(source)}});
   }
+  return {{"default", registry.level("*")}, {"sources", std::move(sources)}};
+}
 
-  OrderedJson set(const JsonField& params) {
-    takeOnly(params, {"settings"});
-    std::vector<Fastlog::TraceSetting> settings;
-    std::set<std::string> early = early_;
-    const JsonField list = params.member("settings");
-    list.forEachElement(settingsMax, "settings", [&](const JsonField& field) {
-      settings.push_back(read(field));
-      if (settings.back().source == "*") {
-        early.clear();
-      } else if (!isSource(settings.back().source)) {
-        early.insert(settings.back().source);
-        field.require(early.size() <= settingsMax, "too many levels for sources that there are not");
-      }
-    });
-    early_ = std::move(early);
-    for (const Fastlog::TraceSetting& setting : settings) {
-      Fastlog::TraceRegistry::instance().levelIs(setting.source, setting.level);
-      log(LogLevel::info, "trace " + printable(setting.source) + "=" + std::to_string(setting.level));
-    }
-    return get();
-  }
-
- private:
-  static Fastlog::TraceSetting read(const JsonField& field) {
+OrderedJson traceSet(const JsonField& params) {
+  takeOnly(params, {"settings"});
+  std::vector<Fastlog::TraceSetting> settings;
+  params.member("settings").forEachElement(settingsMax, "settings", [&](const JsonField& field) {
     try {
-      const Fastlog::TraceSetting setting = Fastlog::TraceSetting::parse(field.text());
-      field.require(setting.source.size() <= sourceBytesMax, "a source's name of more than 64 bytes");
-      return setting;
+      settings.push_back(readTraceSetting(field.text()));
     } catch (const Zol::Exception& error) {
       field.fail(error.what());
     }
+  });
+  for (const Fastlog::TraceSetting& setting : settings) {
+    Fastlog::TraceRegistry::instance().levelIs(setting.source, setting.level);
+    log(LogLevel::info, "trace " + setting.source + "=" + std::to_string(setting.level));
   }
-  static bool isSource(const std::string& name) {
-    const auto sources = Fastlog::TraceRegistry::instance().sources();
-    return std::any_of(sources.begin(), sources.end(), [&](const auto& each) { return each.first == name; });
-  }
-
-  std::set<std::string> early_;  // names that were set before there was such a source
-};
+  return traceGet();
+}
 
 }  // namespace
 
 RpcMethods controlMethods(ControlTarget& target) {
-  const auto levels = std::make_shared<TraceLevels>();
   const auto withoutParams = [](auto method) {
     return [method](const JsonField& params) {
       takeOnly(params, {});
@@ -146,8 +109,8 @@ RpcMethods controlMethods(ControlTarget& target) {
   };
   return {{"config.get", withoutParams([&target] { return configGet(target); })},
           {"config.apply", [&target](const JsonField& params) { return configApply(target, params); }},
-          {"trace.get", withoutParams([levels] { return levels->get(); })},
-          {"trace.set", [levels](const JsonField& params) { return levels->set(params); }},
+          {"trace.get", withoutParams(traceGet)},
+          {"trace.set", traceSet},
           {"stats.get", withoutParams([&target] { return target.stats(); })}};
 }
 

@@ -8,7 +8,7 @@
 #include "agent/Columns.h"
 #include "agent/ControlSocket.h"
 #include "agent/InputError.h"
-#include "runtime/Fastlog/TraceSetting.h"
+#include "agent/Tracing.h"
 #include "tools/ControlClient.h"
 #include "tools/ControlCommands.h"
 #include "tools/StateReading.h"
@@ -100,17 +100,9 @@ int writeLevels(const ControlOptions& options, const OrderedJson& levels) {
     return exitDone;
   }
   Agent::Columns columns;
-  const auto add = [&](const OrderedJson& each, const char* note) {
-    columns.row(
-        {Agent::printable(each["source"].get<std::string>()), std::to_string(each["level"].get<unsigned>()), note});
-  };
   columns.row({"source", "level"});
-  columns.row({"*", std::to_string(levels["default"].get<unsigned>()), "sources to come"});
   for (const OrderedJson& each : levels["sources"]) {
-    add(each, "");
-  }
-  for (const OrderedJson& each : levels["early"]) {
-    add(each, "no such source yet");
+    columns.row({Agent::printable(each["source"].get<std::string>()), std::to_string(each["level"].get<unsigned>())});
   }
   columns.write(std::cout, "");
   return exitDone;
@@ -119,7 +111,7 @@ int writeLevels(const ControlOptions& options, const OrderedJson& levels) {
 int setTrace(const ControlOptions& options, const std::vector<std::string>& settings) {
   for (const std::string& setting : settings) {
     try {
-      Fastlog::TraceSetting::parse(setting);
+      Agent::readTraceSetting(setting);
     } catch (const Zol::Exception& error) {
       throw Agent::InputError("'" + Agent::printable(setting) + "'", error.what());
     }

@@ -8,8 +8,7 @@
 namespace Tools {
 namespace {
 
-constexpr const char* levelsForm = R"({"default": 0, "sources": [{"source": "", "level": 0}],
-                                       "early": [{"source": "", "level": 0}]})";
+constexpr const char* levelsForm = R"({"default": 0, "sources": [{"source": "", "level": 0}]})";
 
 constexpr ControlMethod methods[] = {
     {"config.get", false, R"({"source": "", "ribs": [{}]})"},
