@@ -53,7 +53,8 @@ function(floor_program NAME)
 endfunction()
 
 # floor_tests(NAME FOLDER folder DEPENDS target... [PRECOMPILED header...]): one GoogleTest executable, and one ctest entry, of all sources
-# below FOLDER. It sees the floors it depends on, its own folder and tests/support.
+# below FOLDER. It sees the floors it depends on, its own folder and tests/support. The entry fails if a file is left in
+# the directory for temporary files.
 function(floor_tests NAME)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "FOLDER" "DEPENDS;PRECOMPILED")
   file(GLOB_RECURSE sources CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/${arg_FOLDER}/*.cpp")
@@ -73,7 +74,8 @@ function(floor_tests NAME)
   endif()
   target_compile_definitions(${NAME} PRIVATE
       TEST_DATA_DIR="${PROJECT_SOURCE_DIR}/tests/data" EXAMPLES_DIR="${PROJECT_SOURCE_DIR}/examples")
-  add_test(NAME ${NAME} COMMAND ${NAME} --gtest_brief=1)
+  add_test(NAME ${NAME}
+           COMMAND "${PROJECT_SOURCE_DIR}/tests/scripts/leavesNothing.sh" $<TARGET_FILE:${NAME}> --gtest_brief=1)
 endfunction()
 
 # floor_test_program(NAME DEFINITION PROGRAM): lets tests NAME run a built PROGRAM, whose path is in DEFINITION.

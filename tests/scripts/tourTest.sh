@@ -12,7 +12,6 @@ set -m
 document=$1
 cd "$2"
 PATH=$3:$PATH
-export FASTLOG_DISABLE=1
 scratch=$(mktemp -d /dev/shm/XXX) # as long as /dev/shm/lab, for the width of columns
 trap 'kill -9 $(jobs -p) 2>/dev/null || true; wait 2>/dev/null; rm -rf "$scratch" "$scratch".*' EXIT
 rmdir "$scratch"

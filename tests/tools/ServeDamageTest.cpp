@@ -7,6 +7,7 @@
 #include <functional>
 
 #include "runtime/Memtab/Layout.h"
+#include "tests/support/EnvironmentVariable.h"
 #include "tests/tools/Played.h"
 
 namespace Tools {
@@ -137,8 +138,7 @@ std::vector<Spoiling> noticed() {
 
 class ServeDamage : public testing::TestWithParam<Spoiling>, protected Router {
  protected:
-  ServeDamage() { setenv("TMPDIR", (scratch() / "").c_str(), 1); }
-  ~ServeDamage() override { unsetenv("TMPDIR"); }
+  const Support::EnvironmentVariable temporaryDirectory_{"TMPDIR", scratch() / ""};
 
   int publishLines(const std::string& lines) const { return publishAll({scratch().fileWith("lines.jsonl", lines)}); }
   OrderedJson playedOf(const std::string& lines) const {

@@ -2,6 +2,7 @@
 #include <optional>
 #include <random>
 
+#include "tests/support/EnvironmentVariable.h"
 #include "tests/support/Seeds.h"
 #include "tests/tools/Lab.h"
 #include "tests/tools/Played.h"
@@ -17,8 +18,7 @@ enum class Scene : unsigned { nobody, nobodyForLong, agent };
 
 class ServeFlip : public testing::Test, protected Lab {
  protected:
-  ServeFlip() { setenv("TMPDIR", (scratch() / "").c_str(), 1); }
-  ~ServeFlip() override { unsetenv("TMPDIR"); }
+  const Support::EnvironmentVariable temporaryDirectory_{"TMPDIR", scratch() / ""};
 
   void restore() const {
     std::filesystem::remove_all(stateDirectory());

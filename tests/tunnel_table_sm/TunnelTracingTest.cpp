@@ -5,9 +5,11 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <list>
 
 #include "runtime/Fastlog/RingFile.h"
 #include "runtime/Fastlog/RingReader.h"
+#include "tests/support/EnvironmentVariable.h"
 #include "tests/support/FibScene.h"
 #include "tests/support/Process.h"
 #include "tunnel_table_sm/TunnelTracing.h"
@@ -17,27 +19,18 @@ namespace {
 
 using TunnelTable::FibScene;
 
-// The environment of a test, put back when it ends.
+// The environment of a test, restored at its end.
 class Environment {
  public:
   explicit Environment(const std::map<std::string, std::string>& variables) {
     for (const char* name : {"FASTLOG_DISABLE", "FLFILE", "FASTLOGDIR", "TMPDIR"}) {
-      const char* const value = std::getenv(name);
-      before_[name] = value == nullptr ? std::nullopt : std::optional<std::string>(value);
-      unsetenv(name);
-    }
-    for (const auto& [name, value] : variables) {
-      setenv(name.c_str(), value.c_str(), 1);
-    }
-  }
-  ~Environment() {
-    for (const auto& [name, value] : before_) {
-      value ? setenv(name.c_str(), value->c_str(), 1) : unsetenv(name.c_str());
+      const auto given = variables.find(name);
+      variables_.emplace_back(name, given == variables.end() ? std::nullopt : std::optional(given->second));
     }
   }
 
  private:
-  std::map<std::string, std::optional<std::string>> before_;
+  std::list<Support::EnvironmentVariable> variables_;
 };
 
 TEST(TunnelTracing, fileNames) {
