@@ -1,5 +1,6 @@
-// IpGenPrefix: an IPv4 or IPv6 prefix, host bits clear. The default is 0.0.0.0/0, "the zero prefix", which names no
-// tunnel endpoint. Sorts by address, then by length, shorter first. Text is the address, a slash and the length.
+// IpGenPrefix: an IPv4 or IPv6 prefix, host bits clear. 0.0.0.0/0, the default, and ::/0 are "the zero prefix", which
+// names no tunnel endpoint. Sorts by address, then by length, shorter first. Text is the address, a slash and the
+// length.
 #pragma once
 
 #include <compare>
@@ -30,7 +31,7 @@ class IpGenPrefix {
     return address.family() == address_.family() && address.masked(length_) == address_;
   }
 
-  bool operator!() const { return *this == IpGenPrefix(); }
+  bool operator!() const { return length_ == 0; }
   std::uint32_t hash() const;
   // The hash of the prefix with these encoded bytes, whether or not they are one.
   static std::uint32_t hashOfEncoded(std::span<const std::byte> bytes);
