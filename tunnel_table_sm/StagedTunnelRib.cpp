@@ -35,66 +35,85 @@ StagedTunnelRib::Staged* StagedTunnelRib::find(const Ipkit::IpGenPrefix& tep) {
   return at == touched_.end() ? nullptr : &*at;
 }
 
+bool StagedTunnelRib::stageKept(const Ipkit::IpGenPrefix& tep, Zol::HashCollection<Ipkit::IpGenPrefix, Staged>& all) {
+  Staged* const kept = all.empty() ? nullptr : all.find(tep);
+  if (kept == nullptr) {
+    return false;
+  }
+  Staged& staged = touched_.emplace_back(std::move(*kept));
+  all.erase(tep);
+  staged.kept = staged.now;
+  staged.isHeld = false;
+  return true;
+}
+
 bool StagedTunnelRib::stage(const Ipkit::IpGenPrefix& tep) {
-  if (Staged* const kept = unwritten_.empty() ? nullptr : unwritten_.find(tep)) {
-    touched_.push_back(std::move(*kept));
-    unwritten_.erase(tep);
+  if (stageKept(tep, unwritten_[0]) || stageKept(tep, unwritten_[1]) || stageKept(tep, held_)) {
     return true;
   }
   Staged& staged = touched_.emplace_back();
   staged.tep = tep;
   try {
-    rib_->read(tep, staged.standing);
+    rib_->read(tep, staged.stored);
   } catch (const Memtab::CorruptionException& damage) {
     rib_->corruptionDetected(damage.what());
     staged.isDamaged = true;
   }
-  staged.now = staged.standing;
+  staged.now = staged.stored;
   return !staged.isDamaged;
 }
 
-// Who hears of a write may come back for another review: what is staged leaves first.
+// A watcher of the table may cause another review: the staged entries leave first.
 void StagedTunnelRib::write() {
   std::vector<Staged> touched;
   touched.swap(touched_);
   for (Staged& each : touched) {
-    try {
+    if (each.isHeld) {
+      held_.insertOrAssign(each.tep, std::move(each));
+    } else if (!each.isInTable() && each.now.tunnelIds() != 0 && !unwritten_[0].empty()) {
+      unwritten_[1].insertOrAssign(each.tep, std::move(each));  // replacements come first
+    } else {
       write(each);
-    } catch (const Memtab::NoSpace& full) {
-      FASTLOG_TRACE(3, "No space for tep " << each.tep << " in rib id " << rib_->id() << ": " << full.what());
-      if (unwritten_.empty()) {
-        static Fastlog::RingMessage message("TunnelRibBuilderSm", __LINE__, "No space for tep %s in rib id %i: %s");
-        message.write(Zol::stringOf(each.tep), rib_->id(), full.what());
-      }
-      unwritten_.insertOrAssign(each.tep, std::move(each));
     }
   }
   touched.clear();
   touched_.swap(touched);  // keeps the memory
 }
 
-void StagedTunnelRib::write(const Staged& staged) {
-  if (staged.now.tunnelIds() == 0) {
-    if (staged.isDamaged || staged.standing.tunnelIds() != 0) {
-      rib_->entryDel(staged.tep);
-      FASTLOG_TRACE(5, "tep " << staged.tep << " withdrawn from ribId " << rib_->id());
+bool StagedTunnelRib::write(Staged& staged) {
+  try {
+    if (staged.now.tunnelIds() == 0) {
+      if (staged.isInTable() && rib_->entryDel(staged.tep)) {
+        isSpaceReleased_ = true;
+        FASTLOG_TRACE(5, "tep " << staged.tep << " withdrawn from ribId " << rib_->id());
+      }
+    } else if (staged.isDamaged || !isSame(staged.stored, staged.now)) {
+      rib_->entryIs(staged.now);
+      isSpaceReleased_ = staged.now.tunnelIds() < staged.stored.tunnelIds() || isSpaceReleased_;
     }
-  } else if (staged.isDamaged || !isSame(staged.standing, staged.now)) {
-    rib_->entryIs(staged.now);
+    return true;
+  } catch (const Memtab::NoSpace& full) {
+    FASTLOG_TRACE(3, "No space for tep " << staged.tep << " in rib id " << rib_->id() << ": " << full.what());
+    if (unwritten() == 0) {
+      static Fastlog::RingMessage message("TunnelRibBuilderSm", __LINE__, "No space for tep %s in rib id %i: %s");
+      message.write(Zol::stringOf(staged.tep), rib_->id(), full.what());
+    }
+    unwrittenLike(staged).insertOrAssign(staged.tep, std::move(staged));
+    return false;
   }
 }
 
-bool StagedTunnelRib::writeNext() {
-  auto it = unwritten_.from(next_);
+bool StagedTunnelRib::writeNext(Unwritten& kind) {
+  auto it = kind.from(kind.next);
   if (!it) {
-    it = unwritten_.begin();
+    it = kind.begin();
   }
+  Staged staged = std::move(it.value());
   const Ipkit::IpGenPrefix tep = it.key();
   ++it;
-  next_ = it ? it.key() : Ipkit::IpGenPrefix();
-  stage(tep);
-  write();
-  return !unwritten_.has(tep);
+  kind.next = it ? it.key() : Ipkit::IpGenPrefix();
+  kind.erase(tep);
+  return write(staged);
 }
 
 }  // namespace Tunnel::TunnelTable

@@ -17,7 +17,6 @@ constexpr auto preferenceSignature =
     "void Tunnel::TunnelTable::TunnelRibBuilderSm::handlePreference(const Tunnel::TunnelTable::TunnelId&)";
 constexpr auto initializedSignature = "virtual void Tunnel::TunnelTable::TunnelRibBuilderSm::handleInitialized()";
 constexpr Quor::TaskPriority reviewPriority = 2;
-constexpr double retryDelay = 1;  // seconds
 
 }  // namespace
 
@@ -55,6 +54,7 @@ void TunnelRibBuilderSm::handleInitialized() {
   FASTLOG_TRACE(8, initializedSignature);
   ZOL_ASSERT(areSmTypesRegistered());
   taskIs(scheduler_, reviewPriority, "TunnelRibsm");
+  retryTask_.emplace(*this, &TunnelRibBuilderSm::retryHeldUp, scheduler_, reviewPriority, "TunnelRibsm retry");
   internalTunnelRib_ = Zol::make<InternalTunnelRib>();
   removeStaleEntries(tunnelRib_);
   verifyProtoTunnelRibColl();
@@ -62,10 +62,8 @@ void TunnelRibBuilderSm::handleInitialized() {
   deadline_.timeMinIs(Quor::Clock::never);
   handleBgpLuConverged();
   initialized_ = true;
-  if (!tunnelForReview_.empty() || heldUp() != 0) {
-    scheduleTunnelReview();
-  } else {
-    tablesChanged_ = false;
+  if (heldUp() != 0) {
+    retryTask_->scheduleTaskLowestDelay(heldUpRetryDelay);
   }
 }
 
@@ -75,10 +73,12 @@ void TunnelRibBuilderSm::taskIs(const Zol::Ptr<Quor::TaskScheduler>& scheduler, 
 }
 
 void TunnelRibBuilderSm::handleTunnelTableEntity(const std::string& name) {
-  tablesChanged_ = true;
   TableEntrySm::handleTunnelTableEntity(name);
-  // BGP may have converged before its table was mounted.
-  if (initialized_ && name == "bgpLu" && tunnelTableEntities()->bgpLuTable()) {
+  if (!undecided_.empty()) {
+    retryTask_->scheduleTask();  // the new table may be readable
+  }
+  // BGP may have converged before its table was mounted; without the table nothing is announced.
+  if (initialized_ && name == "bgpLu") {
     handleBgpLuConverged();
   }
 }
@@ -86,7 +86,7 @@ void TunnelRibBuilderSm::handleTunnelTableEntity(const std::string& name) {
 void TunnelRibBuilderSm::handleTunnelTableEntry(const TunnelId& tunnelId, TunnelTableIdentifier, bool isDeletion) {
   FASTLOG_TRACE(8, "handleTunnelTableEntry"
                        << " tunnel ID " << tunnelId << ", isDeletion " << isDeletion << " for rib id " << ribId());
-  tunnelForReviewIs(tunnelId);
+  tunnelForReviewIs(tunnelId, isDeletion);
   if (waitingToNotifyConverged_) {
     maybeUpdateTunnelRibConvergenceSeqno();
   }
@@ -97,14 +97,16 @@ void TunnelRibBuilderSm::handleUnprogrammableEntry(const TunnelId& tunnelId) {
   handleTunnelTableEntry(tunnelId, TunnelTableIdentifier::none, false);
 }
 
-// The flag only reaches the trace, where its sense has always been the wrong way round.
+// The flag only reaches the trace, where its sense has always been the wrong way round. The tunnel may be about to
+// reach an endpoint in any case.
 void TunnelRibBuilderSm::handlePreference(const TunnelId& tunnelId) {
   FASTLOG_TRACE(8, preferenceSignature);
+  tunnelForReviewIs(tunnelId);
   handleTunnelTableEntry(tunnelId, TunnelTableIdentifier::none, filter_->preferenceHas(tunnelId));
 }
 
-void TunnelRibBuilderSm::tunnelForReviewIs(const TunnelId& tunnelId) {
-  if (tunnelForReview_.insert(tunnelId).second) {
+void TunnelRibBuilderSm::tunnelForReviewIs(const TunnelId& tunnelId, bool isDeletion) {
+  if (backlog_.add(tunnelId, !isDeletion)) {
     scheduleTunnelReview();
   }
 }
@@ -121,31 +123,25 @@ void TunnelRibBuilderSm::scheduleTunnelReview() {
 }
 
 void TunnelRibBuilderSm::drainTunnelBacklog() {
-  // Readers of the RIB are told of every write and may replace this very builder: it stays until the drain is over, and
-  // from then on writes nothing more.
+  // A watcher of the RIB is notified of every write and may replace this builder. It stays until the drain is over, and
+  // writes nothing more.
   const Zol::Ptr<TunnelRibBuilderSm> self(this);
   FASTLOG_TRACE(8, "drainTunnelBacklog"
-                       << ": " << tunnelForReview_.size() << " backlog entries for rib " << ribId());
+                       << ": " << backlog_.ids().size() << " backlog entries for rib " << ribId());
   std::size_t reviewed = 0;
-  for (auto unreadable = unreadable_.begin(); unreadable; ++unreadable) {
-    tunnelForReview_.insert(unreadable.key());
-  }
-  unreadable_.clear();
-  bool yields = writeUnwritten();
-  auto it = tunnelForReview_.from(tunnelReviewBookmark_);
-  while (reacts() && !yields && !tunnelForReview_.empty()) {
-    if (!it) {
-      it = tunnelForReview_.begin();
+  bool yields = false;
+  auto it = backlog_.ids().from(tunnelReviewBookmark_);
+  while (reacts() && !yields && !isDrained()) {
+    if (!vacated_.empty()) {
+      reviewed += settleVacated() ? 1U : 0U;
+    } else {
+      if (!it) {
+        it = backlog_.ids().begin();
+      }
+      reviewed += reviewWaiting(TunnelId(it.key())) ? 1U : 0U;
+      ++it;
     }
-    const TunnelId id = it.key();
-    tunnelForReviewDel(id);  // first: the review itself may file the tunnel again
-    updateTunnelRibEntry(id);
-    ++reviewed;
-    ++it;
-    yields = task_->taskShouldYield();
-  }
-  if (!yields) {
-    sweepHeld();
+    yields = (isSpaceReleased_ && writeUnwritten(*task_, true)) || task_->taskShouldYield();
   }
   if (!reacts()) {
     return;
@@ -155,52 +151,32 @@ void TunnelRibBuilderSm::drainTunnelBacklog() {
                          << ": Yielding");
     tunnelReviewBookmark_ = it ? it.key() : TunnelId();
   }
-  const std::size_t remaining = tunnelForReview_.size();
+  const std::size_t remaining = backlog_.ids().size();
   FASTLOG_TRACE(6, "drainTunnelBacklog"
                        << ": Reviewed " << reviewed << " tunnels. " << remaining << " remain in the backlog for rib "
                        << ribId());
   task_->taskWorkCountInc(reviewed);
-  task_->taskWorkPendingIs(remaining + held_.size() + heldUp());
-  if (remaining + held_.size() != 0 || (yields && heldUp() != 0)) {
+  task_->taskWorkPendingIs(remaining + vacated_.size());
+  if (heldUp() != 0) {
+    retryTask_->scheduleTaskLowestDelay(heldUpRetryDelay);
+  }
+  if (!isDrained()) {
     scheduleTunnelReview();
     return;
   }
-  tablesChanged_ = false;
   tunnelReviewBookmark_ = TunnelId();
-  if (heldUp() != 0) {
-    task_->scheduleTaskLowestDelay(retryDelay);
-    return;
-  }
   task_->unscheduleTask();
   if (waitingToNotifyConverged_) {
     maybeUpdateTunnelRibConvergenceSeqno();
   }
 }
 
-std::size_t TunnelRibBuilderSm::heldUp() const {
-  std::size_t all = unreadable_.size() + tunnelRib_.unwritten();
-  for (const std::optional<StagedTunnelRib>& proto : protoTunnelRib_) {
-    all += proto ? proto->unwritten() : 0;
+bool TunnelRibBuilderSm::reviewWaiting(const TunnelId& id) {
+  if (!backlog_.erase(id)) {  // first: the review itself may file the tunnel again
+    return false;
   }
-  return all;
-}
-
-bool TunnelRibBuilderSm::writeUnwritten() {
-  bool yields = writeUnwritten(tunnelRib_);
-  for (std::optional<StagedTunnelRib>& proto : protoTunnelRib_) {
-    yields = yields || (proto && writeUnwritten(*proto));
-  }
-  return yields;
-}
-
-// One refusal is enough to know: the next try begins behind it.
-bool TunnelRibBuilderSm::writeUnwritten(StagedTunnelRib& ribs) {
-  while (reacts() && ribs.unwritten() != 0 && ribs.writeNext()) {
-    if (task_->taskShouldYield()) {
-      return true;
-    }
-  }
-  return false;
+  updateTunnelRibEntry(id);
+  return true;
 }
 
 EncapsulatedTableEntry TunnelRibBuilderSm::freshEntry(const TunnelId& id) const {

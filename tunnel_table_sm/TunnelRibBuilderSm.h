@@ -14,19 +14,22 @@
 // The RIBs outlive the builder. A new one first removes what no longer holds, takes the rest into its candidate store,
 // and then reviews every tunnel; entries that are still right are never touched.
 //
-// While tables come and go, an entry that has lost its last tunnel stays as it is until the tunnels that wait for
-// review have had their turn: one of them may take it over, and readers shall not miss the endpoint in between.
+// An entry that loses its last tunnel is deleted at once, unless a tunnel that waits for review is about to reach the
+// endpoint. Then readers keep the old entry, and the waiting tunnel is reviewed next.
 //
 // An endpoint has at most 512 tunnels in a RIB entry. A tunnel that finds its entry full waits as a candidate; when one
 // leaves, the waiting tunnel with the smallest id moves up.
 //
-// Entries that find no space in a RIB are kept, and tried again every second and whenever a review touches them. So are
-// tunnels whose table is so damaged that nobody can tell whether it has them: until it can, nothing changes.
+// Two things are held up, apart from the backlog. A task of their own retries them every second:
+//   - Entries that find no space in a RIB. They are also retried when a write releases space.
+//   - Tunnels whose table is damaged, so that they may be in it or not. They keep their endpoint, type and preference.
+//     They can still become the best of their endpoint. They are also retried when a table is mounted or replaced.
 #pragma once
 
 #include <array>
 #include <memory>
 #include <optional>
+#include <vector>
 
 #include "runtime/Quor/ClockNotifiee.h"
 #include "runtime/Quor/OwnedTask.h"
@@ -34,6 +37,7 @@
 #include "tunnel_table_sm/CandidateStore.h"
 #include "tunnel_table_sm/EncapsulatedTableEntry.h"
 #include "tunnel_table_sm/ProtocolTunnelSm.h"
+#include "tunnel_table_sm/RibReviewBacklog.h"
 #include "tunnel_table_sm/SourceComparison.h"
 #include "tunnel_table_sm/StagedTunnelRib.h"
 
@@ -44,8 +48,6 @@ enum class RibAdmission { admitted, otherType, noTableEntry, noTep, notContribut
 
 class TunnelRibBuilderSm final : public TableEntrySm {
  public:
-  using TunnelForReview = Zol::HashCollection<TunnelId, bool>;
-
   // tunnelTableEntryFilter is needed only with supportPreferenceRemap; protoTunnelRibColl may be null (no per-protocol
   // RIBs); every other input must be there.
   TunnelRibBuilderSm(Zol::PtrConst<TunnelTableEntities> tunnelTableEntities,
@@ -62,11 +64,11 @@ class TunnelRibBuilderSm final : public TableEntrySm {
   const Zol::Ptr<InternalTunnelRib>& internalTunnelRib() const { return internalTunnelRib_; }
   // The all-zero entry when the tunnel is not filed.
   TunnelIdToTepEntry tunnelIdToTep(const TunnelId& id) const;
-  const TunnelForReview& tunnelForReview() const { return tunnelForReview_; }
+  const RibReviewBacklog::Ids& tunnelForReview() const { return backlog_.ids(); }
   // Entries of all RIBs that found no space, and tunnels whose tables cannot be read.
   std::size_t heldUp() const;
   // Whether nothing waits for review but what is held up.
-  bool isDrained() const { return tunnelForReview_.empty() && held_.empty(); }
+  bool isDrained() const { return backlog_.empty() && vacated_.empty(); }
   const TunnelId& tunnelReviewBookmark() const { return tunnelReviewBookmark_; }
   double tunnelReviewDelay() const { return tunnelReviewDelay_; }  // seconds
   const Quor::TimerTask* task() const { return task_ ? &*task_ : nullptr; }
@@ -80,10 +82,13 @@ class TunnelRibBuilderSm final : public TableEntrySm {
   void handleTunnelTableEntry(const TunnelId& tunnelId, TunnelTableIdentifier tableId, bool isDeletion) override;
   void handleUnprogrammableEntry(const TunnelId& tunnelId) override;
   void handlePreference(const TunnelId& tunnelId);
-  void tunnelForReviewIs(const TunnelId& tunnelId);
-  void tunnelForReviewDel(const TunnelId& tunnelId) { tunnelForReview_.erase(tunnelId); }
+  // isDeletion: the tunnel is not about to reach an endpoint.
+  void tunnelForReviewIs(const TunnelId& tunnelId, bool isDeletion = false);
+  void tunnelForReviewDel(const TunnelId& tunnelId) { backlog_.erase(tunnelId); }
   void scheduleTunnelReview();
   void drainTunnelBacklog();
+  // Retries the entries and tunnels that are held up.
+  void retryHeldUp();
 
   // One tunnel's review, and the choice of the best (TunnelRibSelection.cpp).
   void updateTunnelRibEntry(const TunnelId& tunnelId);
@@ -124,6 +129,10 @@ class TunnelRibBuilderSm final : public TableEntrySm {
   EncapsulatedTableEntry freshEntry(const TunnelId& id) const;
   bool contributes(const EncapsulatedTableEntry& entry) const;
   bool isUnprogrammable(const TunnelId& id) const;
+  // Whether nothing can be decided on the tunnel now.
+  bool isUndecided(const EncapsulatedTableEntry& entry) const;
+  // Whether a filed tunnel keeps its place because it is undecided; then it is retried.
+  bool keepsPlace(const EncapsulatedTableEntry& entry);
 
   bool reacts() const { return hasNotificationActive() && !isZombie(); }
 
@@ -139,18 +148,48 @@ class TunnelRibBuilderSm final : public TableEntrySm {
   void doWriteReview(const EncapsulatedTableEntry& reviewed);
   void doMoveUpWaiting(StagedTunnelRib::Staged& staged, bool isProtocolRib);
   void doRefreshMetrics(StagedTunnelRib::Staged& staged, const EncapsulatedTableEntry& reviewed);
-  void doHoldEmptied(StagedTunnelRib::Staged& staged);
-  // Deletes the entries that nobody has taken over, as many as fit in the slice.
-  void sweepHeld();
-  // True: the slice is used up, and some may find space.
-  bool writeUnwritten();
-  bool writeUnwritten(StagedTunnelRib& ribs);
+  // Keeps the entry for readers if it lost its last tunnel and another one is, or may be, about to come.
+  void doHoldVacated(StagedTunnelRib::Staged& staged, std::optional<TunnelType> type);
+  // Reviews a waiting tunnel; false when it does not wait.
+  bool reviewWaiting(const TunnelId& id);
+  // Continues with the endpoint that was vacated last: reviews the tunnel that is about to come, or deletes the entry.
+  // Returns whether it has reviewed a tunnel.
+  bool settleVacated();
+  // The endpoint that a waiting tunnel is about to reach; the zero prefix if there is none.
+  Ipkit::IpGenPrefix arrivalEndpoint(const TunnelId& id) const;
+  void indexArrivals();
+  // A waiting tunnel, of the type if there is one, that is about to reach the endpoint; the zero id if there is none.
+  TunnelId arrivalAt(const Ipkit::IpGenPrefix& tep, std::optional<TunnelType> type);
+  // Files the tunnels for review that can be decided again. Returns true when the slice is used up.
+  bool fileDecided();
+  // isSpaceReleased: only where a write has released space. Returns true when the slice is used up, and some may still
+  // find space.
+  bool writeUnwritten(Quor::TimerTask& task, bool isSpaceReleased);
+  // f(rib, type) for the RIB, whose type is none, and the per-protocol RIBs.
+  template <class F>
+  void forEachRib(F&& f) {
+    f(tunnelRib_, std::optional<TunnelType>());
+    for (std::size_t type = 0; type < protoTunnelRib_.size(); ++type) {
+      if (protoTunnelRib_[type]) {
+        f(*protoTunnelRib_[type], std::optional(static_cast<TunnelType>(type)));
+      }
+    }
+  }
 
   bool isLiveAt(const EncapsulatedTableEntry& entry, const Ipkit::IpGenPrefix& tep) const;
-  void keepHidden(const TunnelId& id, TunnelRibEntry& kept);
-  TunnelRibEntry keptOf(const TunnelRibEntry& standing, std::optional<TunnelType> type);
-  void refillEmptied(const Zol::HashCollection<Ipkit::IpGenPrefix, bool>& emptied);
+  bool isHidden(const TunnelId& id) const;
+  // Returns false when it found a tunnel that stays hidden, which must be kept first: it decides the preference.
+  bool keepLive(const TunnelRibEntry& stored, std::optional<TunnelType> type, TunnelRibEntry& kept);
+  void keepHidden(const TunnelRibEntry& stored, std::optional<TunnelType> type, TunnelRibEntry& kept);
+  bool staysHidden(const TunnelId& id) const;
+  TunnelRibEntry keptOf(const TunnelRibEntry& stored, std::optional<TunnelType> type);
+  using Endpoints = Zol::HashCollection<Ipkit::IpGenPrefix, bool>;
+  void refillEmptied(StagedTunnelRib& ribs, std::optional<TunnelType> type, const Endpoints& emptied);
+  void refillProtocolEntry(TunnelRibEntry& ribEntry, TunnelType type, const Ipkit::IpGenPrefix& tep) const;
   void fileCandidate(const TunnelTableEntry& head, TunnelEntryPref pref);
+
+  static constexpr double heldUpRetryDelay = 1;  // seconds
+  static constexpr int tunnelTypes = 16;
 
   const bool supportPreferenceRemap_;
   Zol::Notifiee<TunnelRibBuilderSm, TunnelTableEntryFilter, TunnelId> filter_;
@@ -163,16 +202,18 @@ class TunnelRibBuilderSm final : public TableEntrySm {
 
   Zol::Ptr<InternalTunnelRib> internalTunnelRib_;
   Zol::HashCollection<TunnelId, TunnelIdToTepEntry> tunnelIdToTep_;
-  std::array<std::optional<StagedTunnelRib>, 16> protoTunnelRib_;  // by tunnel type
+  std::array<std::optional<StagedTunnelRib>, tunnelTypes> protoTunnelRib_;  // by tunnel type
 
-  TunnelForReview tunnelForReview_;
-  TunnelForReview unreadable_;     // whose tables cannot tell whether they have them
-  TunnelId tunnelReviewBookmark_;  // where the next drain goes on; zero: at the start
+  RibReviewBacklog backlog_;
+  TunnelId tunnelReviewBookmark_;  // where the next drain continues; zero: at the start
   double tunnelReviewDelay_ = 0.01;
-  bool tablesChanged_ = false;  // a table came or went, and not everything has been reviewed since
-  Zol::HashCollection<Ipkit::IpGenPrefix, bool> held_;  // endpoints whose entries stand though they are empty by now
-  // A builder that is replaced takes its pending run and its deadline with it.
+  std::vector<Ipkit::IpGenPrefix> vacated_;        // endpoints with held entries, the next one last
+  Zol::HashCollection<TunnelId, bool> undecided_;  // tunnels that may be in their unreadable tables
+  TunnelId undecidedBookmark_;                     // where the next retry continues; zero: at the start
+  bool isSpaceReleased_ = false;                   // by a write of a RIB with unwritten entries
+  // A builder that is replaced takes its pending runs and its deadline with it.
   std::optional<Quor::OwnedTask<TunnelRibBuilderSm>> task_;
+  std::optional<Quor::OwnedTask<TunnelRibBuilderSm>> retryTask_;
   bool initialized_ = false;
 
   bool waitingToNotifyConverged_ = false;

@@ -3,7 +3,7 @@
 //
 //            BGP converged, not caught up                    caught up, or 120 s since the wait began
 //   idle ─────────────────────────────────▶ waiting ─────────────────────────────────────────────────▶ idle, announced
-//     ▲                                         │ BGP restarted
+//     ▲                                         │ BGP restarted, or its table is not mounted
 //     └─────────────────────────────────────────┘
 //
 // Caught up: no tunnel waits for review, no entry for space, and BGP's table has reached the sequence number that BGP
@@ -34,6 +34,8 @@ void TunnelRibBuilderSm::handleBgpLuConverged() {
   FASTLOG_TRACE(8, convergedSignature << ": bgpLuConverged: " << bgpLuConverged);
   if (!tunnelTableEntities()->bgpLuTable()) {
     FASTLOG_TRACE(8, convergedSignature << ": BGP isn't mounted");
+    waitingToNotifyConverged_ = false;
+    deadline_.timeMinIs(Quor::Clock::never);
     return;
   }
   if (!bgpLuConverged) {
@@ -58,7 +60,7 @@ void TunnelRibBuilderSm::convergenceUpdateWaitTimeIs(double time) {
 }
 
 bool TunnelRibBuilderSm::maybeUpdateTunnelRibConvergenceSeqno() {
-  if (!tunnelForReview_.empty() || !held_.empty() || heldUp() != 0) {
+  if (!isDrained() || heldUp() != 0) {
     FASTLOG_TRACE(8, maybeSignature << ": backlog not empty");
     return false;
   }

@@ -40,22 +40,25 @@ bool TunnelRibBuilderSm::doUpdateProtoTunnelRibColl(const Ipkit::IpGenPrefix& te
   return true;
 }
 
-// A damaged entry is filled anew with the candidates of the type.
+// A damaged entry is refilled from the candidates.
 TunnelRibEntry& TunnelRibBuilderSm::protoRibEntryOf(TunnelType type, const Ipkit::IpGenPrefix& tep) {
   StagedTunnelRib& staged = assertProtoTunnelRib(type);
-  return staged.entry(tep, [this, &staged, type, &tep] {
-    const Zol::Ptr<TunnelTableOrderedEntry> candidates = internalTunnelRib_->entry(tep);
-    if (!candidates) {
-      return;
+  return staged.entry(tep, [&] { refillProtocolEntry(staged.entry(tep, [] {}), type, tep); });
+}
+
+// Adds the candidates of the type.
+void TunnelRibBuilderSm::refillProtocolEntry(TunnelRibEntry& ribEntry, TunnelType type,
+                                             const Ipkit::IpGenPrefix& tep) const {
+  const Zol::Ptr<TunnelTableOrderedEntry> candidates = internalTunnelRib_->entry(tep);
+  if (!candidates) {
+    return;
+  }
+  for (auto it = candidates->entry().begin(); it; ++it) {
+    if (it.key().tunnelId().tunnelType() == type && !ribEntry.isFull()) {
+      ribEntry.tepIs(tep);
+      ribEntry.addTunnelId(it.key().tunnelId());
     }
-    TunnelRibEntry& ribEntry = staged.entry(tep, [] {});
-    for (auto it = candidates->entry().begin(); it; ++it) {
-      if (it.key().tunnelId().tunnelType() == type && !ribEntry.isFull()) {
-        ribEntry.tepIs(tep);
-        ribEntry.addTunnelId(it.key().tunnelId());
-      }
-    }
-  });
+  }
 }
 
 StagedTunnelRib& TunnelRibBuilderSm::assertProtoTunnelRib(TunnelType type) {
@@ -75,43 +78,29 @@ StagedTunnelRib& TunnelRibBuilderSm::assertProtoTunnelRib(TunnelType type) {
 
 void TunnelRibBuilderSm::doWriteReview(const EncapsulatedTableEntry& reviewed) {
   if (protoTunnelRibColl_) {
-    StagedTunnelRib& proto = assertProtoTunnelRib(reviewed.tunnelId().tunnelType());
+    const TunnelType type = reviewed.tunnelId().tunnelType();
+    StagedTunnelRib& proto = assertProtoTunnelRib(type);
     for (StagedTunnelRib::Staged& staged : proto.touched()) {
       doMoveUpWaiting(staged, true);
+      doHoldVacated(staged, type);
     }
     proto.write();
+    isSpaceReleased_ = isSpaceReleased_ || proto.isSpaceReleased();
   }
   for (StagedTunnelRib::Staged& staged : tunnelRib_.touched()) {
     doMoveUpWaiting(staged, false);
     doRefreshMetrics(staged, reviewed);
-    doHoldEmptied(staged);
+    doHoldVacated(staged, std::nullopt);
   }
   tunnelRib_.write();
-}
-
-void TunnelRibBuilderSm::doHoldEmptied(StagedTunnelRib::Staged& staged) {
-  if (tablesChanged_ && staged.now.tunnelIds() == 0 && staged.standing.tunnelIds() != 0) {
-    held_.insert(staged.tep);
-    staged.now = staged.standing;
-  }
-}
-
-void TunnelRibBuilderSm::sweepHeld() {
-  for (auto it = held_.begin(); it && reacts(); ++it) {
-    const Ipkit::IpGenPrefix tep = it.key();
-    ribEntryOf(tep);  // no longer held, and empty
-    tunnelRib_.write();
-    if (task_->taskShouldYield()) {
-      return;
-    }
-  }
+  isSpaceReleased_ = isSpaceReleased_ || tunnelRib_.isSpaceReleased();
 }
 
 // A place has become free in an entry that was full: of the tunnels that wait for one, the smallest takes it. In a
 // per-protocol RIB every tunnel of the type waits, in a RIB those of the entry's type and preference.
 void TunnelRibBuilderSm::doMoveUpWaiting(StagedTunnelRib::Staged& staged, bool isProtocolRib) {
   TunnelRibEntry& ribEntry = staged.now;
-  if (!staged.standing.isFull() || ribEntry.isFull() || ribEntry.tunnelIds() == 0) {
+  if (!staged.before().isFull() || ribEntry.isFull() || ribEntry.tunnelIds() == 0) {
     return;
   }
   const Zol::Ptr<TunnelTableOrderedEntry> candidates = internalTunnelRib_->entry(staged.tep);
@@ -132,7 +121,7 @@ void TunnelRibBuilderSm::doMoveUpWaiting(StagedTunnelRib::Staged& staged, bool i
       break;
     }
     const EncapsulatedTableEntry entry = freshEntry(id);
-    if (entry.hasEntry() && entry.entry().tep() == staged.tep) {
+    if (keepsPlace(entry) || (entry.hasEntry() && entry.entry().tep() == staged.tep)) {
       ribEntry.addTunnelId(id);
     }
   }
@@ -153,7 +142,8 @@ void TunnelRibBuilderSm::doRefreshMetrics(StagedTunnelRib::Staged& staged, const
   };
   if (smallest == reviewed.tunnelId()) {
     refreshFrom(reviewed);
-  } else if (staged.standing.tunnelIds() == 0 || staged.standing.smallestTunnelId() != smallest) {
+  } else if (const TunnelRibEntry& before = staged.before();
+             before.tunnelIds() == 0 || before.smallestTunnelId() != smallest) {
     refreshFrom(freshEntry(smallest));
   }
 }

@@ -40,9 +40,11 @@ void TunnelRibBuilderSm::updateTunnelRibEntry(const TunnelId& tunnelId) {
     FASTLOG_TRACE(8, tunnelId.tunnelType() << " doesn't contribute to tunnel rib");
     return;
   }
+  if (!undecided_.empty()) {
+    undecided_.erase(tunnelId);
+  }
   const EncapsulatedTableEntry entry = freshEntry(tunnelId);
-  if (!entry.hasEntry() && EncapsulatedTableEntry::isHidden(tunnelId, *tunnelTableEntities())) {
-    unreadable_.insert(tunnelId);
+  if (keepsPlace(entry)) {
     return;
   }
   const bool add = admission(entry) == RibAdmission::admitted;
@@ -149,13 +151,9 @@ void TunnelRibBuilderSm::doRemoveCandidate(const EncapsulatedTableEntry& entry, 
   doUpdateTunnelRibEntry(entry, tep, false);
 }
 
-// A damaged entry is chosen anew from the candidates; one that is held only stands for readers.
+// A damaged entry is rebuilt from the candidates.
 TunnelRibEntry& TunnelRibBuilderSm::ribEntryOf(const Ipkit::IpGenPrefix& tep) {
-  TunnelRibEntry& ribEntry = tunnelRib_.entry(tep, [this, &tep] { doSelectBestAndUpdateTunnelRib(tep); });
-  if (held_.erase(tep)) {
-    ribEntry = TunnelRibEntry();
-  }
-  return ribEntry;
+  return tunnelRib_.entry(tep, [this, &tep] { doSelectBestAndUpdateTunnelRib(tep); });
 }
 
 void TunnelRibBuilderSm::doUpdateTunnelRibEntry(const EncapsulatedTableEntry& entry, const Ipkit::IpGenPrefix& tep,
@@ -246,7 +244,9 @@ void TunnelRibBuilderSm::doAddTunnelId(const EncapsulatedTableEntry& entry, cons
   TunnelRibEntry& ribEntry = ribEntryOf(tep);
   if (ribEntry.tunnelIds() == 0) {
     ribEntry = TunnelRibEntry(tep);
-    copyMetrics(id, ribEntry, entry);
+    if (entry.hasEntry() && contributes(entry)) {  // else its own review brings the metrics
+      copyMetrics(id, ribEntry, entry);
+    }
     ribEntry.prefIs(pref);
   }
   if (ribEntry.isFull() && !ribEntry.hasTunnelId(id)) {
@@ -268,8 +268,8 @@ bool TunnelRibBuilderSm::doDeleteTunnelId(const TunnelId& id, const Ipkit::IpGen
   return present;
 }
 
-// The winner enters with the preference under which it is filed: its table may say another by now, but then its own
-// review is still to come.
+// The winner enters with the preference under which it is filed. If its table has another one by now, its own review is
+// still to come. A candidate that cannot be read now keeps its place: it may still forward when all others are gone.
 void TunnelRibBuilderSm::doSelectBestAndUpdateTunnelRib(const Ipkit::IpGenPrefix& tep) {
   const Zol::Ptr<TunnelTableOrderedEntry> candidates = internalTunnelRib_->entry(tep);
   if (!candidates) {
@@ -279,7 +279,7 @@ void TunnelRibBuilderSm::doSelectBestAndUpdateTunnelRib(const Ipkit::IpGenPrefix
   for (auto it = candidates->entry().begin(); it; ++it) {
     const TunnelTableEntry& candidate = it.key();
     const EncapsulatedTableEntry entry = freshEntry(candidate.tunnelId());
-    if (!entry.hasEntry() || entry.entry().tep() != tep || !contributes(entry)) {
+    if (!keepsPlace(entry) && (!entry.hasEntry() || entry.entry().tep() != tep || !contributes(entry))) {
       continue;
     }
     FASTLOG_TRACE(8, "Tunnel ID " << candidate.tunnelId() << " (" << candidate.tunnelId().tunnelType()
@@ -291,7 +291,7 @@ void TunnelRibBuilderSm::doSelectBestAndUpdateTunnelRib(const Ipkit::IpGenPrefix
   FASTLOG_TRACE(8, "No remaining table entries are present to contribute for tep: " << tep);
 }
 
-// The candidates behind the winner that are its equals; whether they contribute is left to their own reviews.
+// The candidates after the winner that are its equals; whether they contribute is left to their own reviews.
 void TunnelRibBuilderSm::doAddPeers(const TunnelTableEntry& winner, const TunnelTableOrderedEntry& candidates) {
   const Ipkit::IpGenPrefix& tep = candidates.tep();
   auto it = candidates.entry().from(winner);
@@ -302,7 +302,7 @@ void TunnelRibBuilderSm::doAddPeers(const TunnelTableEntry& winner, const Tunnel
     }
     FASTLOG_TRACE(8, "   TunnelID: " << candidate.tunnelId());
     const EncapsulatedTableEntry entry = freshEntry(candidate.tunnelId());
-    if (entry.hasEntry() && entry.entry().tep() == tep) {
+    if (keepsPlace(entry) || (entry.hasEntry() && entry.entry().tep() == tep)) {
       doAddTunnelId(entry, tep, candidate.pref());
     }
     if (ribEntryOf(tep).isFull()) {

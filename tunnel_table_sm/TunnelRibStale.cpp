@@ -1,5 +1,6 @@
-// What an earlier run, or an earlier configuration, left in the RIBs. Entries that still hold stay as they are and are
-// taken into the candidate store, so that the first reviews know what to take out; the rest goes before they begin.
+// What an earlier run, or an earlier configuration, left in the RIBs. Entries that are still right stay as they are.
+// Their tunnels are filed as candidates, so that the first reviews know what to remove. The rest is removed before they
+// begin.
 
 #include "runtime/Fastlog/TraceHelper.h"
 #include "tunnel_table_sm/TunnelRibBuilderSm.h"
@@ -21,18 +22,28 @@ bool TunnelRibBuilderSm::isLiveAt(const EncapsulatedTableEntry& entry, const Ipk
 // A tunnel is stale in an entry when its table lacks it or has it at another endpoint, when it does not contribute or
 // cannot be programmed, or when the entry's first live tunnel is of another type or preference. A per-protocol RIB
 // shows all tunnels of its type, whatever their preferences.
-TunnelRibEntry TunnelRibBuilderSm::keptOf(const TunnelRibEntry& standing, std::optional<TunnelType> type) {
-  TunnelRibEntry kept(standing.tep());
-  kept.metricsIs(standing.metrics());
-  kept.prefIs(standing.pref());
-  for (const TunnelId& id : standing.tunnelId()) {
-    const EncapsulatedTableEntry entry = freshEntry(id);
-    if (!entry.hasEntry() && contributeToTunnelRib(id.tunnelType()) &&
-        EncapsulatedTableEntry::isHidden(id, *tunnelTableEntities())) {
-      keepHidden(id, kept);
+TunnelRibEntry TunnelRibBuilderSm::keptOf(const TunnelRibEntry& stored, std::optional<TunnelType> type) {
+  TunnelRibEntry none = stored;
+  none.tunnelIdRef().clear();
+  TunnelRibEntry kept = none;
+  if (!keepLive(stored, type, kept)) {
+    kept = none;
+    keepHidden(stored, type, kept);
+    keepLive(stored, type, kept);
+  }
+  return kept;
+}
+
+bool TunnelRibBuilderSm::keepLive(const TunnelRibEntry& stored, std::optional<TunnelType> type, TunnelRibEntry& kept) {
+  for (const TunnelId& id : stored.tunnelId()) {
+    if (kept.hasTunnelId(id)) {
       continue;
     }
-    const bool isLive = contributeToTunnelRib(id.tunnelType()) && isLiveAt(entry, standing.tep());
+    const EncapsulatedTableEntry entry = freshEntry(id);
+    if (!entry.hasEntry() && staysHidden(id)) {
+      return false;
+    }
+    const bool isLive = contributeToTunnelRib(id.tunnelType()) && isLiveAt(entry, stored.tep());
     const TunnelEntryPref pref = isLive ? getPreference(entry.entry()) : defaultPrefOfNone;
     const bool isFirst = kept.tunnelIds() == 0;
     const bool isEqual =
@@ -53,43 +64,59 @@ TunnelRibEntry TunnelRibBuilderSm::keptOf(const TunnelRibEntry& standing, std::o
       copyMetrics(id, kept, entry);
     }
   }
-  return kept;
+  return true;
 }
 
-// Its table does not tell whether it is still there: it stays, as it was filed, until that can be told.
-void TunnelRibBuilderSm::keepHidden(const TunnelId& id, TunnelRibEntry& kept) {
-  FASTLOG_TRACE(8, id << " is hidden.");
-  kept.addTunnelId(id);
-  TunnelTableEntry head(id, kept.pref());
-  head.tepIs(kept.tep());
-  fileCandidate(head, kept.pref());
-  unreadable_.insert(id);
+bool TunnelRibBuilderSm::staysHidden(const TunnelId& id) const {
+  return contributeToTunnelRib(id.tunnelType()) && isHidden(id) && !isUnprogrammable(id);
 }
 
-// An entry that cannot be read is refilled like one that holds nothing live.
+// A tunnel in a table that cannot be read stays where it is filed until it can be read. Its preference is that of the
+// RIB entry. A per-protocol entry has none: a tunnel that is only there is no candidate before its review.
+void TunnelRibBuilderSm::keepHidden(const TunnelRibEntry& stored, std::optional<TunnelType> type,
+                                    TunnelRibEntry& kept) {
+  for (const TunnelId& id : stored.tunnelId()) {
+    if (!staysHidden(id)) {
+      continue;
+    }
+    FASTLOG_TRACE(8, id << " is hidden.");
+    kept.addTunnelId(id);
+    undecided_.insert(id);
+    if (type) {
+      tunnelIdToTep_.insert(id, TunnelIdToTepEntry(id, stored.tep()));
+    } else {
+      TunnelTableEntry head(id);
+      head.tepIs(stored.tep());
+      fileCandidate(head, stored.pref());
+    }
+  }
+}
+
+// An entry that cannot be read is refilled like one that has no live tunnel.
 void TunnelRibBuilderSm::removeStaleEntries(StagedTunnelRib& ribs, std::optional<TunnelType> type) {
-  Zol::HashCollection<Ipkit::IpGenPrefix, bool> emptied;
+  Endpoints emptied;
   walkSafely(*ribs.rib(), [&](const TunnelRib::Hint& hint) {
     TunnelRibEntry& ribEntry = ribs.entry(hint.key(), [] {});
     const TunnelRibEntry kept = keptOf(ribEntry, type);
-    if (kept.tunnelIds() != 0 || type) {
+    if (kept.tunnelIds() != 0) {
       ribEntry = kept;
     } else {
       emptied.insert(hint.key());
-      ribs.touched().clear();  // it stands until others take over
+      ribs.touched().clear();  // it stays until others take over
     }
     ribs.write();
   });
   if (!emptied.empty()) {
-    refillEmptied(emptied);
+    refillEmptied(ribs, type, emptied);
   }
 }
 
-// Endpoints whose standing tunnels are all stale may have others: the best of them take over at once, so that readers
-// never see an endpoint go only because the RIB is built anew. One walk over the tables finds the candidates of all.
-void TunnelRibBuilderSm::refillEmptied(const Zol::HashCollection<Ipkit::IpGenPrefix, bool>& emptied) {
-  const auto fileAll = [this, &emptied](const auto& table) {
-    if (!table) {
+// Endpoints of which all tunnels are stale may have others. The best of them take over at once, so that readers never
+// see an endpoint disappear only because the RIB is rebuilt. One walk over the tables finds the candidates of all.
+void TunnelRibBuilderSm::refillEmptied(StagedTunnelRib& ribs, std::optional<TunnelType> type,
+                                       const Endpoints& emptied) {
+  const auto fileAll = [&](const auto& table) {
+    if (!table || (type && table->tunnelType() != *type)) {
       return;
     }
     walkSafely(*table, [this, &emptied](const auto& hint) {
@@ -106,9 +133,14 @@ void TunnelRibBuilderSm::refillEmptied(const Zol::HashCollection<Ipkit::IpGenPre
   fileAll(tunnelTableEntities()->staticTable());
   fileAll(tunnelTableEntities()->nexthopGroupTable());
   for (auto it = emptied.begin(); it; ++it) {
-    ribEntryOf(it.key()) = TunnelRibEntry();
-    doSelectBestAndUpdateTunnelRib(it.key());
-    tunnelRib_.write();
+    TunnelRibEntry& ribEntry = ribs.entry(it.key(), [] {});
+    ribEntry = TunnelRibEntry();
+    if (type) {
+      refillProtocolEntry(ribEntry, *type, it.key());
+    } else {
+      doSelectBestAndUpdateTunnelRib(it.key());
+    }
+    ribs.write();
   }
 }
 

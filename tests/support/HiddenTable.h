@@ -9,11 +9,19 @@
 
 namespace Support {
 
+// The bytes of a table of this process.
+inline Memtab::View viewOf(const Memtab::MapBase& table) {
+  struct Opened : Memtab::MapBase {  // may name a protected member
+    static const Memtab::SharedStore& storeOf(const Memtab::MapBase& map) { return (map.*&Opened::store)(); }
+  };
+  return Opened::storeOf(table).store().view();
+}
+
 class HiddenTable {
  public:
   explicit HiddenTable(const Memtab::MapBase& table)
-      : descriptor_(*reinterpret_cast<Memtab::Word*>(
-            const_cast<std::byte*>(Opened::of(table).store().view().base + Memtab::descriptorsAt))) {
+      : descriptor_(
+            *reinterpret_cast<Memtab::Word*>(const_cast<std::byte*>(viewOf(table).base + Memtab::descriptorsAt))) {
     flip();
   }
   HiddenTable(const HiddenTable&) = delete;
@@ -21,11 +29,6 @@ class HiddenTable {
   ~HiddenTable() { flip(); }
 
  private:
-  // Names a protected member of a map.
-  struct Opened : Memtab::MapBase {
-    static const Memtab::SharedStore& of(const Memtab::MapBase& table) { return (table.*&Opened::store)(); }
-  };
-
   void flip() { descriptor_ ^= std::uint64_t{1} << 56; }  // a check bit
 
   Memtab::Word& descriptor_;  // of the table's first collection

@@ -1,5 +1,5 @@
 // The judge of tunnel RIBs: says from the tables alone what a RIB must hold, without backlog, candidate store or
-// history.
+// history. It shares only record types with the code that it judges.
 #pragma once
 
 #include <algorithm>
@@ -41,6 +41,23 @@ inline std::ostream& operator<<(std::ostream& out, const NaiveRibEntry& entry) {
   return out;
 }
 
+// An entry has at most 512 tunnels. Which ones is a matter of their arrival: those that are shown.
+inline constexpr std::size_t naiveTunnelsMax = 512;
+inline std::set<TunnelId> naiveChoice(const std::set<TunnelId>& due, const std::set<TunnelId>& shown) {
+  const bool isChoice = due.size() > naiveTunnelsMax && shown.size() == naiveTunnelsMax &&
+                        std::includes(due.begin(), due.end(), shown.begin(), shown.end());
+  return isChoice ? shown : due;
+}
+
+inline unsigned naiveDefaultPref(TunnelType type) {
+  static const std::map<TunnelType, unsigned> prefs = {{TunnelType::staticTunnel, 15},
+                                                       {TunnelType::nexthopGroupTunnel, 25},
+                                                       {TunnelType::ldpTunnel, 55},
+                                                       {TunnelType::srTunnel, 65},
+                                                       {TunnelType::bgpLuTunnel, 85}};
+  return prefs.at(type);
+}
+
 // Which tables feed a RIB, each with the preference configured for it, and whether the RIB looks at those.
 struct NaiveConfig {
   std::map<TunnelTableIdentifier, std::optional<TunnelEntryPref>> tables;
@@ -49,7 +66,7 @@ struct NaiveConfig {
 
 inline NaiveConfig naiveConfig(const TunnelRibConfig& config) {
   NaiveConfig naive;
-  naive.remaps = config.name() != TunnelRibNameIdMap::systemTunnelRibName;
+  naive.remaps = config.name() != "system";
   for (auto it = config.entry().begin(); it; ++it) {
     naive.tables[it.key()] = it.value()->prefMapping();
   }
@@ -65,20 +82,21 @@ class NaiveTunnels {
     typename Table::Hint hint;
     for (bool more = table.first(hint); more; more = table.next(hint)) {
       const auto record = hint.record(table);
-      NaiveTunnel tunnel{record.tunnelId(), record.tep(), record.pref(), true, {}};
+      NaiveTunnel tunnel{record.tunnelId(), record.tep(), record.pref(), record.tep().length() != 0, {}};
       if constexpr (requires { record.metrics(); }) {
         tunnel.metrics = record.metrics();
       }
       if constexpr (requires { record.contribution(); }) {
-        tunnel.contributes = record.contribution() == Contribution::contributing;
+        tunnel.contributes = tunnel.contributes && record.contribution() == Contribution::contributing;
       }
       tunnels.push_back(tunnel);
     }
   }
-  // A table that is not mounted feeds nothing.
-  void withdraw(TunnelTableIdentifier id) { tables_.erase(id); }
+  // As before, of a table that cannot be read now.
+  void readAgain(TunnelTableIdentifier id, const NaiveTunnels& before) { tables_[id] = before.tables_.at(id); }
 
-  NaiveRib rib(const NaiveConfig& config, const std::set<TunnelId>& unprogrammable) const {
+  // shown: the present contents of the RIB, which choose among more than 512 tunnels.
+  NaiveRib rib(const NaiveConfig& config, const std::set<TunnelId>& unprogrammable, const NaiveRib& shown = {}) const {
     using Rank = std::tuple<unsigned, unsigned>;  // preference, default preference of the type
     std::map<Ipkit::IpGenPrefix, std::map<Rank, std::map<TunnelId, NaiveTunnel>>> candidates;
     for (const auto& [table, pref] : config.tables) {
@@ -87,9 +105,9 @@ class NaiveTunnels {
         continue;
       }
       for (const NaiveTunnel& tunnel : tunnels->second) {
-        if (tunnel.contributes && !!tunnel.tep && !unprogrammable.contains(tunnel.id)) {
+        if (tunnel.contributes && !unprogrammable.contains(tunnel.id)) {
           const unsigned effective = config.remaps && pref ? *pref : tunnel.pref;
-          candidates[tunnel.tep][{effective, getDefaultPrefForType(tunnel.id.tunnelType())}][tunnel.id] = tunnel;
+          candidates[tunnel.tep][{effective, naiveDefaultPref(tunnel.id.tunnelType())}][tunnel.id] = tunnel;
         }
       }
     }
@@ -98,24 +116,33 @@ class NaiveTunnels {
       const auto& [rank, tunnels] = *ranks.begin();
       NaiveRibEntry& entry = rib[tep];
       entry.pref = std::get<0>(rank);
-      entry.metrics = tunnels.begin()->second.metrics;
       for (const auto& [id, tunnel] : tunnels) {
         entry.tunnels.insert(id);
       }
+      if (const auto at = shown.find(tep); at != shown.end()) {
+        entry.tunnels = naiveChoice(entry.tunnels, at->second.tunnels);
+      }
+      entry.metrics = tunnels.at(*entry.tunnels.begin()).metrics;
     }
     return rib;
   }
 
   // The tunnels of one type at their teps, as a per-protocol RIB lists them.
-  std::map<Ipkit::IpGenPrefix, std::set<TunnelId>> protocolRib(TunnelType type, const NaiveConfig& config,
-                                                               const std::set<TunnelId>& unprogrammable) const {
-    std::map<Ipkit::IpGenPrefix, std::set<TunnelId>> rib;
+  using ProtocolRib = std::map<Ipkit::IpGenPrefix, std::set<TunnelId>>;
+  ProtocolRib protocolRib(TunnelType type, const NaiveConfig& config, const std::set<TunnelId>& unprogrammable,
+                          const ProtocolRib& shown = {}) const {
+    ProtocolRib rib;
     for (const auto& [table, tunnels] : tables_) {
       for (const NaiveTunnel& tunnel : tunnels) {
-        if (config.tables.contains(table) && tunnel.id.tunnelType() == type && tunnel.contributes && !!tunnel.tep &&
+        if (config.tables.contains(table) && tunnel.id.tunnelType() == type && tunnel.contributes &&
             !unprogrammable.contains(tunnel.id)) {
           rib[tunnel.tep].insert(tunnel.id);
         }
+      }
+    }
+    for (const auto& [tep, ids] : shown) {
+      if (const auto at = rib.find(tep); at != rib.end()) {
+        at->second = naiveChoice(at->second, ids);
       }
     }
     return rib;

@@ -63,14 +63,7 @@ INSTANTIATE_TEST_SUITE_P(, FullFib, testing::Values(0U, 150U));
 // their turn, or lets the RIB say that it has caught up.
 TEST(FullRib, waitsForSpace) {
   const auto isFull = std::make_shared<bool>(false);
-  const auto tight = [&](const char* name) {
-    return Zol::make<TunnelRib>(name, Zol::make<Memtab::TightStore>(TunnelRib::layout(), isFull));
-  };
-  RibScene scene;
-  scene.configDirSm = nullptr;
-  scene.systemRib = tight("system");
-  scene.protocolRibs->protocolTunnelRib(TunnelType::ldpTunnel)->tunnelRibIs(tight("ldp"));
-  scene.start();
+  RibScene scene(0, isFull);
   for (unsigned i = 0; i < plenty; ++i) {
     scene.ldp(i, tep(i));
   }
@@ -96,16 +89,16 @@ TEST(FullRib, waitsForSpace) {
       scene.ldp(2 * plenty + i, tep(i));
     }
   }
+  const std::size_t heldUp = scene.builder()->heldUp();
   scene.del("ldpTunnel/3");
-  scene.advance(1);
-  EXPECT_EQ(scene.shown(tep(3)), "");
+  scene.advance(0.02);
+  EXPECT_EQ(scene.shown(tep(3)), "") << "entries without space delay nothing else";
+  EXPECT_LT(scene.builder()->heldUp(), heldUp) << "another entry takes its space at once";
   EXPECT_LT(scene.rib()->size(), 2 * plenty + 2 * plenty / 3);
-  EXPECT_TRUE(scene.builder()->task()->taskScheduled());
 
   *isFull = false;
-  scene.advance(1);
-  scene.settle();
-  EXPECT_FALSE(scene.builder()->task()->taskScheduled());
+  scene.advance(1.5);
+  EXPECT_FALSE(scene.scheduler->hasTasks());
   EXPECT_EQ(scene.convergence->tunnelRibConvergenceSeqno().size(), 1U);
   scene.expectRibs();
 }
@@ -113,10 +106,7 @@ TEST(FullRib, waitsForSpace) {
 // Fails if a start over a full RIB stops the process, or forgets what it could not put right.
 TEST(FullRib, startsOverOne) {
   const auto isFull = std::make_shared<bool>(false);
-  RibScene scene;
-  scene.configDirSm = nullptr;
-  scene.systemRib = Zol::make<TunnelRib>("system", Zol::make<Memtab::TightStore>(TunnelRib::layout(), isFull));
-  scene.start();
+  RibScene scene(0, isFull);
   for (unsigned i = 0; i < 3 * plenty; ++i) {
     scene.ldp(i, tep(i / 3));
   }
@@ -133,6 +123,47 @@ TEST(FullRib, startsOverOne) {
   *isFull = false;
   scene.advance(1);
   scene.settle();
+  scene.expectRibs();
+}
+
+// Fails if an entry that never fits keeps those after it from their turn, or if a full entry that loses a tunnel before
+// it is written does not let the next one in.
+TEST(FullRib, entriesTakeTurns) {
+  const auto isFull = std::make_shared<bool>(false);
+  RibScene scene(0, isFull);
+  Ipkit::IpGenPrefix wide = tep(3 * plenty);
+  for (unsigned i = 3 * plenty; i < 9 * plenty; ++i) {
+    wide = tep(i).hash() < wide.hash() ? tep(i) : wide;  // the first in turn
+  }
+  for (unsigned i = 0; i < plenty; ++i) {
+    scene.ldp(i, tep(i));
+  }
+  scene.settle();
+  *isFull = true;
+  for (unsigned i = plenty; i < 3 * plenty; ++i) {
+    scene.ldp(i, tep(i));
+  }
+  scene.advance(0);
+  for (unsigned i = 0; i < 513; ++i) {
+    scene.sr(i, wide);
+  }
+  scene.advance(3);
+  ASSERT_FALSE(scene.rib()->has(wide));
+  const std::size_t before = scene.rib()->size();
+  for (unsigned i = 0; i < 10; ++i) {
+    scene.del("ldpTunnel/" + std::to_string(i));
+    scene.advance(0);
+  }
+  EXPECT_GE(scene.rib()->size(), before - 2) << "other entries take the space at once";
+  for (unsigned i = 0; i < 513; i += 100) {
+    scene.del("srTunnel/" + std::to_string(i));
+    scene.advance(0);
+    scene.sr(i, wide);
+  }
+  scene.del("srTunnel/7");
+  *isFull = false;
+  scene.advance(1.5);
+  EXPECT_FALSE(scene.scheduler->hasTasks());
   scene.expectRibs();
 }
 

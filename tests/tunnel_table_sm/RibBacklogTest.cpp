@@ -85,6 +85,7 @@ TEST(RibBacklog, startKeepsWhatHoldsAndRemovesWhatDoesNot) {
   }
   scene.sr(1, a);
   scene.bgpLu(1, b);
+  scene.nexthopGroup(1, tep(7));
   scene.settle();
   const std::uint64_t writes = scene.writes();
   scene.restart();
@@ -98,10 +99,12 @@ TEST(RibBacklog, startKeepsWhatHoldsAndRemovesWhatDoesNot) {
   scene.ldp(3, tep(1), 60);  // of another preference than 4 and 5
   scene.unprogrammable->entryIs(TunnelId::fromText("ldpTunnel/6"), true);
   scene.bgpLu(1, b, Contribution::notContributing);
-  for (const char* const id : {"ldpTunnel/2"}) {
-    scene.del(id);
-  }
+  scene.del("ldpTunnel/2");
+  scene.del("nexthopGroupTunnel/1");
+  scene.nexthopGroup(2, tep(7));
   scene.start();
+  EXPECT_EQ(scene.shown(tep(7)), "25: nexthopGroupTunnel/2") << "taken over at once";
+  EXPECT_EQ(tunnelsOf(*scene.protocolRib(TunnelType::nexthopGroupTunnel)).size(), 1U);
   EXPECT_EQ(scene.shown(tep(0)), "");
   EXPECT_EQ(scene.shown(tep(1)), "60: ldpTunnel/3") << "the first live id says the preference";
   EXPECT_EQ(scene.shown(tep(2)), "55: ldpTunnel/7 ldpTunnel/8");
@@ -122,6 +125,49 @@ TEST(RibBacklog, replacedBuilderKnowsWhatItsPredecessorFiled) {
   scene.expectRibs();
   EXPECT_EQ(scene.rib()->size(), 1U);
   EXPECT_FALSE(scene.scheduler->hasTasks()) << "the replaced builder's task must not linger";
+}
+
+// Fails if a builder that was replaced by a watcher of its own writes continues its drain.
+TEST(RibBacklog, replacedBuilderStopsItsDrain) {
+  RibScene scene;
+  struct Replacer : Zol::Listener<Ipkit::IpGenPrefix> {
+    explicit Replacer(RibScene& owner) : scene(owner) { channelIs(&scene.rib()->entryChannel()); }
+    void onKey(const Ipkit::IpGenPrefix&) override {
+      channelIs(nullptr);
+      scene.configure("system", {{Id::ldp, {}}});
+    }
+    RibScene& scene;
+  } replacer(scene);
+  for (unsigned i = 0; i < 10; ++i) {
+    scene.ldp(i, tep(i));
+  }
+  const Zol::Ptr<TunnelRibBuilderSm> replaced = scene.builder();
+  scene.scheduler->runReadyTask();
+  EXPECT_EQ(replaced->tunnelForReview().size(), 9U);
+  scene.settle();
+  scene.expectRibs();
+}
+
+// Fails if a withdrawal waits for more than its own review while tables come and go.
+TEST(RibBacklog, aWithdrawalTakesEffectAtItsReview) {
+  RibScene scene(1);
+  for (unsigned i = 0; i < 40; ++i) {
+    scene.ldp(i, tep(i));
+  }
+  scene.settle();
+  scene.unmount(Id::sr);
+  scene.advance(100);
+  for (unsigned i = 0; i < 40; ++i) {
+    scene.del("ldpTunnel/" + std::to_string(i));
+    scene.ldp(100 + i, tep(100 + i));
+  }
+  while (scene.scheduler->hasTasks()) {
+    scene.advance(0.01);
+    for (unsigned i = 0; i < 40; ++i) {
+      const bool waits = scene.builder()->tunnelForReview().has(TunnelId(TunnelType::ldpTunnel, i));
+      EXPECT_EQ(scene.rib()->has(tep(i)), waits) << i;
+    }
+  }
 }
 
 // Table damage costs what cannot be read, and nothing else.

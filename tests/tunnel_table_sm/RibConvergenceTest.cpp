@@ -80,7 +80,9 @@ TEST_F(Convergence, everyOrderAnnouncesOnce) {
       {__LINE__, {{unmount, 0}, {declare(0), 0}, {wait(200), 0}, {mount, 0}, {settle, 1}, {wait(200), 1}}},
       {__LINE__,
        {{publish(5), 0}, {settle, 0}, {unmount, 0}, {declare(0), 0}, {mount, 0}, {settle, 1}, {wait(200), 1}}},
-      {__LINE__, {{declare(1), 0}, {unmount, 0}, {wait(119.99), 0}, {wait(0.01), 1}, {wait(200), 1}}},
+      {__LINE__, {{declare(1), 0}, {unmount, 0}, {wait(200), 0}, {mount, 0}, {wait(119.99), 0}, {wait(0.01), 1}}},
+      {__LINE__,
+       {{declare(1), 0}, {unmount, 0}, {restart, 0}, {wait(200), 0}, {mount, 0}, {wait(200), 0}, {declare(0), 1}}},
       {__LINE__, {{unmount, 0}, {declare(0), 0}, {restart, 0}, {mount, 0}, {wait(200), 0}}},
       // The RIB is configured anew: while it waits, its deadline stays; afterwards it converges once more.
       {__LINE__, {{declare(1), 0}, {wait(100), 0}, {configure, 0}, {wait(19.99), 0}, {wait(0.01), 1}, {wait(200), 1}}},
@@ -98,6 +100,36 @@ TEST_F(Convergence, everyOrderAnnouncesOnce) {
       EXPECT_EQ(announced, row.events[i].announced) << "row in line " << row.line << ", event " << i;
     }
   }
+}
+
+// Fails if a call of the clock that was meant for an earlier wait ends the present one.
+TEST_F(Convergence, onlyTheDeadlineOfThisWaitEndsIt) {
+  scene.bgpLuConvergence->bgpLuConvergedIs(true, bgpSeqno() + 1);
+  scene.advance(119);
+  scene.builder()->handleConvergenceUpdateWaitMax();
+  EXPECT_EQ(announced, 0U);
+  scene.advance(1);
+  EXPECT_EQ(announced, 1U);
+}
+
+// Fails if a wait that begins while a watcher handles the announcement is lost.
+TEST_F(Convergence, aWatcherMayBeginTheNextWait) {
+  struct Restarter : Zol::Listener<TunnelRibId> {
+    explicit Restarter(RibScene& owner) : scene(owner) {
+      channelIs(&scene.convergence->tunnelRibConvergenceSeqno().channel());
+    }
+    void onKey(const TunnelRibId&) override {
+      channelIs(nullptr);
+      scene.bgpLuConvergence->bgpLuConvergedIs(false, 0);
+      scene.bgpLuConvergence->bgpLuConvergedIs(true, scene.bgpLuTable->collectionControl().sequence() + 1);
+    }
+    RibScene& scene;
+  } restarter(scene);
+  scene.bgpLuConvergence->bgpLuConvergedIs(true, bgpSeqno());
+  EXPECT_EQ(announced, 1U);
+  scene.bgpLu(1, tep(1));
+  scene.settle();
+  EXPECT_EQ(announced, 2U);
 }
 
 }  // namespace

@@ -149,6 +149,27 @@ TEST(Intake, walksGoOnBehindDamagedRecords) {
   EXPECT_EQ(table->corruptions(), 1U);
 }
 
+// Fails if a table that is withdrawn while it is walked for the first time keeps its watcher.
+TEST(Intake, aTableMayBeWithdrawnDuringItsFirstWalk) {
+  struct WithdrawingSm final : TableEntrySm {
+    explicit WithdrawingSm(Zol::Ptr<TunnelTableEntities> all) : TableEntrySm(all, nullptr), entities(std::move(all)) {}
+    void handleTunnelTableEntry(const TunnelId&, TunnelTableIdentifier, bool) override {
+      ++reports;
+      entities->tunnelTableDel("ldp");
+    }
+    const Zol::Ptr<TunnelTableEntities> entities;
+    unsigned reports = 0;
+  };
+  const auto entities = tunnelTableEntitiesFactory();
+  const auto listener = Zol::Factory<WithdrawingSm>()(entities);
+  const auto table = Zol::make<LdpTunnelTable>("ldp");
+  table->entryIs(LdpTunnelTableEntry(TunnelId(TunnelType::ldpTunnel, 1)));
+  entities->tunnelTableIs("ldp", table);
+  EXPECT_EQ(listener->tunnelSm("ldp"), nullptr);
+  table->entryIs(LdpTunnelTableEntry(TunnelId(TunnelType::ldpTunnel, 2)));
+  EXPECT_EQ(listener->reports, 1U);
+}
+
 TEST(Intake, interfaceTablesOfOtherNamesReadAsRsvp) {
   const auto entities = tunnelTableEntitiesFactory();
   const auto listener = Zol::Factory<RecordingSm>()(entities, nullptr);

@@ -26,6 +26,9 @@ TEST(RibLifecycle, customRibsRemapPreferences) {
   config->entry().value(Id::sr)->prefMappingIs(41);
   scene.settle();
   EXPECT_EQ(scene.shown(a, "te"), "40: ldpTunnel/1");
+  config->entryIs(Zol::make<TunnelRibProtoEntry>(Id::ldp, 42));  // in place of the other one
+  scene.settle();
+  EXPECT_EQ(scene.shown(a, "te"), "41: srTunnel/1");
   config->entryDel(Id::ldp);  // its rows leave the filter with the table
   scene.settle();
   EXPECT_EQ(scene.shown(a, "te"), "41: srTunnel/1");

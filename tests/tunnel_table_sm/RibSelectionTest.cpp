@@ -50,7 +50,7 @@ TEST(RibSelection, removalFollowsTheTunnelNotItsClaims) {
   EXPECT_EQ(scene.shown(a), "");
   EXPECT_EQ(scene.shown(b), "55: ldpTunnel/1 ldpTunnel/2");
   EXPECT_TRUE(tunnelsOf(*scene.protocolRib(TunnelType::bgpLuTunnel)).empty());
-  scene.ldp(2, Ipkit::IpGenPrefix());  // the zero prefix is no endpoint
+  scene.ldp(2, tep("::/0"));  // the zero prefix is no endpoint
   scene.settle();
   EXPECT_EQ(scene.shown(b), "55: ldpTunnel/1");
   scene.expectRibs();
@@ -110,8 +110,12 @@ TEST(RibSelection, rebuildDuringChangeUsesWhatIsFiled) {
   }
   while (scene.scheduler->hasTasks()) {
     scene.advance(0.01);
+    std::set<TunnelId> all;
     for (const auto& [endpoint, entry] : contentsOf(*scene.rib())) {
       EXPECT_TRUE(entry.pref != 70 || entry.tunnels.size() == 1) << endpoint << ' ' << entry;
+      for (const TunnelId& id : entry.tunnels) {
+        EXPECT_TRUE(all.insert(id).second) << id << " is at two endpoints";
+      }
     }
   }
   scene.expectRibs();
@@ -174,6 +178,36 @@ TEST(RibSelection, fullEntriesLetTheSmallestWaitingTunnelIn) {
   EXPECT_EQ(holds(4), std::pair(false, true));
   EXPECT_EQ(holds(9), std::pair(false, false));
   EXPECT_EQ(scene.rib()->value(a).tunnelIds(), 512U);
+}
+
+// Fails if a tunnel that no longer exists takes the place that has become free.
+TEST(RibSelection, onlyTunnelsThatExistMoveUp) {
+  RibScene scene(1);
+  for (unsigned i = 0; i < 514; ++i) {
+    scene.ldp(2000 - i, a);  // 1487 and 1488 wait
+  }
+  scene.settle();
+  const auto rib = contentsOf(*scene.rib()).at(a).tunnels;
+  std::vector<TunnelId> waiting;
+  for (std::uint64_t i = 1487; i <= 2000; ++i) {
+    if (!rib.contains(TunnelId(TunnelType::ldpTunnel, i))) {
+      waiting.push_back(TunnelId(TunnelType::ldpTunnel, i));
+    }
+  }
+  ASSERT_EQ(waiting.size(), 2U);
+  scene.del(Zol::stringOf(waiting[0]));
+  std::uint64_t member = 1487;
+  for (; scene.builder()->tunnelForReview().begin().key() == waiting[0]; ++member) {
+    if (rib.contains(TunnelId(TunnelType::ldpTunnel, member))) {
+      scene.del("ldpTunnel/" + std::to_string(member));  // until one is reviewed first
+    }
+  }
+  scene.scheduler->runReadyTask();
+  ASSERT_TRUE(scene.builder()->tunnelForReview().has(waiting[0]));
+  EXPECT_TRUE(scene.rib()->value(a).hasTunnelId(waiting[1]));
+  EXPECT_FALSE(scene.rib()->value(a).hasTunnelId(waiting[0]));
+  scene.settle();
+  scene.expectRibs();
 }
 
 // The lines that tell why a tunnel lost are part of what operators rely on.
