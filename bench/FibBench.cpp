@@ -5,12 +5,16 @@
 //   restart        full tables, full FIB: start and drain; writes nothing
 //   churnOne       one tunnel with one dependant changes its next hop, among all the others
 //   flapNext       the next hop of one tunnel under D services changes
+//   ring           N transport tunnels, each with a via of its own and one through the next, the last through the
+//   first:
+//                  published in shuffled order and drained (build), one edge removed (open) and put back (close)
 //   encapIndex     finding an encapsulation by content among S stacks, and by a plain scan of the collection
 //
 // Reported: reviews a second of CPU time, bytes a tunnel of the FIB side (FIB region and the machine's own records).
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
+#include <ctime>
 #include <memory>
 
 #include "runtime/Quor/EndlessSlicePolicy.h"
@@ -154,6 +158,47 @@ void flapNext(benchmark::State& state) {
       benchmark::Counter(static_cast<double>(state.iterations()) * dependants, benchmark::Counter::kIsRate);
 }
 BENCHMARK(flapNext)->Arg(100000)->Arg(500000)->Unit(benchmark::kMillisecond)->MinTime(0.5);
+
+// Counters are averages of one building, opening and closing.
+void ring(benchmark::State& state) {
+  const auto count = static_cast<std::uint32_t>(state.range(0));
+  const auto put = [count](Router& router, std::uint32_t i, bool isClosed) {
+    LdpTunnelTableEntry entry = ldp(i, 0x0A000000 + i);
+    if (isClosed) {
+      const MplsLabelOperation::Label labels[] = {i & 0xFFFFF};
+      const TunnelId next(TunnelType::ldpTunnel, (i + 1) % count);
+      entry.viaRef().append(
+          MplsVia(Via(IpGenAddr(), DynamicTunnelIntfId::intfId(next)), MplsLabelOperation::push(labels)));
+    }
+    router.ldpTable->entryIs(entry);
+  };
+  const auto seconds = [] { return static_cast<double>(clock()) / CLOCKS_PER_SEC; };
+  for (auto _ : state) {
+    Router router(0, 0);
+    router.start();
+    const auto settled = [&](const std::string& what) {
+      const double start = seconds();
+      const std::uint64_t before = router.scheduler->counters().units;
+      router.settle();
+      const auto add = [&](const std::string& name, double value) {
+        benchmark::Counter& counter = state.counters[what + name];
+        counter = benchmark::Counter(counter.value + value, benchmark::Counter::kAvgIterations);
+      };
+      router.settle();
+      add("Ms", 1000 * (seconds() - start));
+      add("Reviews", static_cast<double>(router.scheduler->counters().units - before));
+    };
+    for (std::uint32_t i = 0; i < count; ++i) {
+      put(router, shuffled(i, count), true);
+    }
+    settled("build");
+    put(router, count / 2, false);
+    settled("open");
+    put(router, count / 2, true);
+    settled("close");
+  }
+}
+BENCHMARK(ring)->Arg(500)->Arg(1000)->Arg(2000)->Arg(4000)->Unit(benchmark::kMillisecond)->MinTime(0.1);
 
 void encapIndex(benchmark::State& state) {
   const auto stacks = static_cast<std::uint32_t>(state.range(0));

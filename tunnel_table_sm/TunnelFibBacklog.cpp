@@ -46,9 +46,36 @@ void TunnelFibSm::scheduleTunnelReview() {
   }
 }
 
+// Of a cycle opened or closed, all members are due at once. In the order that they come in, next levels first, each is
+// reviewed once; in the order of the hashes, most are reviewed again when their next levels have changed. The others
+// need not wait long: only the review of one of them can add to these.
+void TunnelFibSm::tunnelsForReviewFirst(const TunnelFibDependencies::TunnelIds& tunnelIds) {
+  for (const TunnelId& tunnelId : tunnelIds) {
+    tunnelForReviewIs(tunnelId, true);
+  }
+  first_.insert(first_.end(), tunnelIds.rbegin(), tunnelIds.rend());
+}
+
+bool TunnelFibSm::reviewFirst() {
+  while (!first_.empty()) {
+    const TunnelId tunnelId = first_.back();
+    first_.pop_back();
+    if (tunnelForReview_.has(tunnelId)) {
+      review(tunnelId);
+      return true;
+    }
+  }
+  return false;
+}
+
+// A dependant on a cycle with the tunnel does not use its entry.
 void TunnelFibSm::addDependentTunnelsForReview(const TunnelId& tunnelId) {
   if (const DependentTunnels* const dependants = dependencies_.dependants(tunnelId)) {
+    const auto component = dependencies_.component(tunnelId);
     dependants->forEach([&](const TunnelId& dependant) {
+      if (component != TunnelFibDependencies::noComponent && dependencies_.component(dependant) == component) {
+        return;
+      }
       FASTLOG_TRACE(8, "addDependentTunnelsForReview"
                            << " tunnelId: " << tunnelId << ", adding " << dependant << " for review");
       tunnelForReviewIs(dependant, true);
@@ -133,8 +160,12 @@ void TunnelFibSm::drainSlice() {
       it = tunnelForReview_.begin();
     }
     innerReviewsLeft_ = innerReviewsMax;
-    review(it.key());
-    ++it;
+    if (reviewFirst()) {
+      it = tunnelForReview_.from(it.key());  // which may have been the one
+    } else {
+      review(it.key());
+      ++it;
+    }
     if (task_->taskShouldYield()) {
       FASTLOG_TRACE(6, "drainTunnelBacklog"
                            << ": Yielding");

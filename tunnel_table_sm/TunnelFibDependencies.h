@@ -8,16 +8,16 @@
 // Of the first two each mirrors the other. The third is not stored: it follows from those next levels whose vias were
 // joined, marked as such, and from theirs.
 //
-// A via of T through N is cyclic exactly when N is T or N leads back to T: when both lie on one cycle. Which tunnels do
-// depends on the edges alone and not on the order in which they were recorded. Whoever changes the edges of T brings
-// cycleOf(T) before and after the change to review: the verdict about any other via stays as it was.
+// A via of T through N is cyclic exactly when N is T or N leads back to T: when both are on one cycle, that is, in one
+// component (TunnelFibComponents). Components depend on the edges alone and not on the order in which they were
+// recorded. After a change of next levels, the tunnels in turned() have vias whose verdict has changed, and no others
+// have.
 #pragma once
 
 #include <span>
 #include <vector>
 
-#include "runtime/Zol/HashCollection.h"
-#include "tunnel_table_sm/TunnelIdSets.h"
+#include "tunnel_table_sm/TunnelFibComponents.h"
 
 namespace Tunnel::TunnelTable {
 
@@ -26,8 +26,12 @@ class TunnelFibDependencies {
   using TunnelIds = std::vector<TunnelId>;
 
   // The direct next levels of the tunnel from now on: ascending, without doubles. False when they are so already.
+  // O(1) for a tunnel without dependants, and O(next levels) when the new ones have none themselves; else what
+  // TunnelFibComponents says.
   bool nextLevelsIs(const TunnelId& tunnel, std::span<const TunnelId> nextLevels);
-  bool hasNextLevels(const TunnelId& tunnel, std::span<const TunnelId> nextLevels) const;
+  // The other tunnels that the last call of nextLevelsIs() concerns: the verdict about one of their vias has changed.
+  // When vias have become usable, next levels come before the tunnels over them.
+  const TunnelIds& turned() const { return components_.turned(); }
   // Which of the recorded next levels have vias that were joined into the tunnel's: ascending.
   void joinedIs(const TunnelId& tunnel, std::span<const TunnelId> joined);
 
@@ -35,33 +39,23 @@ class TunnelFibDependencies {
   TunnelIds directlyDependentTunnels(const TunnelId& tunnel) const;
   TunnelIds resolvedByTunnels(const TunnelId& tunnel) const;
   // Null when there are none. Good until the next change.
-  const DependentTunnels* dependants(const TunnelId& tunnel) const { return dependants_.find(tunnel); }
+  const DependentTunnels* dependants(const TunnelId& tunnel) const { return graph_.dependants.find(tunnel); }
 
-  // The tunnels on a cycle with the tunnel, itself included, in ascending order; empty when it is on none. O(1) unless
-  // the tunnel was on one since its next levels changed last; then the smaller of what it leads to and what leads to
-  // it, several times at most. The same is the cost of changing next levels, but O(1) for a tunnel without dependants
-  // and O(next levels) when these have none themselves.
+  // Names the other tunnels on a cycle with this one: those of the same component. O(1).
+  using Component = TunnelFibComponents::Id;
+  static constexpr Component noComponent = TunnelFibComponents::none;
+  Component component(const TunnelId& tunnel) const { return components_.of(tunnel); }
+  // The tunnels on a cycle with the tunnel, itself included, in ascending order; empty when it is on none.
   TunnelIds cycleOf(const TunnelId& tunnel) const;
 
-  std::size_t dependentTunnels() const { return nextLevels_.size(); }
+  std::size_t dependentTunnels() const { return graph_.nextLevels.size(); }
+  // By all searches for cycles so far.
+  std::uint64_t edgesFollowed() const { return components_.edgesFollowed(); }
   std::size_t bytesUsed() const;
 
  private:
-  enum class Direction { down, up };
-  using Visited = Zol::HashCollection<TunnelId>;
-
-  template <class F>
-  void forEachNeighbour(Direction direction, const TunnelId& tunnel, F&& f) const;
-  TunnelIds findCycle(const TunnelId& tunnel) const;
-  bool mayBeOnCycle(const TunnelId& tunnel) const;
-  bool reach(Direction direction, const TunnelId& start, std::size_t edgesMax, const Visited* within,
-             Visited& visited) const;
-
-  Zol::HashCollection<TunnelId, NextLevels> nextLevels_;
-  Zol::HashCollection<TunnelId, DependentTunnels> dependants_;
-  // All tunnels on cycles, and some that were: a cycle only comes with a change of next levels, which files its members
-  // here; who turns out to be on none any more is dropped when it is asked for.
-  mutable Zol::HashCollection<TunnelId> suspects_;
+  TunnelFibGraph graph_;
+  TunnelFibComponents components_;
 };
 
 }  // namespace Tunnel::TunnelTable

@@ -176,6 +176,8 @@ class TunnelFibSm final : public Zol::Reactor {
   template <class Entry>
   void doCollectNextLevels(const Entry& entry);
   void doUpdateDependencies(const TunnelId& tunnelId);
+  void tunnelsForReviewFirst(const TunnelFibDependencies::TunnelIds& tunnelIds);
+  bool reviewFirst();
   bool wasUnprogrammable(const TunnelId& tunnelId) const;
   bool doesDefer(const TunnelId& tunnelId, const TunnelFibCalcResult& result) const;
   void fileDeferredDependants(const TunnelId& tunnelId);
@@ -195,6 +197,7 @@ class TunnelFibSm final : public Zol::Reactor {
   double tunnelReviewDelay_ = 0.01;
   TunnelId tunnelReviewBookmark_;  // where the slice that yielded stopped; zero: none
   Zol::HashCollection<TunnelId> tunnelForReview_;
+  std::vector<TunnelId> first_;  // of these, such as a drain reviews before the others, from the end on
   Zol::HashCollection<TunnelId, bool> markedUnprocessed_;  // true: has an entry; false: was unprogrammable
   Zol::HashCollection<TunnelId> deferred_;  // reviewed, left as they are until a next level has been reviewed
   TunnelFibDependencies dependencies_;

@@ -2,8 +2,8 @@
 //
 //   1. T's table entry is read, once; with it come T's direct next levels. Those that wait for review have it now, up
 //      to a limit.
-//   2. They are recorded. If they changed, the tunnels that were and those that now are on a cycle with T go to review:
-//      they have vias whose verdict may have changed.
+//   2. They are recorded. If they changed, the tunnels with a via that has become cyclic, or is so no longer, go to
+//      review.
 //   3. The vias are computed (TunnelFibViaCalc). Next levels that turn out to be unreviewed go to review.
 //   4. T is deferred while it has nothing to offer but a next level may soon have, while what a next level has is
 //      start-up state and so is T's own, or until unreviewed next levels have been reviewed. Its old entry stands.
@@ -121,7 +121,7 @@ TunnelFibFinding TunnelFibSm::finding(const TunnelId& tunnelId) const {
   TunnelFibFinding finding;
   TunnelFibReview review;
   review.reset(tunnelId);
-  review.cycle = dependencies_.cycleOf(tunnelId);
+  review.component = dependencies_.component(tunnelId);
   const auto onVia = [&](const MplsVia& via, const TunnelFibViaCalcResult& result) {
     TunnelFibFinding::FoundVia found;
     found.via = via;
@@ -149,7 +149,7 @@ TunnelFibFinding TunnelFibSm::finding(const TunnelId& tunnelId) const {
     }
   });
   finding.result.tunnelTableEntryDeletedIs(!exists);
-  finding.cycle = std::move(review.cycle);
+  finding.cycle = dependencies_.cycleOf(tunnelId);
   finding.entry = std::move(review.consFibEntry);
   finding.obstacles = fibEntryObstacles(finding.entry);
   finding.isWaiting = isWaiting(tunnelId);
@@ -180,23 +180,10 @@ void TunnelFibSm::doCollectNextLevels(const Entry& entry) {
 }
 
 void TunnelFibSm::doUpdateDependencies(const TunnelId& tunnelId) {
-  if (dependencies_.hasNextLevels(tunnelId, review_.nextLevels)) {
-    if (!review_.nextLevels.empty()) {
-      review_.cycle = dependencies_.cycleOf(tunnelId);
-    }
-    return;
+  if (dependencies_.nextLevelsIs(tunnelId, review_.nextLevels)) {
+    tunnelsForReviewFirst(dependencies_.turned());
   }
-  const auto file = [&](const TunnelFibDependencies::TunnelIds& cycle) {
-    for (const TunnelId& other : cycle) {
-      if (other != tunnelId) {
-        tunnelForReviewIs(other, true);
-      }
-    }
-  };
-  file(dependencies_.cycleOf(tunnelId));
-  dependencies_.nextLevelsIs(tunnelId, review_.nextLevels);
-  review_.cycle = dependencies_.cycleOf(tunnelId);
-  file(review_.cycle);
+  review_.component = dependencies_.component(tunnelId);
 }
 
 bool TunnelFibSm::wasUnprogrammable(const TunnelId& tunnelId) const {

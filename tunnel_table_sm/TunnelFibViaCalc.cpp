@@ -24,9 +24,9 @@ FASTLOG_DEFAULT_HANDLE("TunnelFibSm");
 
 using Result = TunnelFibViaCalcResult;
 
-// A cycle includes the reviewed tunnel itself.
-bool isCyclic(const TunnelFibReview& review, const TunnelId& next) {
-  return std::binary_search(review.cycle.begin(), review.cycle.end(), next);
+bool isCyclic(const TunnelFibSm& sm, const TunnelFibReview& review, const TunnelId& next) {
+  return next == review.consFibEntry.tunnelId() || (review.component != TunnelFibDependencies::noComponent &&
+                                                    sm.dependencies().component(next) == review.component);
 }
 
 // Several vias through one next level read it once.
@@ -106,7 +106,7 @@ void TunnelFibReview::reset(const TunnelId& tunnelId) {
   consFibEntry.reset(tunnelId);
   nextLevels.clear();
   joined.clear();
-  cycle.clear();
+  component = TunnelFibDependencies::noComponent;
   metMarked = false;
   unreviewed.clear();
   isNextLevelRead = false;
@@ -139,7 +139,7 @@ TunnelFibViaCalcResult calculateTunnelFibEntryMplsVia(const TunnelFibSm& sm, Tun
     return result;
   }
   const TunnelId next = DynamicTunnelIntfId::tunnelId(via.intf());
-  const bool leadsBack = isCyclic(review, next);
+  const bool leadsBack = isCyclic(sm, review, next);
   review.metMarked |= !leadsBack && sm.isFromEarlierRun(next);
   if (sm.tunnelFibEntryMarkedUnprocessed(next)) {
     FASTLOG_TRACE(7, "      Skipping vias for tunnel " << next << " (marked unprocessed)");

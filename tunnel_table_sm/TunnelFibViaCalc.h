@@ -6,6 +6,7 @@
 
 #include "tunnel/ConsolidatedTunnelFibEntry.h"
 #include "tunnel/TunnelFibViaCalcResult.h"
+#include "tunnel_table_sm/TunnelFibDependencies.h"
 
 namespace Tunnel::TunnelTable {
 
@@ -23,7 +24,7 @@ struct TunnelFibReview {
   ConsolidatedTunnelFibEntry consFibEntry;
   std::vector<TunnelId> nextLevels;  // direct ones: ascending, without doubles
   std::vector<TunnelId> joined;      // those of them that vias were joined from
-  std::vector<TunnelId> cycle;       // the tunnels on a cycle with the reviewed one: ascending
+  TunnelFibDependencies::Component component = TunnelFibDependencies::noComponent;  // of the reviewed tunnel
   bool metMarked = false;            // a next level is as an earlier run left it
   std::vector<TunnelId> unreviewed;  // next levels whose FIB entry is not what their own review would make of it
   TunnelId nextLevel;                // whose vias are below
