@@ -67,7 +67,7 @@ void TunnelFibComponents::edgesChanged(const TunnelFibGraph& graph, const Tunnel
   }
 }
 
-// Down from the new edges and up from the tunnel, whichever is the cheaper. When one direction is complete, the tunnels
+// Down from the new edges and up from the tunnel, the cheaper one first. When one direction is complete, the tunnels
 // that join are among those that it found.
 void TunnelFibComponents::join(const TunnelFibGraph& graph, const TunnelId& tunnel, const TunnelIds& added) {
   const Id own = of(tunnel);

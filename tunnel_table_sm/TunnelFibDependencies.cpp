@@ -51,7 +51,7 @@ bool TunnelFibDependencies::nextLevelsIs(const TunnelId& tunnel, std::span<const
   if (nextLevels.empty()) {
     graph_.nextLevels.erase(tunnel);
   }
-  if (graph_.dependants.has(tunnel)) {  // else it neither was on a cycle nor is: what was to lead to it is recorded
+  if (graph_.dependants.has(tunnel)) {  // without dependants it is on no cycle
     const TunnelIds old = idsOf(&earlier);
     components_.edgesChanged(graph_, tunnel, difference(nextLevels, old), difference(old, nextLevels));
   }
