@@ -99,7 +99,8 @@ void Region::extendTo(size_t bytes) {
       }
     }
   }
-  throw NoSpace("a shared table of " + std::to_string(from) + " bytes cannot grow to " + std::to_string(bytes));
+  throw NoSpace("a shared table of " + std::to_string(from) + " bytes cannot grow to " + std::to_string(bytes) +
+                ": its range of addresses is used up");
 }
 
 void Region::shrinkTo(size_t bytes) {

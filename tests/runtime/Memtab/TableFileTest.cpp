@@ -390,7 +390,8 @@ TEST(MemtabFile, limits) {
   EXPECT_GT(n, 500);
   const ReaderFile readerFile = readerOf(scene);
   EXPECT_EQ(walk(Reader(readerFile.view(), fileHashes), 0).size(), static_cast<size_t>(n));
-  const FileView narrow(std::make_shared<const Descriptor>(open(file.path().c_str(), O_RDONLY | O_CLOEXEC)), 0);
+  const FileView narrow(std::make_shared<const Descriptor>(open(file.path().c_str(), O_RDONLY | O_CLOEXEC)),
+                        file.path(), 0);
   EXPECT_EQ(walk(Reader(narrow.view(), fileHashes), 0).size(), static_cast<size_t>(n));
 }
 
