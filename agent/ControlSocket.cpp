@@ -81,7 +81,7 @@ void ControlSocket::listen(const std::string& stateDirectory) {
     fail(path_, "cannot be made");
   }
   if (::listen(listener_.get(), static_cast<int>(clientsMax)) != 0) {
-    fail(path_, "nobody can connect");
+    fail(path_, "no client can connect");
   }
   inode_ = inodeOf(path_);
 }

@@ -23,31 +23,40 @@ std::string publisherText(std::uint64_t pid) {
 Publishers::Publishers(const AgentState& state, const Zol::Ptr<Quor::TaskScheduler>& scheduler)
     : state_(state), again_(*this, &Publishers::lookAgain, scheduler, lookPriority, "Publishers") {
   for (const TableId table : allTables()) {
-    seen_[table] = seenAt(table, {}, true);
+    Seen first;
+    first.mirror = state_.entityManager()->mirror(Model::tunnelTableInfo(table).path);
+    seen_[table] = seenAfter(first, true);
   }
+  updateReasons();
 }
 
-auto Publishers::seenAt(TableId table, const Seen& before, bool asks) const -> Seen {
-  const Memtab::MirrorStore* const mirror = state_.entityManager()->mirror(Model::tunnelTableInfo(table).path);
-  if (mirror == nullptr || !mirror->isBound()) {
-    return {};
+auto Publishers::seenAfter(const Seen& before, bool asks) -> Seen {
+  Seen now;
+  now.mirror = before.mirror;
+  if (now.mirror == nullptr || !now.mirror->isBound()) {
+    return now;
   }
-  const Memtab::Reader& reader = mirror->reader();
-  Seen now{true, reader.epoch(), reader.ownerPid(), before.last, reader.ready(), before.isPresent};
-  const bool hasChanged = now.epoch != before.epoch || now.pid != before.pid || now.isReady != before.isReady;
-  now.isPresent = asks || hasChanged || !before.isBound ? mirror->isOwned() : before.isPresent;
-  if (now.pid != 0) {
-    now.last = now.pid;
-  } else if (now.epoch != before.epoch) {
-    now.last = 0;
-  }
+  const Memtab::Reader& reader = now.mirror->reader();
+  now.isBound = true;
+  now.epoch = reader.epoch();
+  now.pid = reader.ownerPid();
+  now.isReady = reader.ready();
+  const bool isNew = now.epoch != before.epoch;
+  now.last = now.pid != 0 || isNew ? now.pid : before.last;
+  const bool hasChanged = isNew || now.pid != before.pid || now.isReady != before.isReady || !before.isBound;
+  now.isPresent = asks || hasChanged ? now.mirror->isOwned() : before.isPresent;
   return now;
 }
 
 void Publishers::look(bool asksAll) {
   std::map<std::string, std::vector<std::string>> tablesByEvent;
+  bool hasChanged = false;
   for (auto& [table, before] : seen_) {
-    const Seen now = seenAt(table, before, asksAll);
+    const Seen now = seenAfter(before, asksAll);
+    if (now == before) {
+      continue;
+    }
+    hasChanged = true;
     const bool hasCome = now.isBound && (now.epoch != before.epoch || (now.isPresent && now.last != before.last));
     const bool hasLeft = (before.isPresent || hasCome) && now.isBound && !now.isPresent;
     std::string event = hasCome ? publisherText(now.last) + " came" : "";
@@ -63,6 +72,9 @@ void Publishers::look(bool asksAll) {
     const bool isPresent = event.ends_with(" came");
     const std::string rest = isPresent ? "" : "; complete, " + counted(entriesOf(tables), "entry", "entries");
     logBounded(LogLevel::info, "publishers", tablesText(tables) + ": " + event + rest);
+  }
+  if (hasChanged) {
+    updateReasons();
   }
 }
 
@@ -92,8 +104,8 @@ std::size_t Publishers::entriesOf(const std::vector<std::string>& tables) const 
   return count;
 }
 
-std::vector<Reason> Publishers::reasons() const {
-  std::vector<Reason> reasons;
+void Publishers::updateReasons() {
+  reasons_.clear();
   for (const auto& [table, seen] : seen_) {
     if (!seen.isBound || seen.isReady) {
       continue;
@@ -101,11 +113,10 @@ std::vector<Reason> Publishers::reasons() const {
     const char* const what = seen.isPresent  ? " has not completed it"
                              : seen.pid == 0 ? " left without completing it"
                                              : " died";
-    reasons.push_back({"table " + Zol::stringOf(table), "incomplete: " + publisherText(seen.last) + what,
-                       "entries that it did not publish again stay installed until a publisher completes the table",
-                       seen.isPresent});
+    reasons_.push_back({"table " + Zol::stringOf(table), "incomplete: " + publisherText(seen.last) + what,
+                        "entries that it did not publish again stay installed until a publisher completes the table",
+                        seen.isPresent});
   }
-  return reasons;
 }
 
 }  // namespace Agent

@@ -26,25 +26,29 @@ class Publishers {
   // As look(), for all tables, and repeated shortly: files below the directory have changed.
   void handleRescan();
   // The incomplete tables. As of the last look().
-  std::vector<Reason> reasons() const;
+  const std::vector<Reason>& reasons() const { return reasons_; }
 
  private:
   struct Seen {
+    const Memtab::MirrorStore* mirror = nullptr;
     bool isBound = false;
     std::uint64_t epoch = 0;
     std::uint64_t pid = 0;   // of the writer; 0: it closed the table in good order
     std::uint64_t last = 0;  // the writer that was seen last; 0: unknown
     bool isReady = false;
     bool isPresent = false;
+    bool operator==(const Seen&) const = default;
   };
 
   void look(bool asksAll);
   void lookAgain();
-  Seen seenAt(TableId table, const Seen& before, bool asks) const;
+  static Seen seenAfter(const Seen& before, bool asks);
+  void updateReasons();
   std::size_t entriesOf(const std::vector<std::string>& tables) const;
 
   const AgentState& state_;
   std::map<TableId, Seen> seen_;
+  std::vector<Reason> reasons_;
   Quor::OwnedTask<Publishers> again_;
   double againDelay_ = 0;  // seconds
 };

@@ -7,15 +7,14 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <set>
 #include <utility>
 
 #include "agent/AgentStats.h"
+#include "agent/HeldUpCauses.h"
 #include "agent/InputError.h"
 #include "agent/Log.h"
 #include "agent/Tracing.h"
 #include "runtime/Memtab/CorruptionException.h"
-#include "runtime/Memtab/NoSpaceWitness.h"
 
 namespace Agent {
 namespace {
@@ -25,35 +24,6 @@ constexpr timespec beforeNewBeginning = {0, 100'000'000};  // whoever spoils tab
 constexpr timespec beforeNextTry = {1, 0};
 constexpr timespec whileBusy = {0, 20'000'000};
 constexpr double busySecondsMax = 1;
-
-// The same damage is met again and again until it is repaired; one line is enough, and a file describes it too.
-void logDamage(const std::string& table, const std::string& message) {
-  static std::set<std::string> logged;
-  constexpr std::size_t linesMax = 10000;
-  constexpr double hour = 3600;
-  const std::string cause = "damage in table " + table;
-  const std::string line = cause + ": " + message;
-  if (logged.size() < linesMax && logged.insert(line).second) {
-    logBounded(LogLevel::error, cause, line, hour);
-  }
-}
-
-// The files that could not grow, with the system's error, since all tunnels had space last.
-std::map<std::string, std::string>& filesWithoutSpace() {
-  static std::map<std::string, std::string> files;
-  return files;
-}
-
-// "FIB", "RIB system", or the table's path below the state directory.
-std::string tableName(const std::string& path) {
-  const std::string protocolRib = protocolRibPathPrefix;
-  const std::string customRib = Model::tunnelRibStatusPathPrefix;
-  return path == fibPath                 ? "FIB"
-         : path == systemRibPath         ? "RIB system"
-         : path.starts_with(protocolRib) ? "per-protocol RIB " + path.substr(protocolRib.size())
-         : path.starts_with(customRib)   ? "RIB number " + path.substr(customRib.size())
-                                         : path;
-}
 
 Memtab::Descriptor signalDescriptor() {
   sigset_t answered;
@@ -232,22 +202,12 @@ std::vector<Reason> ServeCommand::reasonsNow() const {
       reasons.push_back({object, problem, consequence});
     }
   };
-  for (Reason& reason : publishers_.reasons()) {
-    reasons.push_back(std::move(reason));
-  }
+  reasons.insert(reasons.end(), publishers_.reasons().begin(), publishers_.reasons().end());
   add("state directory", feed_->trouble(), "tried again every second; tables are read once a second meanwhile");
   add("status tables", status_.trouble(), "written again every second; readers see the state before");
   add("control socket", controlTrouble_, "the agent works without it until its place changes");
-  const bool isHeldUp = host_.heldUp() != 0;
-  if (!isHeldUp && status_.trouble().empty()) {
-    filesWithoutSpace().clear();
-  }
-  for (const auto& [path, error] : filesWithoutSpace()) {
-    add(tableName(path.substr(std::min(path.size(), options_.stateDirectory.size() + 1))),
-        "no space: " + path + ": cannot grow: " + error, "tunnels that do not fit wait; they are tried every second");
-  }
-  if (isHeldUp && filesWithoutSpace().empty()) {
-    add("tunnels", "held up by tables that cannot be read", "their entries stay; they are tried every second");
+  for (Reason& reason : heldUpReasons(options_.stateDirectory, host_.heldUp() != 0)) {
+    reasons.push_back(std::move(reason));
   }
   if (host_.ribConfigDirSm() != nullptr) {
     for (const auto& [name, reason] : host_.ribConfigDirSm()->unmadeRibs()) {
@@ -270,7 +230,7 @@ void ServeCommand::startIfReady() {
   if (waitingFor != waitingFor_) {
     waitingFor_ = std::move(waitingFor);
     for (const std::string& each : waitingFor_) {
-      log(LogLevel::notice, "waiting: " + each);
+      logBounded(LogLevel::notice, "waiting", "waiting: " + each);
     }
     service_.look();
   }
@@ -387,9 +347,7 @@ OrderedJson ServeCommand::stats() const {
 
 void ServeLoop::run() {
   raiseDescriptorLimit();
-  Memtab::MapBase::damageWitnessIs(logDamage);
-  Memtab::noSpaceWitnessIs(
-      [](const std::string& path, const std::string& error) { filesWithoutSpace()[path] = error; });
+  heldUpCausesAreWatched();
   ConfigInForce config = configOf(options_);
   bool hasBegun = false;
   const auto tellUnlessFirst = [&hasBegun](const Zol::Exception& reason) {
@@ -407,7 +365,8 @@ void ServeLoop::run() {
       command.run();
       return;
     } catch (const Memtab::CorruptionException& lost) {
-      log(LogLevel::error, std::string("a table of the agent is damaged: ") + lost.what() + "; restarting internally");
+      logBounded(LogLevel::error, "restarts",
+                 std::string("a table of the agent is damaged: ") + lost.what() + "; restarting internally");
       pause = beforeNewBeginning;
     } catch (const Memtab::NoSpace& full) {
       tellUnlessFirst(full);

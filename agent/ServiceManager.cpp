@@ -39,9 +39,12 @@ double beatSeconds() {
   return isForUs ? static_cast<double>(numberIn("WATCHDOG_USEC").value_or(0)) * 1e-6 / 3 : 0;
 }
 
+// Nothing: errno has the reason.
 Memtab::Descriptor datagramSocket() {
   Memtab::Descriptor made(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  setsockopt(made.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+  if (made) {
+    setsockopt(made.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+  }
   return made;
 }
 
@@ -50,7 +53,6 @@ Memtab::Descriptor datagramSocket() {
 ServiceManager::ServiceManager(const Zol::Ptr<Quor::TaskScheduler>& scheduler, StatusText statusText)
     : statusText_(std::move(statusText)),
       address_(address()),
-      socket_(datagramSocket()),
       beatSeconds_(address_ ? beatSeconds() : 0),
       signOfLife_(*this, &ServiceManager::doSignOfLife, scheduler, backlogPriority, "ServiceManager"),
       beat_(signOfLife_, &Quor::Task::scheduleTask, scheduler->activityConfig().clock()) {
@@ -119,8 +121,11 @@ void ServiceManager::send(const std::string& message, int flags) {
     return;
   }
   const auto* const name = reinterpret_cast<const sockaddr*>(&address_->name);
+  if (!socket_) {
+    socket_ = datagramSocket();
+  }
   const bool isSent =
-      sendto(socket_.get(), message.data(), message.size(), MSG_NOSIGNAL | flags, name, address_->size) >= 0;
+      socket_ && sendto(socket_.get(), message.data(), message.size(), MSG_NOSIGNAL | flags, name, address_->size) >= 0;
   if (!isSent && !hasFailed_) {
     log(LogLevel::warning, "NOTIFY_SOCKET: cannot be written: " + std::string(environment("NOTIFY_SOCKET")) + ": " +
                                std::strerror(errno) + "; the service manager is not notified");

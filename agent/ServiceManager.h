@@ -52,8 +52,8 @@ class ServiceManager {
 
   const StatusText statusText_;
   const std::optional<Address> address_;  // nothing: nobody to tell
-  const Memtab::Descriptor socket_;
-  const double beatSeconds_;  // 0: no sign of life is wanted
+  Memtab::Descriptor socket_;             // made when the first message is sent
+  const double beatSeconds_;              // 0: no sign of life is wanted
   Quor::OwnedTask<ServiceManager> signOfLife_;
   Quor::OwnedClockNotifiee<Quor::Task> beat_;
   std::string status_;  // as told last

@@ -60,14 +60,13 @@ void TableTroubles::look() {
     logBounded(LogLevel::notice, "unreadable tables", tablesText(readable) + ": readable again");
   }
   troubles_ = std::move(now);
+  reasons_ = reasonsOf(troubles_);
 }
 
 auto TableTroubles::troubleAt(const std::string& path) const -> Trouble {
   const Memtab::MirrorStore* const mirror = state_.entityManager()->mirror(path);
   return mirror == nullptr ? Trouble() : Trouble{path, mirror->trouble(), mirror->isBound()};
 }
-
-std::vector<Reason> TableTroubles::reasons() const { return reasonsOf(troubles_); }
 
 // A text names the table's file, a directory above it, or neither. The file is no part of the cause.
 std::vector<Reason> TableTroubles::reasonsOf(const Troubles& troubles) const {

@@ -23,7 +23,7 @@ class TableTroubles {
   // Logs which tables of the protocols have become unreadable since the last call, and which are readable again.
   void look();
   // One for each cause. As of the last look().
-  std::vector<Reason> reasons() const;
+  const std::vector<Reason>& reasons() const { return reasons_; }
   // Whether every table that was ever there can be read as its publisher left it. As of the entity manager's last scan.
   bool canReadAll() const;
 
@@ -41,6 +41,7 @@ class TableTroubles {
 
   const AgentState& state_;
   Troubles troubles_;  // as logged
+  std::vector<Reason> reasons_;
 };
 
 }  // namespace Agent

@@ -1,5 +1,5 @@
-// NoSpaceWitness: a function that is called when a table's file cannot grow. The writer goes on with the records that
-// fit, but an operator must see which file system is full. One for a process.
+// NoSpaceWitness: a function that is called when a table's file cannot grow. The writer continues with the records
+// that fit, but an operator must see which file system is full. One for a process.
 #pragma once
 
 #include <string>

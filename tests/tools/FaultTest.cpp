@@ -44,9 +44,8 @@ const Fault ofTheAgent[] = {
     {__LINE__, "signalfd", EMFILE, "", {"serve"}, "signals: no descriptor to receive them: "},
     {__LINE__, "socket", EMFILE, "", {"serve"}, "/agent.sock: no socket: "},
     {__LINE__, "bind", EACCES, "", {"serve"}, "/agent.sock: cannot be made: "},
-    {__LINE__, "listen", EADDRINUSE, "", {"serve"}, "/agent.sock: nobody can connect: "},
+    {__LINE__, "listen", EADDRINUSE, "", {"serve"}, "/agent.sock: no client can connect: "},
     {__LINE__, "none", EISDIR, "", {"serve", "--config", "/usr"}, "tunnel-agent: /usr: cannot be read: "},
-    {__LINE__, "none", ENOENT, "", {"serve", "--config", "/no/file"}, "tunnel-agent: /no/file: cannot be opened: "},
 };
 const Fault ofTheTools[] = {
     {__LINE__, "openat", EACCES, "tunnelFib", {"show", "fib"}, "/tunnel/tunnelFib: table cannot be opened: "},
@@ -61,12 +60,18 @@ const Fault ofTheTools[] = {
      "/ldp",
      {"publish", "--table", "ldp"},
      "/tunnel/table/ldp: no memory for its "},
+    {__LINE__,
+     "renameat2",
+     EACCES,
+     "rsvp",
+     {"publish", "--table", "rsvp"},
+     "/tunnel/table/rsvp: not a table of ours ("},
     {__LINE__, "none", EISDIR, "", {"publish", "/usr"}, "/usr: cannot be read: "},
 };
 
 class Faults : public testing::Test, protected Lab {
  protected:
-  // The output of the command, at its end or, of an agent that goes on, as soon as it has the expected text.
+  // The output of the command at its end; of an agent, as soon as it has the expected text.
   std::string saidUnder(const Fault& fault, const std::string& program, const std::string& state) const {
     std::vector<std::string> words = {
         "/usr/bin/env", std::string("LD_PRELOAD=") + FAULT_SHIM_PATH,
@@ -93,6 +98,7 @@ TEST_F(Faults, everyFailedCallIsReportedWithPathAndReason) {
         << "case in line " << fault.line << ": " << said;
   }
   publishLab();
+  scratch().fileWith("state/tunnel/table/rsvp", "no table");
   for (const Fault& fault : ofTheTools) {
     const std::string said = saidUnder(fault, TUNNELCTL_PATH, stateDirectory());
     const std::size_t at = said.find(fault.says);

@@ -82,15 +82,6 @@ TEST_F(Start, aRefusalNamesItsCause) {
   }
 }
 
-TEST_F(Start, anotherAgentIsNamedByItsProcess) {
-  Support::Process agent = serve();
-  ASSERT_TRUE(agent.says("ready"));
-  Support::Process second = serveAs("second.log");
-  EXPECT_EQ(second.wait(), 1);
-  EXPECT_NE(second.output().find("another agent serves this directory: "), std::string::npos) << second.output();
-  EXPECT_NE(second.output().find("pid " + std::to_string(agent.pid()) + " (tunnel-agent)"), std::string::npos);
-}
-
 // Fails if an agent that is killed keeps its successor from starting: its locks go with the last of the process.
 TEST_F(Start, anAgentThatIsStillGoingIsWaitedFor) {
   { ASSERT_TRUE(serve().says("ready")); }

@@ -9,11 +9,9 @@
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <string>
 
@@ -65,17 +63,13 @@ Function* next(const char* name) {
     return fails(#name, path) ? failure : real arguments;          \
   }
 
-FAULTY(int, open, (const char* path, int flags, mode_t mode), (path, flags, mode), path, -1)
 FAULTY(int, openat, (int at, const char* path, int flags, mode_t mode), (at, path, flags, mode), path, -1)
-FAULTY(FILE*, fopen, (const char* path, const char* mode), (path, mode), path, nullptr)
-FAULTY(FILE*, fopen64, (const char* path, const char* mode), (path, mode), path, nullptr)
 FAULTY(int, fstatat, (int at, const char* path, struct stat* facts, int flags), (at, path, facts, flags), path, -1)
 FAULTY(int, mkdirat, (int at, const char* path, mode_t mode), (at, path, mode), path, -1)
 FAULTY(int, linkat, (int from, const char* path, int at, const char* name, int flags), (from, path, at, name, flags),
        name, -1)
 FAULTY(int, renameat2, (int from, const char* path, int at, const char* name, unsigned flags),
        (from, path, at, name, flags), path, -1)
-FAULTY(int, unlink, (const char* path), (path), path, -1)
 FAULTY(int, fchmod, (int fd, mode_t mode), (fd, mode), pathOf(fd), -1)
 FAULTY(int, fcntl, (int fd, int command, void* argument), (fd, command, argument), pathOf(fd), -1)
 FAULTY(int, posix_fallocate, (int fd, off_t from, off_t size), (fd, from, size), pathOf(fd), fault().error)
