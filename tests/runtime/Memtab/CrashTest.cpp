@@ -22,6 +22,7 @@ class Enumeration {
   // Runs op to its end, which becomes the table's content, if isKept.
   void run(const Op& op, bool isKept = true) {
     begin(op);
+    bool wasNew = false;
     for (size_t n = 0; n < stores_; ++n) {
       SCOPED_TRACE("death before store " + std::to_string(n) + " of " + std::to_string(stores_));
       memory_.bytesAre(before_);
@@ -29,6 +30,8 @@ class Enumeration {
       life.left = n;
       ASSERT_FALSE(life.run(op));
       const Contents seen = look(*life.store);
+      EXPECT_TRUE(seen == contents_[1] || !wasNew) << "a later store takes the change back";
+      wasNew = seen == contents_[1];
       const uint64_t sequence = life.store->reader().sequence();
       const uint64_t intent = life.store->reader().intent();
       EXPECT_EQ(life.rings != 0, sequence != sequences_[0]) << "each visible change rings, and nothing else";

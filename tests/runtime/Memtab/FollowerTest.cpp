@@ -1,5 +1,3 @@
-#include <thread>
-
 #include "tests/runtime/Memtab/FollowerScene.h"
 
 namespace Memtab {
@@ -73,43 +71,6 @@ TEST(MemtabFollower, mirrorEqualsTable) {
     EXPECT_GT(ringFollowed, 50u);
     EXPECT_GT(compared, 50u);
   }
-}
-
-// A reader polls a little now and then while a writer makes a million changes. Fails if it does not end with
-// the exact table.
-TEST(MemtabFollower, sleepsThroughAMillionChanges) {
-  StateDirectoryScene files;
-  WriterFile file(files.path, "table", fileFingerprint, 2);
-  auto store = std::make_unique<Store>(file.region(), fileFingerprint, numberHashes);
-  for (uint64_t key = 0; key < 100000; ++key) {
-    put(*store, key, std::to_string(key));
-  }
-  file.publish();
-  const ReaderFile readerFile(files.path, "table", fileFingerprint, 2);
-  const Reader reader(readerFile.view(), numberHashes);
-  Mirror mirror(reader);
-  std::thread writer([&] {
-    Random random(1);
-    for (unsigned n = 0; n < 1000000; ++n) {
-      const uint64_t key = random() % 100000;
-      if (random() % 4 == 0) {
-        del(*store, key);
-      } else {
-        put(*store, key, std::to_string(random()));
-      }
-    }
-  });
-  mirror.poll(200000);
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  for (int i = 0; i < 20; ++i) {
-    mirror.poll(5000);
-  }
-  writer.join();
-  while (mirror.poll()) {
-  }
-  EXPECT_TRUE(mirror.numbers == numbersIn(reader));
-  EXPECT_TRUE(mirror.damages.empty());
-  EXPECT_TRUE(mirror.settle().empty());
 }
 
 // Fails if one change has to wait until the bulk before it has been told, whether the ring still has that or not.
