@@ -1,6 +1,6 @@
 // Changes: what tells readers that something changed, and what.
 //
-//   intent stored  ->  index words stored  ->  ring slots written  ->  sequence moved
+//   intent stored  ->  index words stored  ->  ring slots written  ->  sequence moved  ->  sleepers woken
 //
 // One operation, a put or a group of them, is several changes with one move of the sequence: readers that follow it
 // never see a part. An intent that is ahead of the sequence says that the operation was not completed; a successor
@@ -9,6 +9,8 @@
 
 #include <algorithm>
 #include <array>
+#include <functional>
+#include <utility>
 
 #include "runtime/Memtab/Pen.h"
 
@@ -57,6 +59,14 @@ class Changes {
   void end(uint64_t count) {
     sequence_ += count;
     pen_->store(sequenceAt, sequence_);
+    published();
+  }
+  // Called by published(): after each move of the sequence, before any other store.
+  void publishedCallbackIs(std::function<void()> callback) { callback_ = std::move(callback); }
+  void published() const {
+    if (callback_) {
+      callback_();
+    }
   }
 
  private:
@@ -64,6 +74,7 @@ class Changes {
     return ring_.offset() + (sequence & (ring_.words() / RingSlot::words - 1)) * lineBytes;
   }
 
+  std::function<void()> callback_;
   Pen<Stores>* pen_;
   Place ring_;
   uint64_t sequence_ = 0;

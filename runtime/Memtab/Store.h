@@ -126,11 +126,11 @@ class BasicStore {
   void readyIs(bool ready) {
     if (ready != this->ready()) {
       pen_.store(readyAt, ready ? 1 : 0);
-      publish();
+      changes_.published();
     }
   }
   // Called after the store that completes a change, before any other store. It must not use this object.
-  void publishedCallbackIs(std::function<void()> published) { published_ = std::move(published); }
+  void publishedCallbackIs(std::function<void()> published) { changes_.publishedCallbackIs(std::move(published)); }
   // The writer leaves in good order: nothing may be written any more.
   void close() { pen_.store(ownerAt, 0); }
 
@@ -172,11 +172,6 @@ class BasicStore {
   }
   std::span<const uint64_t> blockOf(unsigned collection, Bytes key, Bytes record);
   void storeEntries(unsigned collection);
-  void publish() const {
-    if (published_) {
-      published_();
-    }
-  }
   void changed(unsigned collection, Bytes key, bool isCountChanged);
 
   Group::Item& stage(unsigned collection, uint64_t hash, Bytes key, const Probe& found);
@@ -200,7 +195,6 @@ class BasicStore {
   Group group_;
   Compacting compacting_;
   TakeOver takeOver_;
-  std::function<void()> published_;
 };
 
 template <class Stores>
@@ -250,7 +244,6 @@ void BasicStore<Stores>::changed(unsigned collection, Bytes key, bool isCountCha
   }
   changes_.log(0, collection, key);
   changes_.end(1);
-  publish();
   index(collection).leaveReserve();
   requireIntact();
 }

@@ -160,7 +160,6 @@ void BasicStore<Stores>::groupEnd(F&& changed) {
     changes_.log(i, changes[i]->collection, group_.key(*changes[i]));
   }
   changes_.end(changes.size());
-  publish();
   for (Index<Stores>& index : indexes_) {
     index.leaveReserve();
   }
