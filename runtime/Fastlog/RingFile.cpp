@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -65,21 +66,28 @@ void makeRoom(const std::string& path, const std::string& previous, bool keepsPr
   }
 }
 
-int createFile(const std::string& path, const RingHeader& header, std::size_t bytes) {
+int createFile(const std::string& path) {
   const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0640);
   if (fd < 0) {
     refuse(path, std::string("cannot be created: ") + std::strerror(errno));
   }
-  int error = posix_fallocate(fd, 0, static_cast<off_t>(bytes));
-  if (error == 0 && pwrite(fd, &header, sizeof header, 0) != sizeof header) {
-    error = errno;
-  }
-  if (error != 0) {
-    close(fd);
-    unlink(path.c_str());
-    refuse(path, "cannot allocate " + std::to_string(bytes) + " bytes: " + std::strerror(error));
-  }
   return fd;
+}
+
+// Two trace files take a sixteenth of a small file system at most, so that a restart leaves tables their space.
+std::size_t defaultSize(int fd) {
+  constexpr std::size_t bytesMin = slotBytes * 65;
+  struct statvfs facts {};
+  if (fstatvfs(fd, &facts) != 0 || facts.f_blocks == 0) {
+    return RingFile::bytesDefault;
+  }
+  return std::clamp<std::size_t>(facts.f_blocks * facts.f_frsize / 32, bytesMin, RingFile::bytesDefault);
+}
+
+// Returns 0, or the error.
+int allocate(int fd, const RingHeader& header, std::size_t bytes) {
+  const int error = posix_fallocate(fd, 0, static_cast<off_t>(bytes));
+  return error == 0 && pwrite(fd, &header, sizeof header, 0) != sizeof header ? errno : error;
 }
 
 // Appends a text without control characters.
@@ -106,18 +114,23 @@ void RingFile::note(std::string_view source, unsigned level, std::string_view te
 RingFile::RingFile(const std::string& name, std::optional<std::size_t> bytes, const std::string& previousName,
                    std::uint64_t linesBefore, unsigned bytesMaxLog2, Threading, bool keepsPrevious)
     : path_(withProcessId(name)), sequence_(linesBefore) {
-  const std::size_t size = bytes.value_or(bytesDefault);
-  const std::size_t slots = std::max(size / slotBytes, std::size_t{1}) - 1;
-  if (slots < 4 || size >> std::min(bytesMaxLog2, ringBytesMaxLog2) != 0) {
-    refuse(path_, "a size of " + std::to_string(size) + " bytes is not allowed");
+  if (bytes && (*bytes < 5 * slotBytes || *bytes >> std::min(bytesMaxLog2, ringBytesMaxLog2) != 0)) {
+    refuse(path_, "a size of " + std::to_string(*bytes) + " bytes is not allowed");
   }
+  makeRoom(path_, previousName.empty() ? path_ + ".1" : previousName, keepsPrevious);
+  fd_ = createFile(path_);
+  const std::size_t slots = (bytes ? *bytes : defaultSize(fd_)) / slotBytes - 1;
   events_ = {1, slots / 4};
   details_ = {1 + events_.slots, slots - events_.slots};
   RingHeader header;
   header.eventSlots = static_cast<std::uint32_t>(events_.slots);
   header.detailSlots = static_cast<std::uint32_t>(details_.slots);
-  makeRoom(path_, previousName.empty() ? path_ + ".1" : previousName, keepsPrevious);
-  fd_ = createFile(path_, header, (1 + slots) * slotBytes);
+  const std::size_t size = (1 + slots) * slotBytes;
+  if (const int error = allocate(fd_, header, size); error != 0) {
+    close(fd_);
+    unlink(path_.c_str());
+    refuse(path_, "cannot allocate " + std::to_string(size) + " bytes: " + std::strerror(error));
+  }
 }
 
 RingFile::~RingFile() {

@@ -25,7 +25,7 @@ class RingFile {
 
   // Creates the file. The process id takes the place of "%d" in the name.
   //
-  //   bytes           size of the file, rounded down to whole slots; nothing: bytesDefault
+  //   bytes           size of the file, rounded down to whole slots; nothing: bytesDefault, less on a small file system
   //   previousName    new name of the trace file that has this name now; empty: the name and ".1"
   //   linesBefore     the first line gets the next number
   //   bytesMaxLog2    largest size, as a power of two

@@ -128,5 +128,23 @@ TEST_F(TraceFile, aFileThatCannotBeCreatedIsAWarning) {
   EXPECT_TRUE(agent.says("tunnel-agent: trace file /nonexistent/Tunnel.fl" + problem)) << agent.output();
 }
 
+// Fails if a restart, which keeps a second file, takes the space of tables on a small file system.
+TEST_F(TraceFile, takesLittleOfASmallFileSystem) {
+  Fs::create_directory(scratch() / "small");
+  const std::string mount = "mount -t tmpfs -o size=2m tmpfs " + (scratch() / "small");
+  if (Support::Process({"/usr/bin/unshare", "-m", "/bin/sh", "-c", mount}, scratch() / "mount").wait() != 0) {
+    GTEST_SKIP() << "no permission to mount a file system";
+  }
+  const std::string run = "FASTLOGDIR=" + (scratch() / "small") + " " TUNNEL_AGENT_PATH " run " +
+                          scratch().fileWith("lab.jsonl", labScenario);
+  const std::string sizes = "stat -c '%n %s' " + (scratch() / "small/*");
+  Support::Process process(
+      {"/usr/bin/unshare", "-m", "/bin/sh", "-c", mount + " && " + run + " && " + run + " && " + sizes},
+      scratch() / "output");
+  EXPECT_EQ(process.wait(), 0);
+  EXPECT_TRUE(process.says("Tunnel.fl 65536\n", 0)) << process.output();
+  EXPECT_TRUE(process.says("Tunnel.fl.1 65536\n", 0)) << process.output();
+}
+
 }  // namespace
 }  // namespace Tools
