@@ -96,6 +96,8 @@ TEST_F(Program, exitStatusTellsWhatWentWrong) {
            {__LINE__, "run --state --why ldpTunnel/5 " + good, 2, "--tunnel and --why need --state=FILE"},
            {__LINE__, "run --state=" + file("s.json") + " --why ldpTunnel/5 " + good, 0, "why ldpTunnel/5\n"},
            {__LINE__, "run --trace ldp " + good, 2, "--trace"},
+           {__LINE__, "run --trace foo=3 " + good, 2, "unknown trace source 'foo'; known are * (all), Memtab"},
+           {__LINE__, "run --trace TunnelFibSm=8 " + good, 0, "TunnelFibWriter::handleInitialized()\n"},
            {__LINE__, "run --yield-every 0 " + good, 2, "--yield-every"},
            {__LINE__, "serve --wait-limit nan", 2, "--wait-limit: nan is not a number"},
            {__LINE__, "run --checkpoint-each-settle " + good, 2, "--checkpoints"},
