@@ -205,14 +205,16 @@ TEST_F(ServeTrouble, aDamagedCountIsNoSize) {
 
 // Fails if a RIB is said to have caught up with a BGP that is still filling its table anew.
 TEST_F(ServeTrouble, aDeclarationEndsWithTheTableItWasMadeFor) {
-  const std::string lines =
-      R"({"table": "bgpLu", "put": {"index": 1, "tep": "10.1.0.1/32", "vias": [{"nextHop": "192.0.2.1", "intf": "if12"}]}})"
-      "\n{\"bgpLuConverged\": true}\n";
-  ASSERT_EQ(publishAll({scratch().fileWith("bgp.jsonl", lines)}), 0);
+  const auto put = [](const std::string& i) {
+    return R"({"table": "bgpLu", "put": {"index": )" + i + R"(, "tep": "10.1.0.)" + i +
+           R"(/32", "vias": [{"nextHop": "192.0.2.1", "intf": "if12"}]}})" + "\n";
+  };
+  const std::string declaration = "{\"bgpLuConverged\": true}\n";
+  ASSERT_EQ(publishAll({scratch().fileWith("bgp.jsonl", put("1") + declaration)}), 0);
   const Support::Process agent = serve({"--config", ribFile("")});
   ASSERT_TRUE(Support::becomes([&] { return document()["convergence"].contains("0"); })) << agent.output();
   const Support::Process successor = publish({"--table", "bgpLu", "-"}, "successor.log");
-  successor.tell(lines.substr(0, lines.find('\n') + 1));
+  successor.tell(put("1"));
   ASSERT_TRUE(Support::becomes([&] {
     const Reading reading(stateDirectory());
     return !reading.state.tables().table(Agent::TableId::bgpLu).collectionReady();
@@ -220,9 +222,18 @@ TEST_F(ServeTrouble, aDeclarationEndsWithTheTableItWasMadeFor) {
   ribFile(R"({"rib": "late", "tables": {"bgpLu": {}}})");
   agent.signal(SIGHUP);
   ASSERT_TRUE(Support::becomes([&] { return hasRib("late"); })) << agent.output();
-  usleep(200000);
+  // With each tunnel the RIB has caught up once more, and could say so.
+  for (const char* const next : {"2", "3"}) {
+    successor.tell(put(next));
+    ASSERT_TRUE(Support::becomes([&] {
+      const OrderedJson now = document();
+      return std::any_of(now["ribs"].begin(), now["ribs"].end(), [&](const OrderedJson& rib) {
+        return rib["name"] == "late" && rib["entries"].size() == std::stoul(next);
+      });
+    })) << agent.output();
+  }
   EXPECT_FALSE(document()["convergence"].contains("1")) << document()["convergence"];
-  successor.tell("{\"bgpLuConverged\": true}\n{\"settle\": true}\n");
+  successor.tell(declaration + "{\"settle\": true}\n");
   EXPECT_TRUE(Support::becomes([&] { return document()["convergence"].contains("1"); })) << agent.output();
 }
 
