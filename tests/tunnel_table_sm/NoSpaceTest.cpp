@@ -126,41 +126,56 @@ TEST(FullRib, startsOverOne) {
   scene.expectRibs();
 }
 
-// Fails if an entry that never fits keeps those after it from their turn, or if a full entry that loses a tunnel before
-// it is written does not let the next one in.
-TEST(FullRib, entriesTakeTurns) {
-  const auto isFull = std::make_shared<bool>(false);
-  RibScene scene(0, isFull);
+// RIBs without space, and 513 tunnels at an endpoint that they lack and that comes first in turn.
+struct CrowdedRib : testing::Test {
+  CrowdedRib() {
+    std::uint32_t first = tep(0).hash();
+    for (unsigned i = 0; i < 3 * plenty; ++i) {
+      first = std::min(first, tep(i).hash());
+    }
+    for (unsigned i = 3 * plenty; wide.hash() >= first; ++i) {
+      wide = tep(i);
+    }
+    publish(0, plenty);
+    scene.settle();
+    *isFull = true;
+    publish(plenty, 3 * plenty);
+    scene.advance(0);
+    for (unsigned i = 0; i < 513; ++i) {
+      scene.sr(i, wide);
+    }
+    scene.advance(3);
+  }
+  void publish(unsigned first, unsigned last) {
+    for (unsigned i = first; i < last; ++i) {
+      scene.ldp(i, tep(i));
+    }
+  }
+
+  const std::shared_ptr<bool> isFull = std::make_shared<bool>(false);
+  RibScene scene{0, isFull};
   Ipkit::IpGenPrefix wide = tep(3 * plenty);
-  for (unsigned i = 3 * plenty; i < 9 * plenty; ++i) {
-    wide = tep(i).hash() < wide.hash() ? tep(i) : wide;  // the first in turn
-  }
-  for (unsigned i = 0; i < plenty; ++i) {
-    scene.ldp(i, tep(i));
-  }
-  scene.settle();
-  *isFull = true;
-  for (unsigned i = plenty; i < 3 * plenty; ++i) {
-    scene.ldp(i, tep(i));
-  }
-  scene.advance(0);
-  for (unsigned i = 0; i < 513; ++i) {
-    scene.sr(i, wide);
-  }
-  scene.advance(3);
-  ASSERT_FALSE(scene.rib()->has(wide));
+};
+
+// Fails if an entry that never fits keeps those after it from their turn.
+TEST_F(CrowdedRib, entriesTakeTurns) {
   const std::size_t before = scene.rib()->size();
   for (unsigned i = 0; i < 10; ++i) {
     scene.del("ldpTunnel/" + std::to_string(i));
     scene.advance(0);
   }
   EXPECT_GE(scene.rib()->size(), before - 2) << "other entries take the space at once";
-  for (unsigned i = 0; i < 513; i += 100) {
-    scene.del("srTunnel/" + std::to_string(i));
-    scene.advance(0);
-    scene.sr(i, wide);
-  }
+}
+
+// Fails if a full entry that loses a tunnel before it is written does not let the next one in.
+TEST_F(CrowdedRib, unwrittenEntriesLetWaitingTunnelsIn) {
   scene.del("srTunnel/7");
+  scene.advance(0);
+  scene.sr(7, wide);
+  scene.advance(0);
+  scene.del("srTunnel/8");
+  scene.advance(0);
+  ASSERT_FALSE(scene.rib()->has(wide));
   *isFull = false;
   scene.advance(1.5);
   EXPECT_FALSE(scene.scheduler->hasTasks());
