@@ -23,7 +23,7 @@ struct TunnelTableInfo {
 };
 
 // How a shared-memory table is mounted.
-inline Statehub::MountInfo sharedTable(Statehub::Access access) { return Statehub::MountInfo(0, access); }
+inline Statehub::MountInfo sharedTable(Statehub::Access access) { return Statehub::MountInfo(access); }
 
 // The description of one of the twelve tables at its usual place.
 TunnelTableInfo tunnelTableInfo(TunnelTableIdentifier table);

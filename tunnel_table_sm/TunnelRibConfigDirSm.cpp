@@ -18,7 +18,6 @@ constexpr auto createSignature = "void " CONFIG_DIR "createTunnelRibSm(const Ptr
 constexpr auto deleteSignature = "void " CONFIG_DIR "deleteTunnelRib(Zol::Name)";
 #undef CONFIG_DIR
 
-constexpr std::uint32_t customRibSize = 1024;
 constexpr Quor::TaskPriority retryPriority = 2;
 constexpr double retryDelay = 1;  // seconds
 
@@ -118,15 +117,13 @@ void TunnelRibConfigDirSm::retryUnmade() {
 
 // Null: not now.
 Zol::Ptr<TunnelRib> TunnelRibConfigDirSm::mountCustomRib(const std::string& name, TunnelRibId id) {
-  Statehub::MountInfo info = sharedTable(Statehub::Access::write);
-  info.collectionInfoIs({"entry", customRibSize});
   const auto unmadeFor = [this, &name](const Zol::Exception& reason) -> Zol::Ptr<TunnelRib> {
     FASTLOG_TRACE(3, "handleRibConfig: RIB " << name << " cannot be made: " << reason.what());
     unmade_[name] = reason.what();
     return nullptr;
   };
   try {
-    entityManager_->doMount(statusPath(id), TunnelRib::entityTypeName, info);
+    entityManager_->doMount(statusPath(id), TunnelRib::entityTypeName, sharedTable(Statehub::Access::write));
   } catch (const Memtab::NoSpace& full) {
     return unmadeFor(full);
   } catch (const Memtab::FileRefused& refused) {

@@ -48,7 +48,8 @@ class TunnelRibBaseSm : public Zol::Reactor {
   const Zol::Ptr<TunnelConvergence>& tunnelConvergence() const { return tunnelConvergence_; }
   const Zol::Ptr<Quor::TaskScheduler>& scheduler() const { return scheduler_; }
 
-  // Watched inputs can be replaced; that alone calls no handler.
+  // Watched inputs can be replaced; that alone calls no handler. The other inputs are fixed: a RIB with others is
+  // another reactor.
   void tunnelRibConfigIs(Zol::PtrConst<TunnelRibConfig> config) { tunnelRibConfig_.notifierIs(std::move(config)); }
   void tunnelTableInfoCollIs(Zol::PtrConst<TunnelTableInfoCollection> infos) { infos_.notifierIs(std::move(infos)); }
   void bgpLuConvergenceIs(Zol::PtrConst<BgpLuConvergence> record) { bgpLuConvergence_.notifierIs(std::move(record)); }

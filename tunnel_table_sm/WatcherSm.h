@@ -33,7 +33,8 @@ class WatcherSm final : public ProtocolTunnelSm {
   using Table = Table_;
   static constexpr TunnelTableIdentifier tableId = id;
 
-  // An empty table leaves the watcher idle.
+  // The table and its handler have one name in all twelve watchers: generic code alone calls them. An empty table
+  // leaves the watcher idle.
   WatcherSm(TableEntrySm* owner, Zol::PtrConst<TunnelTableEntities> tunnelTableEntities,
             Zol::PtrConst<TunnelIdColl> unprogrammableTunnelIds, Zol::PtrConst<Table> table)
       : ProtocolTunnelSm(owner, std::move(tunnelTableEntities), std::move(unprogrammableTunnelIds)),

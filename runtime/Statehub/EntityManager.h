@@ -33,30 +33,19 @@ class EntityTypes {
                                     const Memtab::StoreSource& source);
 };
 
-// How one collection of a mounted table is laid out. size is a first guess; tables grow.
-struct CollectionInfo {
-  std::string name;
-  std::uint32_t size = 0;
-};
-
 // Whether this process is the one that writes the entity. Only among processes does it matter: what lies in the memory
 // of one can be written by whoever reaches it.
 enum class Access : std::uint8_t { read, write };
 
+// It has no table type and no sizes of collections: every mount is a shared-memory table, and tables grow.
 class MountInfo {
  public:
-  // tableType 0: a shared-memory table.
-  explicit MountInfo(std::uint32_t tableType, Access access = Access::write) : tableType_(tableType), access_(access) {}
+  explicit MountInfo(Access access = Access::write) : access_(access) {}
 
-  std::uint32_t tableType() const { return tableType_; }
   Access access() const { return access_; }
-  const CollectionInfo& collectionInfo() const { return collectionInfo_; }
-  void collectionInfoIs(CollectionInfo info) { collectionInfo_ = std::move(info); }
 
  private:
-  std::uint32_t tableType_;
   Access access_;
-  CollectionInfo collectionInfo_;
 };
 
 class EntityManager : public Zol::PtrInterface {
@@ -72,7 +61,7 @@ class EntityManager : public Zol::PtrInterface {
   // Makes the entity at path unless it is there. Raises InternalException for an unknown type, or when the entity at
   // the path is of another type or mounted for reading only. Below a directory: also FileRefused, TableBusy and NoSpace
   // (runtime/Memtab/TableFile.h).
-  void doMount(const std::string& path, const std::string& typeName, const MountInfo& info = MountInfo(0));
+  void doMount(const std::string& path, const std::string& typeName, const MountInfo& info = MountInfo());
   // Lets go of the entity; whoever holds a reference keeps it. Nothing at the path: nothing happens.
   void doUnmount(const std::string& path);
   // The entity mounted at path, or null.
