@@ -208,8 +208,8 @@ void TunnelFibComponents::split(const TunnelFibGraph& graph, const TunnelId& tun
   }
 }
 
-// The components of some tunnels and the edges between them, single tunnels included, by Tarjan's algorithm: what a
-// component leads to comes before it. The first tunnel stands for all members of component `home`.
+// The components of some tunnels and the edges between them, by Tarjan's algorithm. A tunnel on no cycle is a component
+// of its own. Next levels come first. The first tunnel represents all members of component `home`.
 std::vector<TunnelFibComponents::TunnelIds> TunnelFibComponents::partsOf(const TunnelFibGraph& graph,
                                                                          const TunnelIds& tunnels, Id home) {
   struct Node {

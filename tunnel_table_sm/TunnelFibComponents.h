@@ -6,8 +6,8 @@
 //
 // Kept up to date edge by edge. Each change costs one search at most:
 //
-//     edges added      the smaller of what they lead to and what leads to them; nothing inside a component
-//     edges removed    the component that they were in; nothing outside of components
+//     edges added      all tunnels that they lead to, or all that lead to them: the cheaper set; none in a component
+//     edges removed    the component that they were in; none outside of components
 #pragma once
 
 #include <cstdint>

@@ -26,12 +26,17 @@ TunnelIds difference(std::span<const TunnelId> these, std::span<const TunnelId> 
 
 }  // namespace
 
+bool TunnelFibDependencies::hasNextLevels(const TunnelId& tunnel, std::span<const TunnelId> nextLevels) const {
+  const NextLevels* const present = graph_.nextLevels.find(tunnel);
+  return present == nullptr ? nextLevels.empty() : present->holds(nextLevels);
+}
+
 bool TunnelFibDependencies::nextLevelsIs(const TunnelId& tunnel, std::span<const TunnelId> nextLevels) {
   components_.turnedDelAll();
-  NextLevels* const present = graph_.nextLevels.find(tunnel);
-  if (present == nullptr ? nextLevels.empty() : present->holds(nextLevels)) {
+  if (hasNextLevels(tunnel, nextLevels)) {
     return false;
   }
+  NextLevels* const present = graph_.nextLevels.find(tunnel);
   for (std::size_t i = 0; present != nullptr && i < present->size(); ++i) {
     DependentTunnels* const dependants = graph_.dependants.find(present->id(i));
     dependants->erase(tunnel);

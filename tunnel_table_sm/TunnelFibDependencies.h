@@ -29,6 +29,7 @@ class TunnelFibDependencies {
   // O(1) for a tunnel without dependants, and O(next levels) when the new ones have none themselves; else what
   // TunnelFibComponents says.
   bool nextLevelsIs(const TunnelId& tunnel, std::span<const TunnelId> nextLevels);
+  bool hasNextLevels(const TunnelId& tunnel, std::span<const TunnelId> nextLevels) const;
   // The other tunnels that the last call of nextLevelsIs() concerns: the verdict about one of their vias has changed.
   // When vias have become usable, next levels come before the tunnels over them.
   const TunnelIds& turned() const { return components_.turned(); }

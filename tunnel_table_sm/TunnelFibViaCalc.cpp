@@ -12,8 +12,6 @@
 // the FIB has no record for labels inside such a packet, and without it the traffic would leave in the clear.
 #include "tunnel_table_sm/TunnelFibViaCalc.h"
 
-#include <algorithm>
-
 #include "runtime/Fastlog/TraceHelper.h"
 #include "tunnel_table_sm/TunnelFibSm.h"
 
@@ -23,11 +21,6 @@ namespace {
 FASTLOG_DEFAULT_HANDLE("TunnelFibSm");
 
 using Result = TunnelFibViaCalcResult;
-
-bool isCyclic(const TunnelFibSm& sm, const TunnelFibReview& review, const TunnelId& next) {
-  return next == review.consFibEntry.tunnelId() || (review.component != TunnelFibDependencies::noComponent &&
-                                                    sm.dependencies().component(next) == review.component);
-}
 
 // Several vias through one next level read it once.
 const std::vector<TunnelFibReview::JoinableVia>& viasOf(const TunnelFibSm& sm, TunnelFibReview& review,
@@ -139,7 +132,7 @@ TunnelFibViaCalcResult calculateTunnelFibEntryMplsVia(const TunnelFibSm& sm, Tun
     return result;
   }
   const TunnelId next = DynamicTunnelIntfId::tunnelId(via.intf());
-  const bool leadsBack = isCyclic(sm, review, next);
+  const bool leadsBack = review.isCyclic(sm.dependencies(), next);
   review.metMarked |= !leadsBack && sm.isFromEarlierRun(next);
   if (sm.tunnelFibEntryMarkedUnprocessed(next)) {
     FASTLOG_TRACE(7, "      Skipping vias for tunnel " << next << " (marked unprocessed)");

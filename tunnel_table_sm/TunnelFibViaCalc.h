@@ -33,6 +33,11 @@ struct TunnelFibReview {
   std::vector<JoinableVia> nextLevelVias;
 
   void reset(const TunnelId& tunnelId);
+  // Whether the tunnel is on a cycle with the reviewed one, which may be itself.
+  bool isCyclic(const TunnelFibDependencies& dependencies, const TunnelId& tunnel) const {
+    return tunnel == consFibEntry.tunnelId() ||
+           (component != TunnelFibDependencies::noComponent && dependencies.component(tunnel) == component);
+  }
 };
 
 // What stands against putting labels below those of a next level's via.

@@ -19,7 +19,7 @@ using Edges = std::map<Number, std::set<Number>>;
 
 TunnelId member(Number number) { return {TunnelType::srTunnel, number}; }
 
-// What the edges lead to, for each tunnel, by plain search.
+// Finds the tunnels that each tunnel leads to, by plain search.
 class NaiveCycles {
  public:
   NaiveCycles(const Edges& edges, Number size) : reached_(size, std::vector<bool>(size)) {

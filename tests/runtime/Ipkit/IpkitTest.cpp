@@ -1,4 +1,4 @@
-// What operators and publishers write for addresses, prefixes, interfaces and labels, and what is printed for it.
+// Texts of addresses, prefixes, interfaces and labels, as operators and publishers write them and as they are printed.
 #include <gtest/gtest.h>
 
 #include "runtime/Ipkit/IntfId.h"
@@ -9,7 +9,7 @@
 namespace Ipkit {
 namespace {
 
-// What a text is printed as when it has been parsed; for a refused one the reason, after an exclamation mark.
+// Parses a text and prints the value; for a refused text, prints an exclamation mark and the reason.
 template <class T>
 std::string parsed(std::string_view text) {
   try {
@@ -30,7 +30,7 @@ void expectAll(std::initializer_list<std::string_view> rows, const std::string& 
   }
 }
 
-// Fails if an address is printed in another form than RFC 5952's, so that what is printed cannot be searched for.
+// Fails if an address is printed in another form than RFC 5952's: then a search in logs misses it.
 TEST(IpGenAddr, canonicalTexts) {
   expectAll<IpGenAddr>({"0.0.0.0", "255.255.255.255", "10.0.0.1", "::", "::1", "1::", "::fffe:c000:201"});
   // Lower case without leading zeros; "::" for the longest run of zero groups, the first of two, never for one group.

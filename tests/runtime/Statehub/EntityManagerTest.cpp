@@ -1,4 +1,4 @@
-// What a path names, for the process that writes it and for those that read it.
+// Entities by path, for the process that writes one and for those that read it.
 #include <gtest/gtest.h>
 
 #include "runtime/Statehub/Attempts.h"
@@ -63,7 +63,7 @@ TEST_F(EntityManagerTest, aPathNamesOneEntity) {
   EXPECT_THROW(mount(*Zol::make<EntityManager>(state), Access::write), Memtab::TableBusy);
 }
 
-// Fails if a reader that gives up a path takes away what another process stores there, or if a writer leaves its own.
+// Fails if a reader that gives up a path removes the table of another process, or a writer keeps its own.
 TEST_F(EntityManagerTest, cleanupRemovesWhatThisProcessStores) {
   const auto items = mount(writer, Access::write);
   items->entryIs({1, 10});
