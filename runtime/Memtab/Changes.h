@@ -11,7 +11,9 @@
 #include <array>
 #include <functional>
 #include <utility>
+#include <vector>
 
+#include "runtime/Memtab/Crc32c.h"
 #include "runtime/Memtab/Pen.h"
 
 namespace Memtab {
@@ -29,6 +31,7 @@ class Changes {
     ring_.sizeLog2 = static_cast<uint8_t>(slotsLog2 + RingSlot::wordsLog2);
     ring_.units = pen_->allocate(ring_.bytes());
     ring_.generation = pen_->nextPlaceGeneration();
+    sums_.assign(slots(), 0);
   }
   // Publishes the ring, of which no slot may then read like one written before. isBlank: its bytes are all zero.
   void publish(bool isBlank) {
@@ -43,7 +46,7 @@ class Changes {
     ring_ = Place::of(word);
     return Place::isIntact(word) && ring_.sizeLog2 >= RingSlot::wordsLog2 + slotsLog2Min &&
            ring_.sizeLog2 <= RingSlot::wordsLog2 + slotsLog2Max && ring_.offset() % lineBytes == 0 &&
-           pen_->allocator().take(ring_.offset(), ring_.bytes());
+           pen_->allocator().take(ring_.offset(), ring_.bytes()) && takeSums();
   }
 
   uint64_t sequence() const { return sequence_; }
@@ -56,6 +59,9 @@ class Changes {
   // Of the index word that makes the n-th change, from 0 on.
   uint16_t generation(uint64_t n) const { return static_cast<uint16_t>(sequence_ + 1 + n); }
   void log(uint64_t n, unsigned collection, Bytes key);
+  // Empties the slots that are not as they were logged: readers compare the table instead. Returns how many.
+  size_t scrubRing();
+  const Place& ring() const { return ring_; }
   void end(uint64_t count) {
     sequence_ += count;
     pen_->store(sequenceAt, sequence_);
@@ -70,13 +76,16 @@ class Changes {
   }
 
  private:
-  size_t slotOf(uint64_t sequence) const {
-    return ring_.offset() + (sequence & (ring_.words() / RingSlot::words - 1)) * lineBytes;
-  }
+  size_t slots() const { return ring_.words() / RingSlot::words; }
+  size_t slotOf(uint64_t sequence) const { return ring_.offset() + (sequence & (slots() - 1)) * lineBytes; }
+  uint32_t& sumOf(uint64_t sequence) { return sums_[sequence & (slots() - 1)]; }
+  uint32_t sumAt(size_t slot) const;
+  bool takeSums();
 
   std::function<void()> callback_;
   Pen<Stores>* pen_;
   Place ring_;
+  std::vector<uint32_t> sums_;  // of the slots, as they were logged
   uint64_t sequence_ = 0;
 };
 
@@ -91,6 +100,41 @@ void Changes<Stores>::log(uint64_t n, unsigned collection, Bytes key) {
   pen_->store(slot + sizeof(uint64_t), RingSlot::headWord(collection, key.size()));
   pen_->storeAll(slot + 2 * sizeof(uint64_t), std::span(words).first((length + 7) / 8));
   pen_->store(slot, sequence);
+  sumOf(sequence) = sumAt(slot);
+}
+
+// The checksum of what readers use of a slot; 0: it is empty.
+template <class Stores>
+uint32_t Changes<Stores>::sumAt(size_t slot) const {
+  const auto* const words = reinterpret_cast<const uint64_t*>(pen_->bytes(slot));
+  if (words[0] == 0) {
+    return 0;
+  }
+  const size_t keyWords = (std::min(RingSlot::keyLengthOf(words[1]), RingSlot::keyBytes) + 7) / 8;
+  return crcOf(0, words, 2 + keyWords) | 1;
+}
+
+template <class Stores>
+bool Changes<Stores>::takeSums() {
+  sums_.resize(slots());
+  for (size_t i = 0; i < sums_.size(); ++i) {
+    sums_[i] = sumAt(ring_.offset() + i * lineBytes);
+  }
+  return true;
+}
+
+template <class Stores>
+size_t Changes<Stores>::scrubRing() {
+  size_t damaged = 0;
+  for (size_t i = 0; i < sums_.size(); ++i) {
+    const size_t slot = ring_.offset() + i * lineBytes;
+    if (sumAt(slot) != sums_[i]) {
+      pen_->store(slot, 0);
+      sums_[i] = 0;
+      ++damaged;
+    }
+  }
+  return damaged;
 }
 
 }  // namespace Memtab

@@ -12,7 +12,8 @@
 // bytes stay unused until the region is opened again.
 //
 // IndexWrite.h has put and delete, IndexGrowth.h what happens to segments and directories, IndexCompaction.h how they
-// and the blocks move to the front of the region, IndexTakeOver.h how a successor finds its way.
+// and the blocks move to the front of the region, IndexTakeOver.h how a successor finds its way, IndexScrub.h how the
+// writer finds and repairs damage.
 #pragma once
 
 #include <array>
@@ -24,9 +25,13 @@
 #include "runtime/Memtab/Crc32c.h"
 #include "runtime/Memtab/Damage.h"
 #include "runtime/Memtab/Pen.h"
+#include "runtime/Memtab/WordSums.h"
 #include "runtime/Zol/Assert.h"
 
 namespace Memtab {
+
+class ScrubVisitor;
+struct ScrubReport;
 
 enum class PutResult : uint8_t { inserted, replaced, unchanged };
 
@@ -94,12 +99,19 @@ class Index {
   void examineBlocks(std::vector<Damage>& damages);
   void repair();
 
+  // Compares the segment of hash with private memory; returns the greatest hash that belongs there. See IndexScrub.h.
+  uint64_t scrub(uint64_t hash, ScrubVisitor& visitor, ScrubReport& report);
+  // Removes the word of a damaged record that a scrub has found. False: it is another word by now.
+  bool dropDamaged(const Damage& damage);
+  const Place& descriptor() const { return descriptor_; }
+
  private:
   struct Segment {
     Place place;
     // Good at the first directory word of a segment only.
     uint32_t live = 0;
     uint32_t dead = 0;  // tombstones
+    WordSums sums;
   };
   // A segment's content on its way to another segment.
   struct Item {
@@ -139,6 +151,7 @@ class Index {
     }
   }
   void releaseBlock(uint64_t word);
+  void storeWord(Segment& segment, size_t at, uint64_t word);
   uint64_t vacancyAt(size_t slot) const;
 
   void createSegment();
@@ -161,15 +174,24 @@ class Index {
 
   bool moveDirectory();
   bool moveSegment(size_t first);
-  bool moveBlockTo(uint32_t units, size_t slot, const BlockHead& head);
-  bool moveBlock(size_t slot, size_t& effort);
+  bool moveBlockTo(Segment& segment, uint32_t units, size_t slot, const BlockHead& head);
+  bool moveBlock(size_t first, size_t slot, size_t& effort);
   Compaction compactSegment(size_t first, Compacted& place, size_t& effort);
 
   std::vector<Place> placesInRegion() const;
   void cover(size_t first, size_t behind, const Segment& segment);
   void examineSegment(size_t first, std::vector<Damage>& damages);
   const char* whyUnfit(uint64_t word, size_t slot, size_t first) const;
+  const char* whyUnsound(uint64_t word, size_t slot, size_t first) const;
   bool isReachable(uint64_t hash, size_t slot, const Place& segment) const;
+
+  void scrubDirectory(size_t first, ScrubReport& report);
+  void scrubWords(size_t first, ScrubReport& report);
+  bool putBack(size_t first, size_t column, const WordSums::Column& found, ScrubReport& report);
+  void scrubBlocks(size_t first, ScrubVisitor& visitor, ScrubReport& report);
+  void removeSuperseded(size_t first, size_t slot);
+  Bytes keyOf(uint64_t word, size_t slot, size_t first) const;
+  const char* whyDamaged(uint64_t word, size_t slot, size_t first) const;
 
   Pen<Stores>* pen_;
   Changes<Stores>* changes_;

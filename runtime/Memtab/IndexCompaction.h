@@ -53,27 +53,27 @@ bool Index<Stores>::moveSegment(size_t first) {
 
 // Moves the block that the word at slot names to the piece at units; 0: there is none, and the answer is false.
 template <class Stores>
-bool Index<Stores>::moveBlockTo(uint32_t units, size_t slot, const BlockHead& head) {
+bool Index<Stores>::moveBlockTo(Segment& segment, uint32_t units, size_t slot, const BlockHead& head) {
   if (units == 0) {
     return false;
   }
   const uint64_t word = pen_->load(slot);
   pen_->copy(size_t{units} * unitBytes, size_t{unitsOf(word)} * unitBytes, head.words());
-  pen_->store(slot, versionOf(word) << 32 | units);
+  storeWord(segment, slot, versionOf(word) << 32 | units);
   pen_->release(unitsOf(word), 8 * head.words());
   return true;
 }
 
 // A damaged block stays where it is.
 template <class Stores>
-bool Index<Stores>::moveBlock(size_t slot, size_t& effort) {
+bool Index<Stores>::moveBlock(size_t first, size_t slot, size_t& effort) {
   const uint32_t old = unitsOf(pen_->load(slot));
   const std::optional<BlockHead> head = headAt(old);
   if (!head || !pen_->allocator().isBehindLimit(size_t{old} * unitBytes, 8 * head->words()) || !isIntact(old, *head)) {
     return true;
   }
   effort -= std::min(effort, effortOfMove);
-  return moveBlockTo(pen_->allocateInside(8 * head->words()), slot, *head);
+  return moveBlockTo(directory_[first], pen_->allocateInside(8 * head->words()), slot, *head);
 }
 
 // A replacement that found space in the reserve alone has released as much elsewhere; that is where its block moves.
@@ -85,9 +85,11 @@ void Index<Stores>::leaveReserve() {
     nextInReserve_ = nextInReserve_ < inReserve_.size() ? nextInReserve_ : 0;
     uint32_t& units = inReserve_[nextInReserve_];
     const std::optional<BlockHead> head = pen_->allocator().isInReserve(units) ? headAt(units) : std::nullopt;
-    const Probe found = head ? find(hash_(keyAt(units, *head)), keyAt(units, *head)) : Probe();
+    const uint64_t hash = head ? hash_(keyAt(units, *head)) : 0;
+    const Probe found = head ? find(hash, keyAt(units, *head)) : Probe();
     const bool isThere = found.standing && unitsOf(pen_->load(*found.standing)) == units && isIntact(units, *head);
-    if (isThere && moveBlockTo(pen_->allocator().allocateBelow(units, 8 * head->words()), *found.standing, *head)) {
+    if (isThere && moveBlockTo(segmentOf(hash), pen_->allocator().allocateBelow(units, 8 * head->words()),
+                               *found.standing, *head)) {
       units = unitsOf(pen_->load(*found.standing));
     }
     if (isThere && pen_->allocator().isInReserve(units)) {
@@ -119,7 +121,7 @@ auto Index<Stores>::compactSegment(size_t first, Compacted& place, size_t& effor
     const size_t slot = segment.offset() + place.slot * sizeof(uint64_t);
     const uint64_t word = pen_->load(slot);
     const bool isSuspect = isLive(word) && pen_->allocator().isBehindLimit(size_t{unitsOf(word)} * unitBytes, 0);
-    if (isSuspect && !moveBlock(slot, effort)) {
+    if (isSuspect && !moveBlock(first, slot, effort)) {
       return Compaction::noRoom;
     }
     if (place.slot % bucketWords == 0 && effort != 0) {

@@ -119,7 +119,11 @@ template <class Stores>
 auto Index<Stores>::write(Claim<Stores>& to, const Image& image) -> Segment {
   pen_->storeAll(to.offset(), image.words);
   const auto log2 = static_cast<uint8_t>(std::countr_zero(image.words.size()));
-  return {{to.keep(), pen_->nextPlaceGeneration(), static_cast<uint8_t>(image.depth), log2}, image.live, 0};
+  WordSums sums;
+  for (size_t slot = 0; slot < image.words.size(); ++slot) {
+    sums.change(slot, emptyWord, image.words[slot]);
+  }
+  return {{to.keep(), pen_->nextPlaceGeneration(), static_cast<uint8_t>(image.depth), log2}, image.live, 0, sums};
 }
 
 // Makes all directory words of a prefix, from first on, name segment.

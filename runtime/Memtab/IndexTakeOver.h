@@ -60,7 +60,7 @@ void Index<Stores>::examineStructure(std::vector<Damage>& damages) {
     for (size_t i = 0; i < places.size(); ++i) {
       if (places[i].units != 0 && places[i].depth == depth && directory_[i].place.units == 0 &&
           pen_->allocator().take(places[i].offset(), places[i].bytes())) {
-        cover(i / span * span, i / span * span + span, {places[i], 0, 0});
+        cover(i / span * span, i / span * span + span, {places[i], 0, 0, {}});
         ++segmentsAt_[depth];
       }
     }
@@ -97,6 +97,7 @@ void Index<Stores>::examineSegment(size_t first, std::vector<Damage>& damages) {
   items_.clear();
   for (size_t slot = 0; slot < segment.place.words(); ++slot) {
     const uint64_t word = pen_->load(segment.place.offset() + slot * sizeof(uint64_t));
+    segment.sums.change(slot, emptyWord, word);
     if (isLive(word)) {
       items_.push_back({0, word, static_cast<uint32_t>(slot), false});
     } else if (word == tombstone) {
@@ -121,6 +122,16 @@ void Index<Stores>::examineSegment(size_t first, std::vector<Damage>& damages) {
 // nullptr: the word leads to a sound record that belongs here, of which the piece is now taken.
 template <class Stores>
 const char* Index<Stores>::whyUnfit(uint64_t word, size_t slot, size_t first) const {
+  if (const char* const what = whyUnsound(word, slot, first)) {
+    return what;
+  }
+  const size_t bytes = 8 * headAt(unitsOf(word))->words();
+  return pen_->allocator().take(size_t{unitsOf(word)} * unitBytes, bytes) ? nullptr : "block where something else is";
+}
+
+// nullptr: the word leads to a sound record that belongs here.
+template <class Stores>
+const char* Index<Stores>::whyUnsound(uint64_t word, size_t slot, size_t first) const {
   const Place segment = directory_[first].place;
   const uint32_t units = unitsOf(word);
   const std::optional<BlockHead> head = headAt(units);
@@ -135,11 +146,7 @@ const char* Index<Stores>::whyUnfit(uint64_t word, size_t slot, size_t first) co
       prefixOf(hash, segment.depth) != first >> (depth_ - segment.depth)) {
     return "index word names another key's block";
   }
-  if (!isReachable(hash, slot, segment)) {
-    return "index word out of its key's way";
-  }
-  const bool isOurs = pen_->allocator().take(size_t{units} * unitBytes, 8 * head->words());
-  return isOurs ? nullptr : "block where something else is";
+  return isReachable(hash, slot, segment) ? nullptr : "index word out of its key's way";
 }
 
 // Whether a search for the hash comes to the slot.
@@ -160,7 +167,7 @@ template <class Stores>
 void Index<Stores>::repair() {
   for (const Unfit& unfit : unfit_) {
     const uint64_t vacancy = vacancyAt(unfit.at);
-    pen_->store(unfit.at, vacancy);
+    storeWord(directory_[unfit.first], unfit.at, vacancy);
     directory_[unfit.first].dead += vacancy == tombstone ? 1 : 0;
   }
   unfit_.clear();

@@ -168,6 +168,14 @@ size_t Index<Stores>::makeRoom(std::span<const uint64_t> hashes) {
   return 0;
 }
 
+// Every store of a word in a segment that is in use goes through here.
+template <class Stores>
+void Index<Stores>::storeWord(Segment& segment, size_t at, uint64_t word) {
+  const uint64_t old = pen_->load(at);
+  pen_->store(at, word);
+  segment.sums.change((at - segment.place.offset()) / sizeof(uint64_t), old, word);
+}
+
 // What a slot gets when its key goes.
 template <class Stores>
 uint64_t Index<Stores>::vacancyAt(size_t slot) const {
@@ -179,14 +187,14 @@ PutResult Index<Stores>::publish(uint64_t hash, const Probe& found, uint64_t wor
   const std::optional<size_t> taken = found.taken();
   const size_t slot = taken ? *taken : *found.free;
   const uint64_t old = pen_->load(slot);
-  pen_->store(slot, word);
+  Segment& segment = segmentOf(hash);
+  storeWord(segment, slot, word);
   if (taken) {
     if (found.standing) {
       releaseBlock(old);
     }
     return PutResult::replaced;
   }
-  Segment& segment = segmentOf(hash);
   segment.dead -= old == tombstone && segment.dead != 0 ? 1 : 0;
   ++segment.live;
   ++live_;
@@ -198,8 +206,8 @@ void Index<Stores>::erase(uint64_t hash, const Probe& found) {
   const size_t slot = *found.taken();
   const uint64_t old = pen_->load(slot);
   const uint64_t vacancy = vacancyAt(slot);
-  pen_->store(slot, vacancy);
   Segment& segment = segmentOf(hash);
+  storeWord(segment, slot, vacancy);
   segment.dead += vacancy == tombstone ? 1 : 0;
   segment.live -= segment.live != 0 ? 1 : 0;
   live_ -= live_ != 0 ? 1 : 0;

@@ -35,6 +35,8 @@ class MapBase : public Zol::Entity, protected StoreListener {
 
   CollectionControl collectionControl() const { return CollectionControl(isPlaceholder() ? 0 : sequence()); }
   bool isPlaceholder() const { return !store_; }
+  // Null for a placeholder. Other maps may share it.
+  const Zol::Ptr<SharedStore>& sharedStore() const { return store_; }
   std::size_t size() const { return isPlaceholder() ? 0 : store_->entries(collection_); }
 
   // Bytes in use in the region, which other maps may share.

@@ -161,6 +161,22 @@ class MemtabMap : public Base {
     return next(hint);
   }
   bool next(Hint& hint) const { return hint.advance(*this); }
+  // The first entry whose key has this hash or a greater one.
+  bool firstFrom(std::uint32_t hash, Hint& hint) const {
+    hint = Hint(*this, hash);
+    return next(hint);
+  }
+
+  // The record of a key, both as they are encoded. Raises CorruptionException.
+  Record recordOf(Bytes key, Bytes record) const {
+    Zol::ByteReader in(key);
+    Key decodedKey{};
+    decodeValue(in, decodedKey);
+    if (!in.ok() || in.remaining() != 0) {
+      this->raiseCorruption("a key that is none of this table");
+    }
+    return decoded(decodedKey, record);
+  }
 
   Zol::Channel<Key>& entryChannel() const { return channel_; }
 
@@ -259,9 +275,10 @@ template <Zol::Described Record, class Base>
 class MemtabMap<Record, Base>::Hint {
  public:
   Hint() = default;
-  explicit Hint(const MemtabMap& map) {
+  explicit Hint(const MemtabMap& map, std::uint32_t firstHash = 0) {
     if (!map.isPlaceholder()) {
       cursor_.emplace(map.store().reader(), map.collection());
+      cursor_->seek(std::uint64_t{firstHash} << 32, {});
     }
   }
 

@@ -66,6 +66,8 @@ class Pen {
     }
   }
 
+  size_t publishedSize() const { return publishedSize_; }
+
   uint16_t nextPlaceGeneration() { return ++placeGeneration_ & 0x3FFF; }
   // So that a successor's Places do not soon read like its predecessor's.
   void placeGenerationIs(uint64_t generation) { placeGeneration_ = static_cast<uint16_t>(generation); }

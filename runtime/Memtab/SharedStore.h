@@ -63,6 +63,8 @@ class SharedStore : public Zol::PtrInterface {
     return *store_;
   }
   const Reader& reader() const { return *reader_; }
+  // Where the table is, for people: the path of its file.
+  virtual std::string place() const { return "memory of this process"; }
 
   // A look-up, which in a change under way finds what that has written.
   Lookup get(unsigned collection, std::uint64_t hash, Bytes key) const {
@@ -172,6 +174,7 @@ class FileStore final : public SharedStore {
   FileStore(const std::string& stateDirectory, const std::string& name, const StoreLayout& layout);
   ~FileStore() override { store().close(); }
 
+  std::string place() const override { return file_->path(); }
   // Why the file that stood there was set aside; empty: none was.
   const std::string& asideReason() const { return file_->asideReason(); }
 
@@ -204,6 +207,7 @@ class MirrorStore final : public SharedStore {
   // Throws FileRefused, TableForeign, NoSpace; an absent file is none of these.
   MirrorStore(const std::string& stateDirectory, const std::string& name, const StoreLayout& layout);
 
+  std::string place() const override { return stateDirectory_ + "/" + name_; }
   bool isBound() const { return current_ != nullptr; }
   // Whether a writer has the file that is read.
   bool isOwned() const { return current_ != nullptr && current_->isOwned(); }

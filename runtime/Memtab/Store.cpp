@@ -1,5 +1,7 @@
 #include "runtime/Memtab/Store.h"
 
+#include "runtime/Memtab/StoreScrub.h"
+
 namespace Memtab {
 
 template class BasicStore<DirectStores>;

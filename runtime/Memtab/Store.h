@@ -33,6 +33,7 @@
 #include "runtime/Memtab/Owner.h"
 #include "runtime/Memtab/Reader.h"
 #include "runtime/Memtab/RegionCheck.h"
+#include "runtime/Memtab/Scrub.h"
 #include "runtime/Memtab/StorePolicy.h"
 #include "runtime/Zol/Assert.h"
 
@@ -124,7 +125,8 @@ class BasicStore {
   bool ready() const { return reader_.ready(); }
   // Tells readers whether the content is complete.
   void readyIs(bool ready) {
-    if (ready != this->ready()) {
+    if (ready != ready_) {
+      ready_ = ready;
       pen_.store(readyAt, ready ? 1 : 0);
       changes_.published();
     }
@@ -133,6 +135,12 @@ class BasicStore {
   void publishedCallbackIs(std::function<void()> published) { changes_.publishedCallbackIs(std::move(published)); }
   // The writer leaves in good order: nothing may be written any more.
   void close() { pen_.store(ownerAt, 0); }
+
+  // One step of a pass over the table, outside groups: header and ring, or a segment. Repairs damage from private memory
+  // and reports the rest. False: the pass is over, and place is at the start of the next one. See StoreScrub.h.
+  bool scrub(ScrubPlace& place, ScrubVisitor& visitor, ScrubReport& report);
+  // Deletes a damaged record that has no owner. False: it is no longer there.
+  bool dropDamaged(const Damage& damage);
 
   // Bytes in use, and bytes that the region has from its backing.
   size_t bytesUsed() const { return allocator().bytesUsed(); }
@@ -164,6 +172,8 @@ class BasicStore {
   void takeSize();
   void takeSequence();
   void ownerIs(Owner owner);
+  void scrubHeader(ScrubReport& report);
+  void nextEpoch();
 
   void requireIntact() const {
     if (isDamaged()) {
@@ -187,6 +197,9 @@ class BasicStore {
   void make(Group::Item& item, uint64_t number);
 
   StoreOptions options_;
+  const uint64_t fingerprint_;
+  uint64_t epoch_ = 1;
+  bool ready_ = false;
   Pen<Stores> pen_;
   Changes<Stores> changes_;
   Reader reader_;

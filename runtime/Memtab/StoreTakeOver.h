@@ -11,6 +11,7 @@ template <class Stores>
 BasicStore<Stores>::BasicStore(Region region, uint64_t fingerprint, std::span<const HashFn> hashes,
                                StoreOptions options, Stores stores)
     : options_(options),
+      fingerprint_(fingerprint),
       pen_(std::move(region), std::move(stores)),
       changes_(pen_),
       reader_(pen_.region().view(), hashes) {
@@ -34,7 +35,7 @@ void BasicStore<Stores>::create(uint64_t fingerprint) {
   pen_.publishSize();
   pen_.store(versionAt, formatVersion);
   pen_.store(fingerprintAt, fingerprint);
-  pen_.store(epochAt, 1);
+  pen_.store(epochAt, epoch_);
   pen_.store(readyAt, 0);
   pen_.store(intentAt, options_.sequence);
   if (options_.sequence != 0) {
@@ -57,6 +58,11 @@ void BasicStore<Stores>::ownerIs(Owner owner) {
 }
 
 template <class Stores>
+void BasicStore<Stores>::nextEpoch() {
+  pen_.store(epochAt, ++epoch_);
+}
+
+template <class Stores>
 void BasicStore<Stores>::takeOver(uint64_t fingerprint) {
   requireCompatible(view(), fingerprint, indexes_.size());
   takeOver_.isTakenOver = true;
@@ -73,9 +79,10 @@ void BasicStore<Stores>::takeOver(uint64_t fingerprint) {
   if (!takeOver_.wasUnderWay && damages.empty()) {
     examineEntries();
   }
-  const uint64_t epoch = pen_.load(epochAt) + 1;
-  pen_.placeGenerationIs(epoch * 0x9E5);
-  pen_.store(epochAt, epoch);
+  epoch_ = pen_.load(epochAt);
+  nextEpoch();
+  pen_.placeGenerationIs(epoch_ * 0x9E5);
+  ready_ = ready();
   ownerIs(options_.owner);
   readyIs(false);
   for (unsigned i = 0; i < indexes_.size(); ++i) {
@@ -88,7 +95,7 @@ void BasicStore<Stores>::takeOver(uint64_t fingerprint) {
     changes_.publish(false);
   }
   if (!damages.empty()) {
-    pen_.store(epochAt, epoch + 1);  // readers that looked before the repair was done look again
+    nextEpoch();  // readers that looked before the repair was done look again
   }
   takeSize();
   takeSequence();

@@ -131,6 +131,9 @@ class HashCollection {
   Iterator from(const K& key) { return Iterator(this, hashed(key), lowerBound(hashed(key), key)); }
   ConstIterator from(const K& key) const { return ConstIterator(this, hashed(key), lowerBound(hashed(key), key)); }
 
+  // At the first member of this hash or a greater one. K() is less than other keys of its hash.
+  ConstIterator fromHash(std::uint32_t hash) const { return ConstIterator(this, hash, lowerBound(hash, K())); }
+
   std::size_t bytesUsed() const {
     std::size_t bytes = directoryBits_ == 0 ? 0 : directorySize() * sizeof(Entry);
     forEachPage([&bytes](const Page& page) { bytes += page.bytes(); });
