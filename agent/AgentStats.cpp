@@ -63,6 +63,16 @@ OrderedJson backlogJson(const AgentHost& host) {
           {"ribs", std::move(ribs)}};
 }
 
+// lastPassAge -1: no pass has ended.
+OrderedJson scrubJson(const Model::TableScrubber::Counters& scrub, double now) {
+  return {{"found", scrub.found},
+          {"repaired", scrub.repaired},
+          {"passes", scrub.passes},
+          {"visited", scrub.visited},
+          {"lastPassAge", scrub.passes == 0 ? -1.0 : now - scrub.lastPassAt},
+          {"lastPassSeconds", scrub.lastPassSeconds}};
+}
+
 OrderedJson controlJson(const ControlSocket* control) {
   if (control == nullptr) {
     return nullptr;
@@ -88,6 +98,7 @@ OrderedJson statsJson(const StatsSources& sources) {
           {"residentBytes", residentBytes()},
           {"reviews", host.scheduler()->counters().units},  // nothing else counts its work
           {"backlog", backlogJson(host)},
+          {"scrub", scrubJson(sources.scrub, host.scheduler()->now())},
           {"slices", histogramJson(sources.loop.slices())},
           {"publishToFib", histogramJson(sources.latency.histogram())},
           {"control", controlJson(sources.control)}};

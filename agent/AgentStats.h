@@ -10,6 +10,7 @@
 #include "agent/JsonText.h"
 #include "agent/PublishLatency.h"
 #include "runtime/Quor/EventLoop.h"
+#include "tunnel_table_sm/TableScrubber.h"
 
 namespace Agent {
 
@@ -22,6 +23,7 @@ struct StatsSources {
   std::string state;             // "waiting", "starting", "ready", "degraded"
   std::vector<std::string> waitingFor;
   std::vector<std::string> degraded;
+  Model::TableScrubber::Counters scrub;
 };
 
 // The document that docs/control.md describes. O(RIBs).

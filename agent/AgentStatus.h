@@ -91,6 +91,11 @@ class StatusWriter {
 
   // Publishes numbers and configurations of the RIBs that are configured now.
   void publishRibs(const Model::TunnelRibConfigDir& configs);
+  // Writes all records again that differ.
+  void writeAll();
+  std::map<std::string, const Memtab::MapBase*> tables() const {
+    return {{"ribs", ribStatus_.get()}, {"unprogrammable", unprogrammable_.get()}, {"convergence", convergence_.get()}};
+  }
   // Why a table lacks something: its path and the system's error; empty: none does.
   const std::string& trouble() const { return trouble_; }
 
@@ -110,7 +115,6 @@ class StatusWriter {
 
   template <class F>
   void write(F&& f);
-  void writeAll();
 
   AgentState& state_;
   const Zol::Ptr<RibStatusTable> ribStatus_;

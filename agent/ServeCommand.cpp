@@ -130,6 +130,7 @@ ServeCommand::ServeCommand(ServeOptions options, ConfigInForce& config)
 
 ServeCommand::~ServeCommand() {
   loop_.newsSourceIs(nullptr);
+  scrubber_.reset();
   host_.stop();
 }
 
@@ -206,6 +207,10 @@ std::vector<Reason> ServeCommand::reasonsNow() const {
   add("state directory", feed_->trouble(), "tried again every second; tables are read once a second meanwhile");
   add("status tables", status_.trouble(), "written again every second; readers see the state before");
   add("control socket", controlTrouble_, "the agent works without it until its place changes");
+  if (scrubber_ && scrubber_->unrepaired() != 0) {
+    reasons.push_back({"RIBs, FIB and status tables", "damaged records are not repaired yet",
+                       "the next pass of the scrubber tries again"});
+  }
   for (Reason& reason : heldUpReasons(options_.stateDirectory, host_.heldUp() != 0)) {
     reasons.push_back(std::move(reason));
   }
@@ -244,6 +249,9 @@ void ServeCommand::start() {
   readDeclaration();
   host_.start();
   status_.publishRibs(*host_.ribConfigs());
+  scrubber_.emplace(
+      host_.scheduler(), [this] { return scrubbedTables(host_, &status_); }, [this] { return !host_.isDrained(); },
+      [](const std::string& line) { log(LogLevel::error, line); });
   log(LogLevel::info, "started over " + options_.stateDirectory + " with " + counted(config_.config.size(), "RIB"));
   service_.look();
 }
@@ -342,7 +350,7 @@ void ServeCommand::handleConfigured() {
 
 OrderedJson ServeCommand::stats() const {
   return statsJson({host_, loop_, latency_, control_ ? &*control_ : nullptr, startedAt_, stateWord(), waitingFor_,
-                    reasons_.texts()});
+                    reasons_.texts(), scrubber_ ? scrubber_->counters() : Model::TableScrubber::Counters()});
 }
 
 void ServeLoop::run() {

@@ -28,6 +28,7 @@
 #include "agent/PublishLatency.h"
 #include "agent/Publishers.h"
 #include "agent/Reasons.h"
+#include "agent/ScrubbedTables.h"
 #include "agent/ServiceManager.h"
 #include "agent/StartGate.h"
 #include "agent/TableTroubles.h"
@@ -112,6 +113,7 @@ class ServeCommand final : private Quor::NewsSource, private ControlTarget {
   std::unique_ptr<Statehub::TableFeed> feed_;
   PublishLatency latency_{host_};
   ConfigTask configTask_{host_, [this] { handleConfigured(); }};
+  std::optional<Model::TableScrubber> scrubber_;  // from the start on
   std::optional<ControlSocket> control_;
   std::string controlTrouble_;  // why there is none
   const double startedAt_ = time_.now();

@@ -18,6 +18,7 @@ constexpr ControlMethod methods[] = {
     {"stats.get", false,
      R"({"pid": 0, "version": "", "uptime": 0.5, "state": "", "waitingFor": [""], "degraded": [""], "residentBytes": 0, "reviews": 0,
          "backlog": {"unreadChanges": 0, "fib": 0, "fibDeferred": 0, "heldUp": 0, "ribs": {}},
+         "scrub": {"found": 0, "repaired": 0, "passes": 0, "visited": 0, "lastPassAge": 0.5, "lastPassSeconds": 0.5},
          "slices": {"count": 0, "sum": 0.5, "longest": 0.5, "buckets": [{"seconds": 0.5, "count": 0}]},
          "publishToFib": {"count": 0, "sum": 0.5, "longest": 0.5, "buckets": [{"seconds": 0.5, "count": 0}]},
          "control": {"clients": 0, "connections": 0, "requests": 0, "refused": 0, "dropped": 0}})"},

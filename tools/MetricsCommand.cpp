@@ -84,6 +84,17 @@ void writeAgent(const OrderedJson& stats) {
       reasons.value(1, {{"reason", reason.get<std::string>()}});
     }
   }
+  const OrderedJson& scrub = stats["scrub"];
+  Family("tunnel_agent_damage_found_total", "counter", "Damage found in RIBs, FIB and status tables by the scrubber.")
+      .value(scrub["found"]);
+  Family("tunnel_agent_damage_repaired_total", "counter", "Damage that the scrubber has repaired.")
+      .value(scrub["repaired"]);
+  Family("tunnel_agent_scrub_passes_total", "counter", "Passes of the scrubber over all tables.")
+      .value(scrub["passes"]);
+  Family("tunnel_agent_scrub_visited_total", "counter", "Entries that the scrubber has visited.")
+      .value(scrub["visited"]);
+  Family("tunnel_agent_scrub_last_pass_age_seconds", "gauge", "Since the end of the last pass; -1: none has ended.")
+      .value(scrub["lastPassAge"]);
   writeHistogram("tunnel_agent_slice_seconds", "How long tasks kept the thread.", stats["slices"]);
   writeHistogram("tunnel_agent_publish_to_fib_seconds",
                  "From a table change found by the agent to the tunnel's FIB entry written.", stats["publishToFib"]);

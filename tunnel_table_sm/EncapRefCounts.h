@@ -20,6 +20,17 @@ class EncapRefCounts {
   }
   void countIs(EncapId id, std::uint32_t count);
   void clear();
+  // f(id, count) for each id with a count.
+  template <class F>
+  void forEach(F&& f) const {
+    for (const auto& [page, content] : pages_) {
+      for (std::uint32_t slot = 0; slot < pageSize; ++slot) {
+        if (content->counts[slot] != 0) {
+          f(EncapId(page * pageSize + slot), std::uint32_t{content->counts[slot]});
+        }
+      }
+    }
+  }
   // The number of ids with a count.
   std::size_t size() const { return size_; }
   std::size_t bytesUsed() const { return pages_.bytesUsed() + pages_.size() * sizeof(Page); }

@@ -66,6 +66,8 @@ class TunnelFibWriter final : public Zol::Reactor {
   std::uint32_t nextEncapIndexInc(EncapType type, std::uint32_t by) { return nextEncapIndex_[type] += by; }
 
   std::uint32_t encapIdRefCount(EncapId id) const { return encapIdRefCount_.count(id); }
+  // As counted in the entries, all of which could be read (TunnelFibKeeper.cpp).
+  void encapIdRefCountsAre(const EncapRefCounts& counted);
   std::size_t encapIdRefCounts() const { return encapIdRefCount_.size(); }
   void encapIdRefCountIs(EncapId id, std::uint32_t count) { encapIdRefCount_.countIs(id, count); }
   void encapIdRefCountDel(EncapId id) { encapIdRefCount_.countIs(id, 0); }

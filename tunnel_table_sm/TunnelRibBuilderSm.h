@@ -114,6 +114,15 @@ class TunnelRibBuilderSm final : public TableEntrySm {
   void removeStaleEntries(StagedTunnelRib& ribs, std::optional<TunnelType> type = std::nullopt);
   void verifyProtoTunnelRibColl();
 
+  // Repair of damage (TunnelRibKeeper.cpp). type: of a per-protocol RIB.
+  // Whether the entry names the best candidates of its endpoint; of a per-protocol RIB, all of its type.
+  bool isAsFiled(const TunnelRibEntry& entry, std::optional<TunnelType> type) const;
+  // Writes the endpoint's entry as it follows from the candidates.
+  void rewriteEndpoint(const Ipkit::IpGenPrefix& tep, std::optional<TunnelType> type);
+  // Does so for the endpoints with these hashes whose entries are something else. Returns those that cannot be read.
+  std::vector<Ipkit::IpGenPrefix> reviewEndpoints(std::uint32_t firstHash, std::uint32_t lastHash,
+                                                  std::optional<TunnelType> type);
+
   // Convergence (TunnelRibConvergence.cpp).
   double convergenceUpdateWaitTime() const { return convergenceUpdateWaitTime_; }
   // Moves the deadline of the wait; in the scheduler's time.

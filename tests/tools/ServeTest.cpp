@@ -325,7 +325,7 @@ TEST_F(Serve, anIdleAgentUsesNoProcessorTime) {
     const double before = agent.cpuSeconds();
     const std::uint64_t sleepsBefore = sleepsOf(agent);
     usleep(1500000);
-    return sleepsOf(agent) == sleepsBefore && agent.cpuSeconds() == before;
+    return sleepsOf(agent) <= sleepsBefore + 8 && agent.cpuSeconds() - before <= 0.01;  // a pass of the scrubber
   };
   EXPECT_TRUE(Support::becomes(sleepsOn)) << agent.output();
 }
