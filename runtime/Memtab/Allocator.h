@@ -35,11 +35,11 @@
 
 namespace Memtab {
 
-// What space is asked for. It decides how much of the reserve an allocation may use.
+// The reason for an allocation. It decides how much of the reserve an allocation may use.
 enum class Purpose : uint8_t {
   insertion,  // a new record, with its place in the index: none
   growth,     // a larger record in place of another, or a larger index for such a change: the first half
-  exchange,   // a change that releases what it takes, and the upkeep of the table: all of it
+  exchange,   // a change that releases as much as it takes, and the upkeep of the table: all of it
 };
 
 class Allocator {
@@ -94,7 +94,7 @@ class Allocator {
 
   static size_t sizeClass(size_t bytes);
   static size_t classBytes(size_t sizeClass);
-  // What a piece of bytes takes.
+  // The size of a piece for bytes.
   static size_t roomFor(size_t bytes) { return classBytes(sizeClass(bytes)); }
 
  private:

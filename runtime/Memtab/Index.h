@@ -75,10 +75,10 @@ class Index {
   bool stands(const Probe& found, std::span<const uint64_t> block) const;
   // A Probe is good as long as this number stays.
   uint64_t layout() const { return layout_; }
-  // What the record at found occupies; 0: there is none.
+  // The size of the piece of the record at found; 0: there is none.
   size_t bytesAt(const Probe& found) const;
   // Of hashes, which are ascending, as many as share a segment have room in it. Returns how many; 0: the segment was
-  // too small and has grown, ask again. Throws NoSpace; for a replacement only when no word of the segment is left.
+  // too small and has grown, ask again. Throws NoSpace when the segment can neither grow nor take them as it is.
   size_t makeRoom(std::span<const uint64_t> hashes);
   // Writes a block aside. Returns its first unit, which gives its index word. Throws NoSpace.
   uint32_t write(std::span<const uint64_t> block);
@@ -145,6 +145,7 @@ class Index {
   Match match(uint64_t word, Bytes key) const;
   Probe probe(uint64_t hash, Bytes key) const;
   bool hasRoom(const Segment& segment, const Probe& probe) const;
+  bool mayCrowd(const Segment& segment, size_t count) const;
   void noteIfInReserve(uint32_t units) {
     if (pen_->allocator().isInReserve(units)) {
       inReserve_.push_back(units);

@@ -77,7 +77,7 @@ bool Index<Stores>::moveBlock(size_t first, size_t slot, size_t& effort) {
 }
 
 // A replacement that found space in the reserve alone has released as much elsewhere; that is where its block moves.
-// Blocks for which there is no space elsewhere move together, so that what is left of the reserve stays in one piece.
+// Blocks for which there is no space elsewhere move together, so that the rest of the reserve stays in one piece.
 template <class Stores>
 void Index<Stores>::leaveReserve() {
   constexpr size_t leastAtOnce = 8;

@@ -138,6 +138,14 @@ bool Index<Stores>::hasRoom(const Segment& segment, const Probe& probe) const {
   return pen_->load(*probe.free) == tombstone || (segment.live + segment.dead + 1) * 32 <= segment.place.words() * 25;
 }
 
+// Without space for a larger segment this one is filled further, and searches in it take longer. Insertions leave the
+// last words to replacements.
+template <class Stores>
+bool Index<Stores>::mayCrowd(const Segment& segment, size_t count) const {
+  const size_t left = pen_->allocator().purpose() == Purpose::insertion ? segment.place.words() / 32 : 0;
+  return segment.live + count + left <= segment.place.words();
+}
+
 template <class Stores>
 size_t Index<Stores>::makeRoom(std::span<const uint64_t> hashes) {
   if (directory_.empty()) {
@@ -150,17 +158,15 @@ size_t Index<Stores>::makeRoom(std::span<const uint64_t> hashes) {
   if ((segment.live + segment.dead + count) * 32 <= segment.place.words() * 25) {
     return count;
   }
-  const Purpose purpose = pen_->allocator().purpose();
   try {
-    const PurposeScope lasting(pen_->allocator(), purpose == Purpose::exchange ? Purpose::growth : purpose);
+    const PurposeScope leavesReserve(pen_->allocator(), Purpose::insertion);
     grow(hashes.front());
     return 0;
   } catch (const NoSpace&) {
-    const Segment& same = segmentOf(hashes.front());
-    if (purpose != Purpose::insertion && same.live + count <= same.place.words()) {
-      return count;  // searches in the segment take longer
+    if (mayCrowd(segmentOf(hashes.front()), count)) {
+      return count;
     }
-    if (purpose != Purpose::exchange) {
+    if (pen_->allocator().purpose() == Purpose::insertion) {
       throw;
     }
   }
@@ -227,7 +233,14 @@ PutResult Index<Stores>::put(uint64_t hash, Bytes key, std::span<const uint64_t>
     return PutResult::unchanged;
   }
   while (!found.taken() && !hasRoom(segmentOf(hash), found)) {
-    grow(hash);
+    try {
+      grow(hash);
+    } catch (const NoSpace&) {
+      if (!mayCrowd(segmentOf(hash), 1)) {
+        throw;
+      }
+      break;
+    }
     found = probe(hash, key);
   }
   if (found.taken()) {

@@ -89,7 +89,7 @@ class BasicStore {
   bool isGroupOpen() const { return group_.isOpen(); }
   // Makes the changes, which readers see as one, and then calls changed(collection, key, ChangeKind) for each key whose
   // record differs from what stood before. changed may put and delete, but not begin a group.
-  // Throws NoSpace; then the table stands as it did before the group, which is forgotten. A group that replaces or
+  // Throws NoSpace; then the table is as it was before the group, which is forgotten. A group that replaces or
   // deletes a record may use the reserve; it is never refused if it needs no more than it releases.
   template <class F>
   void groupEnd(F&& changed);

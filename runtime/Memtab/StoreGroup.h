@@ -72,7 +72,7 @@ Lookup BasicStore<Stores>::staged(const Group::Item& item, Buffer& buffer) const
   return result;
 }
 
-// What a group needs space for. One that replaces or deletes a record is a replacement as a whole: an entry whose
+// The reason why a group needs space. One that replaces or deletes a record is a replacement as a whole: an entry whose
 // label stack changes comes with a new stack record.
 template <class Stores>
 Purpose BasicStore<Stores>::purposeOf(std::span<Group::Item* const> changes) {

@@ -1,4 +1,4 @@
-// A table whose region cannot grow: what the reserve is for, and what it is not for.
+// A table whose region cannot grow: who may use the reserve, and how it is refilled.
 #include "tests/runtime/Memtab/FileScene.h"
 #include "tests/runtime/Memtab/Structure.h"
 
@@ -121,7 +121,7 @@ TEST_F(MemtabReserve, equalSizesAlwaysFit) {
   expectIntact();
 }
 
-// Fails if what is released goes to insertions before the reserve is whole again, or if blocks stay in the reserve when
+// Fails if insertions get released space before the reserve is whole again, or if blocks stay in the reserve when
 // there is space for them elsewhere.
 TEST_F(MemtabReserve, isRefilledFirst) {
   open();
