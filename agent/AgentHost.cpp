@@ -82,7 +82,7 @@ std::size_t AgentHost::heldUp() const {
 }
 
 bool AgentHost::isDrained() const {
-  bool isDrained = fibSm_->tunnelForReviews() == fibSm_->heldUp();
+  bool isDrained = fibSm_->tunnelForReviews() == 0;
   forEachRibBuilder([&isDrained](const auto& builder) { isDrained = isDrained && builder.isDrained(); });
   return isDrained;
 }

@@ -25,6 +25,7 @@ settles   tools_tests           *ServeScenario*                               SE
 restart   tools_tests           Serve.aRestartOverManyTunnels*                SERVE_RESTART_TUNNELS=100000
 shadow    tools_tests           *ShadowExample*                               SHADOW_STEPS=1000
 requests  tools_tests           Control.requestsLeaveNothingBehind            CONTROL_REQUESTS=1000000
+overload  tunnel_table_sm_tests *FullFib.delaysNoOtherChange*                 OVERLOAD_SECONDS=3600
 '
 tests=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)/build/release/tests
 output=$(mktemp)

@@ -5,9 +5,14 @@
 // A member is a hash of the content and an id, nothing more. Members of one hash stand together in the collection's
 // order, and the caller compares the record of each candidate: the collections stay the only truth, and a member whose
 // record has gone or has another content is passed over.
+//
+// Between changeBegin() and changeEnd() the changes are kept, so that takeBack() can undo them: a record that found no
+// space leaves no member.
 #pragma once
 
 #include <cstdint>
+#include <utility>
+#include <vector>
 
 #include "runtime/Zol/HashCollection.h"
 #include "tunnel/EncapId.h"
@@ -18,11 +23,17 @@ class EncapContentIndex {
  public:
   template <class Info>
   void add(EncapId id, const Info& info) {
-    members_.insert(Member{contentHash(id.encapType(), info), id});
+    const Member member{contentHash(id.encapType(), info), id};
+    if (members_.insert(member).second && isChanging_) {
+      changes_.emplace_back(member, true);
+    }
   }
   template <class Info>
   void remove(EncapId id, const Info& info) {
-    members_.erase(Member{contentHash(id.encapType(), info), id});
+    const Member member{contentHash(id.encapType(), info), id};
+    if (members_.erase(member) && isChanging_) {
+      changes_.emplace_back(member, false);
+    }
   }
 
   // The first id in the collection's order whose record matches(id), or EncapId(). O(1) unless hashes collide.
@@ -37,9 +48,24 @@ class EncapContentIndex {
     }
     return {};
   }
-  void clear() { members_.clear(); }
   std::size_t size() const { return members_.size(); }
-  std::size_t bytesUsed() const { return members_.bytesUsed(); }
+  std::size_t bytesUsed() const { return members_.bytesUsed() + changes_.capacity() * sizeof(changes_[0]); }
+
+  void changeBegin() { isChanging_ = true; }
+  void changeEnd() {
+    isChanging_ = false;
+    changes_.clear();
+  }
+  void takeBack() {
+    for (auto change = changes_.rbegin(); change != changes_.rend(); ++change) {
+      if (change->second) {
+        members_.erase(change->first);
+      } else {
+        members_.insert(change->first);
+      }
+    }
+    changeEnd();
+  }
 
  private:
   struct Member {
@@ -58,6 +84,8 @@ class EncapContentIndex {
   }
 
   Zol::HashCollection<Member> members_;
+  std::vector<std::pair<Member, bool>> changes_;  // of the change under way, in order; true: added
+  bool isChanging_ = false;
 };
 
 }  // namespace Tunnel::TunnelTable

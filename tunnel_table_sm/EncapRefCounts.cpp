@@ -11,6 +11,9 @@ void EncapRefCounts::countIs(EncapId id, std::uint32_t count) {
     page = pages_.insert(pageOf(id), std::make_unique<Page>()).first;
   }
   std::uint32_t& present = (*page)->counts[slotOf(id)];
+  if (isChanging_) {
+    before_.emplace_back(id, present);
+  }
   const bool wasUsed = present > 0;
   present = count;
   if (wasUsed == (count > 0)) {
@@ -25,6 +28,14 @@ void EncapRefCounts::countIs(EncapId id, std::uint32_t count) {
   if (--(*page)->used == 0) {
     pages_.erase(pageOf(id));
   }
+}
+
+void EncapRefCounts::takeBack() {
+  isChanging_ = false;
+  for (auto before = before_.rbegin(); before != before_.rend(); ++before) {
+    countIs(before->first, before->second);
+  }
+  before_.clear();
 }
 
 void EncapRefCounts::clear() {

@@ -1,10 +1,14 @@
 // EncapRefCounts: how many FIB vias carry each encapsulation id. Ids of a type are handed out in ascending order, so
 // counts lie in pages of neighbouring indexes; a page exists while one of its counts is positive.
+//
+// Between changeBegin() and changeEnd() the earlier counts are kept, so that takeBack() can restore them.
 #pragma once
 
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <utility>
+#include <vector>
 
 #include "runtime/Zol/HashCollection.h"
 #include "tunnel/EncapId.h"
@@ -33,7 +37,16 @@ class EncapRefCounts {
   }
   // The number of ids with a count.
   std::size_t size() const { return size_; }
-  std::size_t bytesUsed() const { return pages_.bytesUsed() + pages_.size() * sizeof(Page); }
+  std::size_t bytesUsed() const {
+    return pages_.bytesUsed() + pages_.size() * sizeof(Page) + before_.capacity() * sizeof(before_[0]);
+  }
+
+  void changeBegin() { isChanging_ = true; }
+  void changeEnd() {
+    isChanging_ = false;
+    before_.clear();
+  }
+  void takeBack();
 
  private:
   static constexpr std::uint32_t pageSize = 256;
@@ -47,6 +60,8 @@ class EncapRefCounts {
 
   Zol::HashCollection<std::uint32_t, std::unique_ptr<Page>> pages_;
   std::size_t size_ = 0;
+  std::vector<std::pair<EncapId, std::uint32_t>> before_;  // earlier counts, in the order of the change under way
+  bool isChanging_ = false;
 };
 
 }  // namespace Tunnel::TunnelTable

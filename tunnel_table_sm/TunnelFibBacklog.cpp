@@ -6,12 +6,10 @@
 //
 // An id leaves the set before its review: what is filed while it is reviewed, itself included, is reviewed again.
 //
-// A tunnel whose entry finds no space in the FIB stays filed. The others behind it have their turn, since a withdrawal
-// must not wait for it, and may make the space; once round, everything rests for a second. The same goes for a tunnel
-// whose table is so damaged that nobody can tell whether it still has the tunnel.
+// A tunnel whose entry finds no space in the FIB, or whose table cannot be read, leaves the backlog until its retry
+// (TunnelFibRetry).
 #include <utility>
 
-#include "runtime/Fastlog/RingMessage.h"
 #include "runtime/Fastlog/TraceHelper.h"
 #include "runtime/Memtab/Region.h"
 #include "tunnel_table_sm/TunnelFibSm.h"
@@ -20,8 +18,6 @@ namespace Tunnel::TunnelTable {
 namespace {
 
 FASTLOG_DEFAULT_HANDLE("TunnelFibSm");
-
-constexpr double retryDelay = 1;  // seconds
 
 }  // namespace
 
@@ -107,16 +103,13 @@ void TunnelFibSm::fileDeferredDependants(const TunnelId& tunnelId) {
 void TunnelFibSm::review(const TunnelId tunnelId) {
   ++reviewed_;
   tunnelForReviewDel(tunnelId);
+  if (!heldUp_.empty()) {
+    heldUp_.erase(tunnelId);
+  }
   try {
     updateTunnelFibEntry(tunnelId);
   } catch (const Memtab::NoSpace& full) {
-    FASTLOG_TRACE(3, "drainTunnelBacklog"
-                         << ": No space for tunnelId: " << tunnelId << ": " << full.what());
-    if (!std::exchange(isHeldUp_, true)) {
-      static Fastlog::RingMessage message("TunnelFibSm", __LINE__, "No space for tunnelId: %i: %s");
-      message.write(tunnelId.value(), full.what());
-    }
-    tunnelForReview_.insert(tunnelId);
+    holdForSpace(tunnelId, full.what());
   }
 }
 
@@ -140,22 +133,15 @@ void TunnelFibSm::reviewNextLevels() {
   }
 }
 
-void TunnelFibSm::hold(const TunnelId& tunnelId) {
-  FASTLOG_TRACE(3, "updateTunnelFibEntry: The table of tunnelId: " << tunnelId << " cannot be read, its entry stands");
-  isHeldUp_ = true;
-  tunnelForReview_.insert(tunnelId);
-}
-
 void TunnelFibSm::drainSlice() {
   struct Draining {
     explicit Draining(bool& flag) : flag_(flag) { flag_ = true; }
     ~Draining() { flag_ = false; }
     bool& flag_;
   } draining(draining_);
-  isHeldUp_ = isHeldUp_ && !!tunnelReviewBookmark_;  // until the round is over
   auto it = !tunnelReviewBookmark_ ? tunnelForReview_.begin() : tunnelForReview_.from(tunnelReviewBookmark_);
   tunnelReviewBookmark_ = TunnelId();
-  while (it || (!tunnelForReview_.empty() && !isHeldUp_)) {
+  while (it || !tunnelForReview_.empty()) {
     if (!it) {  // ids were filed behind the place, or the bookmark was behind them all
       it = tunnelForReview_.begin();
     }
@@ -188,16 +174,13 @@ void TunnelFibSm::drainTunnelBacklog() {
                        << ": Reviewed " << reviewed_ << " tunnels. " << remaining << " remain in the backlog.");
   task_->taskWorkCountInc(reviewed_);
   task_->taskWorkPendingIs(remaining);
+  retryIfSpaceWasReleased();
   if (remaining != 0) {
-    if (isHeldUp_ && !tunnelReviewBookmark_) {
-      task_->scheduleTaskLowestDelay(retryDelay);
-    } else {
-      scheduleTunnelReview();
-    }
+    scheduleTunnelReview();
     return;
   }
   tunnelReviewBookmark_ = TunnelId();
-  ZOL_ASSERT_TEXT(markedUnprocessed_.empty(), "!tunnelFibEntryMarkedUnprocesseds()");
+  ZOL_ASSERT_TEXT(markedUnprocessed_.empty() || !heldUp_.empty(), "!tunnelFibEntryMarkedUnprocesseds()");
   task_->unscheduleTask();
 }
 

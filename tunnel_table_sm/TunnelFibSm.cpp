@@ -56,6 +56,8 @@ void TunnelFibSm::handleInitialized() {
   fastlogInitialize();
   task_ = std::make_unique<Quor::OwnedTask<TunnelFibSm>>(*this, &TunnelFibSm::drainTunnelBacklog, scheduler_, 2,
                                                          "TunnelFibSm");
+  retryTask_ = std::make_unique<Quor::OwnedTask<TunnelFibSm>>(*this, &TunnelFibSm::retryHeldUpTunnels, scheduler_, 2,
+                                                              "TunnelFibRetry");
   tunnelFibWriter_.is(tunnelFibWriterFactory(tunnelFib_));
   removeStaleEntries();
   walkSafely(tunnelFib_->entry(), [this](const auto& hint) {

@@ -13,7 +13,7 @@
 // reviewed. When the backlog is empty nothing is deferred, and the FIB follows from the tables alone.
 //
 // Source units: TunnelFibSm.cpp intake and start, TunnelFibUpdate.cpp the review of one tunnel, TunnelFibBacklog.cpp
-// the backlog and its drain. Scheduler thread only.
+// the backlog and its drain, TunnelFibRetry.cpp the tunnels that are held up. Scheduler thread only.
 #pragma once
 
 #include <array>
@@ -25,6 +25,7 @@
 #include "tunnel/TunnelFibCalcResult.h"
 #include "tunnel/TunnelIdColl.h"
 #include "tunnel/TunnelTable.h"
+#include "tunnel_table_sm/HeldUpTunnels.h"
 #include "tunnel_table_sm/TunnelFibDependencies.h"
 #include "tunnel_table_sm/TunnelFibFinding.h"
 #include "tunnel_table_sm/TunnelFibWriter.h"
@@ -103,8 +104,11 @@ class TunnelFibSm final : public Zol::Reactor {
   // ---- backlog ----
   bool tunnelForReview(const TunnelId& tunnelId) const { return tunnelForReview_.has(tunnelId); }
   std::size_t tunnelForReviews() const { return tunnelForReview_.size(); }
-  // Of these, such as wait for space or for a table that can be read again; 0 in the midst of a round.
-  std::size_t heldUp() const { return isHeldUp_ && !tunnelReviewBookmark_ ? tunnelForReview_.size() : 0; }
+  // Tunnels that wait for space or for a table that can be read again. They are not in the backlog.
+  std::size_t heldUp() const { return heldUp_.size(); }
+  bool isHeldUp(const TunnelId& tunnelId) const { return !heldUp_.empty() && heldUp_.has(tunnelId); }
+  void retryHeldUpTunnels();
+  const Quor::TimerTask& retryTask() const { return *retryTask_; }
   void tunnelForReviewIs(const TunnelId& tunnelId, bool value);
   void tunnelForReviewDel(const TunnelId& tunnelId) { tunnelForReview_.erase(tunnelId); }
   void tunnelForReviewDelAll() { tunnelForReview_.clear(); }
@@ -116,8 +120,11 @@ class TunnelFibSm final : public Zol::Reactor {
   void scheduleTunnelReview();
   void drainTunnelBacklog();
   void addDependentTunnelsForReview(const TunnelId& tunnelId);
-  // Whether the tunnel's review is still to come, or was deferred and is to come again.
-  bool isWaiting(const TunnelId& tunnelId) const { return tunnelForReview_.has(tunnelId) || deferred_.has(tunnelId); }
+  // Whether the tunnel's review is still to come, or comes again because it was deferred or is held up. A held-up
+  // tunnel may wait for hours: ask isHeldUp() before another tunnel waits for it.
+  bool isWaiting(const TunnelId& tunnelId) const {
+    return tunnelForReview_.has(tunnelId) || deferred_.has(tunnelId) || isHeldUp(tunnelId);
+  }
   std::size_t deferredTunnels() const { return deferred_.size(); }
 
   // ---- start-up ----
@@ -164,6 +171,9 @@ class TunnelFibSm final : public Zol::Reactor {
   // Whether the tunnel's table is damaged such that it cannot tell whether it has the tunnel.
   bool isHidden(const TunnelId& tunnelId) const;
   void hold(const TunnelId& tunnelId);
+  void holdForSpace(const TunnelId& tunnelId, const char* full);
+  void heldUpIs(const TunnelId& tunnelId, HeldUpBy reason);
+  void retryIfSpaceWasReleased();
   template <class F, class... Tables>
   void forEachTunnel(F&& file, const Zol::PtrConst<Tables>&... tables) const;
 
@@ -209,9 +219,11 @@ class TunnelFibSm final : public Zol::Reactor {
   std::size_t innerReviewsLeft_ = 0;
   std::size_t reviewed_ = 0;  // in the slice under way
   std::unique_ptr<Quor::OwnedTask<TunnelFibSm>> task_;
+  HeldUpTunnels heldUp_;
+  std::size_t bytesFreeAtRefusal_ = 0;  // in the FIB, when it had no space last
+  std::unique_ptr<Quor::OwnedTask<TunnelFibSm>> retryTask_;
   bool initialized_ = false;
   bool draining_ = false;
-  bool isHeldUp_ = false;  // some tunnel of this round through the backlog could not be read or written
 };
 
 // Creates the state machine of the tunnel FIB and switches it on.

@@ -10,6 +10,8 @@
 // deleted or swept, since what could not be read may carry it.
 #include "tunnel_table_sm/TunnelFibWriter.h"
 
+#include <vector>
+
 #include "runtime/Fastlog/TraceHelper.h"
 #include "tunnel/EncapKind.h"
 #include "tunnel/TunnelTable.h"
@@ -133,34 +135,26 @@ void TunnelFibWriter::addFibEntry(const ConsolidatedTunnelFibEntry& consFibEntry
   });
 }
 
-// Entry and records change as one. When that fails nothing was written, and the counts, which ran ahead, go back: a
-// full FIB is tried again and again, so that must cost no more than the try.
+// Entry and records change as one. When that fails nothing was written, and counts and index, which ran ahead, go back:
+// a full FIB is tried again and again, so each failure must leave everything as it was.
 template <class F>
 void TunnelFibWriter::change(F&& f) {
   const std::uint64_t sequence = tunnelFib_->entry().collectionControl().sequence();
-  countsBefore_.clear();
+  encapIdRefCount_.changeBegin();
+  byContent_.changeBegin();
   try {
     tunnelFib_->entry().change(std::forward<F>(f));
   } catch (...) {
     if (tunnelFib_->entry().collectionControl().sequence() == sequence) {  // else whoever heard of the change raised it
-      takeCountsBack();
+      encapIdRefCount_.takeBack();
+      byContent_.takeBack();
     }
+    encapIdRefCount_.changeEnd();
+    byContent_.changeEnd();
     throw;
   }
-}
-
-// Records that were to be deleted stand, and are found again. The index may keep members of records that were not
-// created: it passes over them.
-void TunnelFibWriter::takeCountsBack() {
-  for (auto before = countsBefore_.rbegin(); before != countsBefore_.rend(); ++before) {
-    const EncapId id = before->first;
-    encapIdRefCount_.countIs(id, before->second);
-    withEncapKind(id.encapType(), [&](auto kind) {
-      if (const auto info = encapInfo(*tunnelFib_, kind, id)) {
-        byContent_.add(id, *info);
-      }
-    });
-  }
+  encapIdRefCount_.changeEnd();
+  byContent_.changeEnd();
 }
 
 void TunnelFibWriter::deleteFibEntry(const TunnelId& tunnelId) {
@@ -351,14 +345,12 @@ std::uint32_t TunnelFibWriter::nextEncapIndex(EncapType type) const {
 
 std::uint32_t TunnelFibWriter::encapIdRefCountInc(EncapId id, std::uint32_t by) {
   const std::uint32_t before = encapIdRefCount(id);
-  countsBefore_.emplace_back(id, before);
   encapIdRefCount_.countIs(id, before + by);
   return before + by;
 }
 
 std::uint32_t TunnelFibWriter::encapIdRefCountDec(EncapId id, std::uint32_t by) {
   const std::uint32_t before = encapIdRefCount(id);
-  countsBefore_.emplace_back(id, before);
   encapIdRefCount_.countIs(id, before - by);
   return before - by;
 }

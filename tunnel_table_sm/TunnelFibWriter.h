@@ -11,8 +11,6 @@
 #pragma once
 
 #include <array>
-#include <utility>
-#include <vector>
 
 #include "runtime/Zol/HashCollection.h"
 #include "runtime/Zol/Reactor.h"
@@ -81,7 +79,6 @@ class TunnelFibWriter final : public Zol::Reactor {
  private:
   template <class F>
   void change(F&& f);
-  void takeCountsBack();
   template <class Info>
   EncapId insertEncap(const Info& info);
   void handleInitialized();
@@ -96,7 +93,6 @@ class TunnelFibWriter final : public Zol::Reactor {
   Zol::HashCollection<EncapType, std::uint32_t> nextEncapIndex_;
   EncapRefCounts encapIdRefCount_;
   EncapContentIndex byContent_;
-  std::vector<std::pair<EncapId, std::uint32_t>> countsBefore_;  // what the change under way counted from, in order
   std::array<std::uint32_t, 5> inheritedEnd_{};  // by type: records from before the start have lower indexes
   bool areCountsComplete_ = true;                // false: damage hid entries when references were counted
   bool initialized_ = false;

@@ -200,7 +200,7 @@ class FibScene {
       return;
     }
     settle();
-    EXPECT_EQ(sm->tunnelForReviews(), 0U);
+    EXPECT_EQ(sm->tunnelForReviews() + sm->heldUp(), 0U);
     EXPECT_EQ(sm->deferredTunnels(), 0U);
     EXPECT_EQ(sm->tunnelFibEntryMarkedUnprocesseds(), 0U);
     EXPECT_FALSE(sm->task().taskScheduled());

@@ -4,6 +4,7 @@
 
 #include "tests/support/DamagedBytes.h"
 #include "tests/support/FibScene.h"
+#include "tests/support/TightStore.h"
 #include "tunnel_table_sm/TunnelFibWriter.h"
 
 namespace Tunnel::TunnelTable {
@@ -106,6 +107,29 @@ TEST(TunnelFibWriter, noEntryEverNamesAMissingRecord) {
   const unsigned changes = watch.changes;
   scene.writer->deleteFibEntry(tunnel("ldpTunnel/2"));
   EXPECT_EQ(watch.changes, changes);
+}
+
+// Fails if changes that find no space, or counting outside of a change, leave something in memory.
+TEST(TunnelFibWriter, refusalsLeaveNothing) {
+  const auto isFull = std::make_shared<bool>(false);
+  WriterScene scene{Zol::make<TunnelFib>("fib", Zol::make<Memtab::TightStore>(TunnelFib::layout(), isFull))};
+  *isFull = true;
+  std::size_t bytes = 0;
+  unsigned refused = 0;
+  for (unsigned i = 0; refused < 20'000; ++i) {
+    try {
+      scene.writer->addFibEntry(consolidated("ldpTunnel/" + std::to_string(i), {i}));
+      bytes = scene.writer->bytesUsed();
+    } catch (const Memtab::NoSpace&) {
+      ++refused;
+    }
+  }
+  EXPECT_LE(scene.writer->bytesUsed(), bytes + 4096);
+  for (unsigned i = 0; i < 10'000; ++i) {
+    scene.writer->encapIdRefCountInc(EncapId(EncapType::labelStack, 0), 1);
+    scene.writer->encapIdRefCountDec(EncapId(EncapType::labelStack, 0), 1);
+  }
+  EXPECT_LE(scene.writer->bytesUsed(), bytes + 4096);
 }
 
 // Fails if an unchanged entry is written again, also one whose vias another writer put in another order.
