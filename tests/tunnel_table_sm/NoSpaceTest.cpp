@@ -200,21 +200,15 @@ TEST(FullRib, startsOverOne) {
   scene.advance(0);
   EXPECT_LT(scene.rib()->size(), 2 * plenty);
   *isFull = false;
-  scene.advance(1);
-  scene.settle();
+  scene.advance(1.5);
+  EXPECT_FALSE(scene.scheduler->hasTasks());
   scene.expectRibs();
 }
 
-// RIBs without space, and 513 tunnels at an endpoint that they lack and that comes first in turn.
+// RIBs without space, and 513 tunnels at each of two endpoints that they lack. In turn these come first, whether turns
+// begin at the first hash or at that of the zero prefix.
 struct CrowdedRib : testing::Test {
   CrowdedRib() {
-    std::uint32_t first = tep(0).hash();
-    for (unsigned i = 0; i < 3 * plenty; ++i) {
-      first = std::min(first, tep(i).hash());
-    }
-    for (unsigned i = 3 * plenty; wide.hash() >= first; ++i) {
-      wide = tep(i);
-    }
     publish(0, plenty);
     scene.settle();
     *isFull = true;
@@ -222,8 +216,21 @@ struct CrowdedRib : testing::Test {
     scene.advance(0);
     for (unsigned i = 0; i < 513; ++i) {
       scene.sr(i, wide);
+      scene.sr(1000 + i, wide2);
     }
     scene.advance(3);
+  }
+  static Ipkit::IpGenPrefix firstInTurn(std::uint32_t start) {
+    const auto turn = [start](unsigned i) { return tep(i).hash() - start; };
+    std::uint32_t first = ~0U;
+    for (unsigned i = 0; i < 3 * plenty; ++i) {
+      first = std::min(first, turn(i));
+    }
+    unsigned i = 3 * plenty;
+    while (turn(i) >= first) {
+      ++i;
+    }
+    return tep(i);
   }
   void publish(unsigned first, unsigned last) {
     for (unsigned i = first; i < last; ++i) {
@@ -233,7 +240,8 @@ struct CrowdedRib : testing::Test {
 
   const std::shared_ptr<bool> isFull = std::make_shared<bool>(false);
   RibScene scene{0, isFull};
-  Ipkit::IpGenPrefix wide = tep(3 * plenty);
+  const Ipkit::IpGenPrefix wide = firstInTurn(0);
+  const Ipkit::IpGenPrefix wide2 = firstInTurn(Ipkit::IpGenPrefix().hash());
 };
 
 // Fails if an entry that never fits keeps those after it from their turn.
