@@ -72,7 +72,7 @@ TunnelId TunnelRibBuilderSm::arrivalAt(const Ipkit::IpGenPrefix& tep, std::optio
   return arrival;
 }
 
-// ---- what is held up ----
+// ---- held-up entries and tunnels ----
 
 std::size_t TunnelRibBuilderSm::heldUp() const {
   std::size_t all = undecided_.size() + tunnelRib_.unwritten();

@@ -1,5 +1,5 @@
-// RIBs over tables that cannot be read, and RIBs with damaged entries: nothing that may still forward is lost, and what
-// is known is never mixed with what is not.
+// RIBs over tables that cannot be read, and RIBs with damaged entries: no tunnel that may still forward is lost, and
+// none gets a preference that was never published.
 
 #include <gtest/gtest.h>
 
@@ -63,7 +63,7 @@ TEST(RibDamage, aStartKeepsWhatCannotBeRead) {
   scene.ldp(4, c);
   scene.settle();
   scene.configDirSm = nullptr;
-  scene.ldp(2, a, 60);  // of another preference than its neighbour, but nobody can know
+  scene.ldp(2, a, 60);  // a new preference, but it cannot be read
   scene.del("ldpTunnel/4");
   scene.hide(Id::ldp);
   scene.start();
@@ -111,7 +111,7 @@ TEST(RibDamage, theMapperMayBeTheLastToKnowOfARepair) {
   scene.settle();
   const auto mapper = (*scene.configDirSm->tunnelRibSm().find(*scene.ribIds->tunnelRibId("te")))->preferenceMapperSm();
   scene.hide(Id::ldp);
-  mapper->handleTunnelTableEntry(ldpId(1), Id::ldp, true);  // what a watcher reports of a hidden key
+  mapper->handleTunnelTableEntry(ldpId(1), Id::ldp, true);  // as a watcher reports a hidden key
   scene.advance(1);
   scene.hidden.clear();
   scene.advance(3);
