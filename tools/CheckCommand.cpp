@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "agent/InputError.h"
+#include "tools/ControlClient.h"
 #include "tools/ShadowCommands.h"
 #include "tools/StructureCheck.h"
 
@@ -12,7 +13,24 @@ namespace {
 
 using Agent::OrderedJson;
 
+// The counters of the agent's scrubber; null: the agent cannot be asked.
+OrderedJson scrubbed(const std::string& stateDirectory) {
+  try {
+    return ControlClient(stateDirectory, 1).ask("stats.get")["scrub"];
+  } catch (const std::runtime_error&) {
+    return nullptr;
+  }
+}
+
+void writeScrubbed(const OrderedJson& scrub) {
+  if (scrub.is_object() && scrub["found"] != 0) {
+    std::cout << "the agent has found " << Agent::counted(scrub["found"].get<std::size_t>(), "damaged place")
+              << " in its own tables and repaired " << scrub["repaired"] << '\n';
+  }
+}
+
 int runCheck(const ShadowOptions& options) {
+  const OrderedJson scrub = scrubbed(options.stateDirectory);
   const std::vector<Problem> problems = checkStructure(options.stateDirectory);
   OrderedJson list = OrderedJson::array();
   for (std::size_t i = 0; i < problems.size() && i < options.shown(); ++i) {
@@ -23,12 +41,19 @@ int runCheck(const ShadowOptions& options) {
     }
   }
   if (options.isJson) {
-    std::cout << OrderedJson{{"sound", problems.empty()}, {"count", problems.size()}, {"problems", list}}.dump(1)
+    std::cout << OrderedJson{{"sound", problems.empty()},
+                             {"count", problems.size()},
+                             {"problems", list},
+                             {"scrub", scrub}}
+                     .dump(1)
               << '\n';
   } else if (problems.empty()) {
     std::cout << "all tables are sound\n";
   } else {
     std::cout << Agent::counted(problems.size(), "problem") << '\n';
+  }
+  if (!options.isJson) {
+    writeScrubbed(scrub);
   }
   return problems.empty() ? exitDone : exitFailed;
 }

@@ -1,12 +1,18 @@
 #include "tools/Lag.h"
 
 #include "agent/StartGate.h"
+#include "tools/InputDamage.h"
 
 namespace Tools {
 namespace {
 
-std::vector<std::string> reasonsIn(const Agent::AgentState& state) {
+std::vector<std::string> reasonsIn(StateReading& reading) {
+  const Agent::AgentState& state = reading.state();
   std::vector<std::string> reasons = Agent::StartGate(state).waitingFor();
+  const InputDamage damage(reading);
+  for (const InputDamage::Line& line : damage.lines()) {
+    reasons.push_back(line.text);
+  }
   if (!state.entityManager()->mirror(Agent::fibPath)->isOwned()) {
     reasons.emplace_back("no agent is running");
   } else if (reasons.empty()) {
@@ -24,7 +30,7 @@ Lag lagOf(StateReading& reading, const Shadow& shadow, const ComparisonScope& sc
     return lag.differences.size() < limit;
   });
   if (!lag.differences.empty()) {
-    lag.reasons = reasonsIn(reading.state());
+    lag.reasons = reasonsIn(reading);
   }
   return lag;
 }

@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 
+#include "tools/InputDamage.h"
 #include "tools/TableWalk.h"
 
 namespace Tools {
@@ -9,7 +10,7 @@ namespace Tools {
 Shadow::Shadow(StateReading& reading, const Agent::AgentState& tables) {
   for (const TableFile& file : reading.files()) {
     if (!file.mirror->trouble().empty()) {
-      throw std::runtime_error(file.mirror->trouble());
+      throw std::runtime_error(troubleOf(file));
     }
   }
   readTables(tables);

@@ -120,11 +120,23 @@ class Comparison {
       return;
     }
     walk(right, {keys, std::nullopt}, [&](const auto& record) {
-      if (!Model::readSafely(&left, keyOf(record), other)) {
-        tell(Zol::stringOf(keyOf(record)), "entry", std::nullopt, entryHeld(right_, record));
+      bool isDamaged = false;
+      if (!isRead(left, keyOf(record), other, isDamaged)) {
+        tell(Zol::stringOf(keyOf(record)), isDamaged ? "damaged entry" : "entry", std::nullopt,
+             entryHeld(right_, record));
       }
       return goesOn_;
     });
+  }
+  template <class Map>
+  static bool isRead(const Map& map, const typename Map::Key& key, typename Map::Record& record, bool& isDamaged) {
+    try {
+      return map.read(key, record);
+    } catch (const Memtab::CorruptionException& damage) {
+      map.corruptionDetected(damage.what());
+      isDamaged = true;
+      return false;
+    }
   }
   static Model::TunnelId keyOf(const Fib::TunnelFibEntry& entry) { return entry.tunnelId(); }
   static Ipkit::IpGenPrefix keyOf(const Model::TunnelRibEntry& entry) { return entry.tep(); }
@@ -260,7 +272,8 @@ OrderedJson differenceJson(const Difference& difference, const char* left, const
 std::string publishedWords(const Difference& difference) {
   const std::string place = difference.where + " " + difference.key + ": " + difference.what;
   if (!difference.left) {
-    return place + " missing: " + difference.right->text;
+    const bool isDamaged = difference.what == "damaged entry";
+    return place + (isDamaged ? ", should be: " : " missing: ") + difference.right->text;
   }
   if (!difference.right) {
     return place + " not due: " + difference.left->text;

@@ -22,9 +22,10 @@ struct Held {
 };
 
 struct Difference {
-  std::string where;         // "fib", "rib system", "protocolRib ldpTunnel", "unprogrammable"
-  std::string key;           // a tunnel or an endpoint
-  std::string what;          // "entry", "via", "backup via", "tunnel", "preference", "metrics", "usable"
+  std::string where;  // "fib", "rib system", "protocolRib ldpTunnel", "unprogrammable"
+  std::string key;    // a tunnel or an endpoint
+  std::string what;   // "entry", "damaged entry" (left cannot be read), "via", "backup via", "tunnel", "preference",
+                      // "metrics", "usable"
   std::optional<Held> left;  // nothing: absent there
   std::optional<Held> right;
 

@@ -49,6 +49,12 @@ bool isDirectory(const std::string& path) {
   return exists;
 }
 
+std::string troubleOf(const TableFile& file) {
+  const std::string& trouble = file.mirror->trouble();
+  const bool namesFile = trouble.find(file.path) != std::string::npos;
+  return "table " + file.name + (namesFile ? ": " : " (" + file.path + "): damaged: ") + trouble;
+}
+
 StateReading::StateReading(const std::string& directory)
     : state_(Zol::make<Statehub::EntityManager>(existing(directory)), Statehub::Access::read) {}
 
@@ -143,14 +149,25 @@ std::vector<TableFile> StateReading::files() {
   return all;
 }
 
+std::vector<TableDamage> StateReading::damagedTables() {
+  std::vector<TableDamage> damaged;
+  const std::string directory = state_.entityManager()->stateDirectory() + "/";
+  for (const TableFile& file : files()) {
+    if (corruptionsIn(state_.entityManager()->getEntity(file.path.substr(directory.size()))) > 0) {
+      damaged.push_back({file.name, file.path});
+    }
+  }
+  return damaged;
+}
+
 std::vector<std::string> StateReading::damages() {
   std::vector<std::string> all;
   const std::string directory = state_.entityManager()->stateDirectory() + "/";
   for (const TableFile& file : files()) {
     if (!file.mirror->trouble().empty()) {
-      all.push_back(file.mirror->trouble());
+      all.push_back(troubleOf(file));
     } else if (corruptionsIn(state_.entityManager()->getEntity(file.path.substr(directory.size()))) > 0) {
-      all.push_back(file.path + ": damaged; what cannot be read is left out");
+      all.push_back("table " + file.name + " (" + file.path + "): damaged; unreadable records are left out");
     }
   }
   return all;

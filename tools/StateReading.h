@@ -22,6 +22,15 @@ struct TableFile {
 // state.
 bool isDirectory(const std::string& path);
 
+// Why the file is not read, or only in part: "table ldp (/run/.../ldp): damaged: collection 0: directory word damaged".
+std::string troubleOf(const TableFile& file);
+
+// A table of which records could not be read.
+struct TableDamage {
+  std::string name;
+  std::string path;
+};
+
 class StateReading {
  public:
   // Raises runtime_error when there is no such directory, or nothing in it. Nothing but the mounts is done here: O(1)
@@ -46,6 +55,8 @@ class StateReading {
 
   // All files that belong to the state, those that are absent too.
   std::vector<TableFile> files();
+  // Tables of which records were found damaged until now.
+  std::vector<TableDamage> damagedTables();
   // What was found damaged until now, with its path; what cannot be read is left out of what was read.
   std::vector<std::string> damages();
   // Raises runtime_error, with the path, unless the table mounted there can be read.

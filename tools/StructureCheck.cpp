@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "agent/InputError.h"
+#include "tools/InputDamage.h"
 #include "tools/Shadow.h"
 #include "tunnel/EncapKind.h"
 
@@ -46,7 +47,8 @@ class StructureCheck {
         isMore = isStarted ? map.next(hint) : map.first(hint);
       } catch (const Memtab::CorruptionException& damage) {
         ++damaged;
-        add(table, damage.what());
+        map.corruptionDetected(damage.what());
+        add(table, "damaged: " + std::string(damage.what()));
         continue;
       }
       if (isMore) {
@@ -70,7 +72,8 @@ class StructureCheck {
         return false;
       }
     } catch (const Memtab::CorruptionException& damage) {
-      add(table, name + ": " + damage.what());
+      map.corruptionDetected(damage.what());
+      add(table, name + ": damaged: " + damage.what());
       return false;
     }
     f(name, record);
@@ -170,6 +173,10 @@ class StructureCheck {
                      }
                    });
     });
+    const InputDamage damage(reading_);
+    for (const auto& [table, line] : damage.lines()) {
+      add(table, line);
+    }
   }
 
   void checkStatus() {

@@ -1,5 +1,6 @@
 #include "tools/Verification.h"
 
+#include <algorithm>
 #include <chrono>
 #include <map>
 #include <set>
@@ -8,6 +9,7 @@
 #include <utility>
 
 #include "agent/StartGate.h"
+#include "tools/InputDamage.h"
 #include "tools/Shadow.h"
 
 namespace Tools {
@@ -61,6 +63,31 @@ bool moves(StateReading& reading, const Sequences& since, bool isAgentRunning) {
   }
 }
 
+// Files of which not even the structure can be read.
+std::vector<std::string> unreadableTables(StateReading& reading) {
+  std::vector<std::string> lines;
+  for (const TableFile& file : reading.files()) {
+    if (!file.mirror->trouble().empty()) {
+      lines.push_back(troubleOf(file));
+    }
+  }
+  return lines;
+}
+
+std::vector<std::string> damagedTables(StateReading& reading, const InputDamage& damage) {
+  std::vector<std::string> lines;
+  for (const InputDamage::Line& line : damage.lines()) {
+    lines.push_back(line.text);
+  }
+  for (const TableDamage& table : reading.damagedTables()) {
+    const std::string words = "table " + table.name + " (" + table.path + "): damaged";
+    if (std::none_of(lines.begin(), lines.end(), [&](const std::string& line) { return line.starts_with(words); })) {
+      lines.push_back(words + "; unreadable records are missing in the comparison");
+    }
+  }
+  return lines;
+}
+
 }  // namespace
 
 Verdict verify(const std::string& stateDirectory, bool withJson) {
@@ -73,15 +100,19 @@ Verdict verify(const std::string& stateDirectory, bool withJson) {
     verdict.fibEntries = reading.state().fib()->entry().size();
     verdict.incomplete = Agent::StartGate(reading.state()).waitingFor();
     std::vector<Difference> found;
-    if (verdict.incomplete.empty()) {
+    verdict.unjudged.clear();
+    verdict.damaged = unreadableTables(reading);
+    if (verdict.incomplete.empty() && verdict.damaged.empty()) {
       const Shadow shadow(reading);
+      const InputDamage damage(reading);
       compareStates(reading.state(), shadow.host(), {.tunnels = {}, .teps = {}, .withJson = withJson},
                     [&](const Difference& each) {
-                      found.push_back(each);
+                      (damage.affects(each) ? verdict.unjudged : found).push_back(each);
                       return true;
                     });
+      verdict.damaged = damagedTables(reading, damage);
     }
-    if (found.empty() && verdict.incomplete.empty()) {
+    if (found.empty() && verdict.damaged.empty() && verdict.incomplete.empty()) {
       return verdict;
     }
     if (!moves(reading, sequences, verdict.isAgentRunning)) {

@@ -5,6 +5,8 @@
 //         │                    give a running agent a second
 //         └──some table moved───────┴──no table moved──▶ wrong: who should have written has had his time
 //
+// Results of unreadable input records are not compared: the agent keeps them, a shadow lacks them.
+//
 // A tunnel or endpoint that differs at every try, in the same way, is wrong however much else moves. Where what is
 // published or what is due changed in between, it is in flight.
 #pragma once
@@ -19,6 +21,8 @@ namespace Tools {
 
 struct Verdict {
   std::vector<std::string> incomplete;  // why the tables say nothing for certain; then nothing was compared
+  std::vector<std::string> damaged;     // tables with unreadable records: file, reason, affected tunnels
+  std::vector<Difference> unjudged;     // differences that follow from damaged input tables
   std::vector<Difference> wrong;        // left: published, right: recomputed
   std::vector<Difference> inFlight;
   bool isAgentRunning = false;

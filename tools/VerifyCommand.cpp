@@ -18,7 +18,9 @@ struct VerifyOptions : ShadowOptions {
   std::optional<double> everySeconds;
 };
 
-bool isRight(const Verdict& verdict) { return verdict.wrong.empty() && verdict.incomplete.empty(); }
+bool isRight(const Verdict& verdict) {
+  return verdict.wrong.empty() && verdict.incomplete.empty() && verdict.damaged.empty();
+}
 
 const char* resultOf(const Verdict& verdict) {
   if (!verdict.incomplete.empty()) {
@@ -26,6 +28,9 @@ const char* resultOf(const Verdict& verdict) {
   }
   if (!verdict.wrong.empty()) {
     return "wrong";
+  }
+  if (!verdict.damaged.empty()) {
+    return "damaged";
   }
   return verdict.inFlight.empty() ? "same" : "inFlight";
 }
@@ -43,6 +48,9 @@ void writeJson(const Verdict& verdict, const VerifyOptions& options) {
                             {"agentRunning", verdict.isAgentRunning},
                             {"fibEntries", verdict.fibEntries},
                             {"incomplete", verdict.incomplete},
+                            {"damaged", verdict.damaged},
+                            {"unjudgedCount", verdict.unjudged.size()},
+                            {"unjudged", listJson(verdict.unjudged, options.shown())},
                             {"wrongCount", verdict.wrong.size()},
                             {"wrong", listJson(verdict.wrong, options.shown())},
                             {"inFlightCount", verdict.inFlight.size()},
@@ -63,12 +71,18 @@ void writeText(const Verdict& verdict, const VerifyOptions& options) {
   for (const std::string& line : verdict.incomplete) {
     std::cout << "cannot be told: " << line << '\n';
   }
+  for (const std::string& line : verdict.damaged) {
+    std::cout << Agent::printable(line, 1000) << '\n';
+  }
   writeList(verdict.wrong, "", options.shown());
   writeList(verdict.inFlight, "in flight: ", options.shown());
   if (verdict.incomplete.empty()) {
     std::cout << verdict.fibEntries << " FIB entries, " << Agent::counted(verdict.wrong.size(), "difference") << ", "
-              << verdict.inFlight.size() << " in flight" << (verdict.isAgentRunning ? "" : "; no agent is running")
-              << std::endl;
+              << verdict.inFlight.size() << " in flight"
+              << (verdict.unjudged.empty()
+                      ? ""
+                      : ", " + std::to_string(verdict.unjudged.size()) + " not judged because of damage")
+              << (verdict.isAgentRunning ? "" : "; no agent is running") << std::endl;
   }
 }
 

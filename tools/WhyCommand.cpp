@@ -11,6 +11,7 @@
 #include "agent/InputError.h"
 #include "agent/Terminal.h"
 #include "tools/EndpointView.h"
+#include "tools/InputDamage.h"
 #include "tools/Lag.h"
 #include "tools/ShadowCommands.h"
 #include "tools/TableWalk.h"
@@ -114,8 +115,25 @@ void writeJson(OrderedJson json, const Lag& lag) {
   std::cout << json.dump(1) << '\n';
 }
 
+// Nothing is known to be due; a running agent keeps the entries of the tunnel.
+int tellDamaged(const WhyOptions& options, const std::string& subject, const std::string& damaged) {
+  if (options.isJson) {
+    std::cout << OrderedJson{{"subject", subject}, {"damaged", damaged}}.dump(1) << '\n';
+  } else {
+    TextTree tree(subject + ": its table record is damaged; the entry that is due is unknown", TextTree::Tone::fault);
+    tree.children.emplace_back(damaged);
+    tree.children.emplace_back("a running agent keeps the present entries until the publisher writes the record again");
+    tree.write(std::cout, Agent::isOutputColoured());
+  }
+  return exitFailed;
+}
+
 int runWhyTunnel(const WhyOptions& options, StateReading& reading, const Shadow& shadow,
                  const Model::TunnelId& tunnel) {
+  const InputDamage damage(reading);
+  if (const std::string damaged = damage.lineOf(tunnel); !damaged.empty()) {
+    return tellDamaged(options, Zol::stringOf(tunnel), damaged);
+  }
   const Agent::Explanation explanation = explained(shadow, tunnel);
   const Lag lag =
       lagOf(reading, shadow, {{{tunnel}}, endpointsOf(reading, shadow, tunnel), options.isJson}, differencesMax);

@@ -136,8 +136,8 @@ class BasicStore {
   // The writer leaves in good order: nothing may be written any more.
   void close() { pen_.store(ownerAt, 0); }
 
-  // One step of a pass over the table, outside groups: header and ring, or a segment. Repairs damage from private memory
-  // and reports the rest. False: the pass is over, and place is at the start of the next one. See StoreScrub.h.
+  // One step of a pass over the table, outside groups: header and ring, or a segment. Repairs damage from private
+  // memory and reports the rest. False: the pass is over, and place is at the start of the next one. See StoreScrub.h.
   bool scrub(ScrubPlace& place, ScrubVisitor& visitor, ScrubReport& report);
   // Deletes a damaged record that has no owner. False: it is no longer there.
   bool dropDamaged(const Damage& damage);
