@@ -106,7 +106,7 @@ InputDamage::InputDamage(StateReading& reading) {
   }
 }
 
-// Of what is published: a tunnel that is in no RIB, not in the FIB and not unprogrammable has left nothing to judge.
+// Only published tunnels: one that is in no RIB, not in the FIB and not unprogrammable differs in nothing.
 void InputDamage::findTunnels(StateReading& reading, Damaged& damaged, Agent::TableId id) {
   reading.state().tables().withTable(id, [&](const auto& table) {
     const auto consider = [&](const Model::TunnelId& tunnel) {

@@ -1,4 +1,4 @@
-// InputDamage: what cannot be judged because records of the protocols' tables cannot be read. A running agent keeps
+// InputDamage: tunnels and endpoints that depend on unreadable records of the protocols' tables. A running agent keeps
 // what came from such a record, and a shadow lacks it: they differ, and neither is wrong.
 //
 //   records that cannot be read ──▶ their tunnels ──▶ tunnels that resolve through them ──▶ endpoints of all of them

@@ -2,7 +2,7 @@
 //
 // An entry that cannot be read goes to review, which writes it again. An encapsulation that cannot be read, or is
 // missing, is written again under its id from the tunnel of an entry that carries it: other entries carry the id too.
-// The counts of references are compared with the entries; what a lost entry has left in them is taken out.
+// Each pass counts the references anew: a lost entry has left its own behind.
 #pragma once
 
 #include "tunnel_table_sm/TableScrubber.h"

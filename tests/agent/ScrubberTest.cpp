@@ -81,7 +81,7 @@ void damage(const Memtab::Store& store, std::size_t at, std::size_t length, unsi
   }
 }
 
-// Fails if damage is not found, not repaired, or repaired by writing more than what was damaged.
+// Fails if damage is not found, not repaired, or repaired by writing other entries too.
 TEST(Scrubber, randomBytes) {
   ScrubbedScene scene;
   scene.passes();
@@ -115,7 +115,7 @@ TEST(Scrubber, randomBytes) {
   EXPECT_GT(foundBefore, 20U);
 }
 
-// Fails if a damaged record, or one that is whole but wrong, is not named or not made what the tables say.
+// Fails if a damaged record, or a sound one that is wrong, is not named or not corrected.
 TEST(Scrubber, recordsByName) {
   ScrubbedScene scene;
   const Zol::Ptr<Tunnel::TunnelFib::TunnelFib> fib = scene.host().fib();

@@ -1,5 +1,5 @@
-// Damage seen from outside: what the tools say of a protocol's table with a damaged record, and what a running agent
-// does about its own tables.
+// Damage seen from outside: the answers of the tools about an input table with a damaged record, and the repair of a
+// running agent's FIB.
 #include <fstream>
 #include <set>
 
