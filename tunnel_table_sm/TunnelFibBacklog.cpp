@@ -8,6 +8,7 @@
 //
 // A tunnel whose entry finds no space in the FIB, or whose table cannot be read, leaves the backlog until its retry
 // (TunnelFibRetry).
+#include <algorithm>
 #include <utility>
 
 #include "runtime/Fastlog/TraceHelper.h"
@@ -26,7 +27,13 @@ void TunnelFibSm::tunnelForReviewIs(const TunnelId& tunnelId, bool value) {
     tunnelForReviewDel(tunnelId);
     return;
   }
-  tunnelForReview_.insert(tunnelId);
+  *tunnelForReview_.insert(tunnelId).first = true;
+  scheduleTunnelReview();
+}
+
+// Because of another tunnel: its own table entry may be as its last review read it.
+void TunnelFibSm::fileForOthers(const TunnelId& tunnelId) {
+  tunnelForReview_.insert(tunnelId, false);
   scheduleTunnelReview();
 }
 
@@ -47,7 +54,7 @@ void TunnelFibSm::scheduleTunnelReview() {
 // need not wait long: only the review of one of them can add to these.
 void TunnelFibSm::tunnelsForReviewFirst(const TunnelFibDependencies::TunnelIds& tunnelIds) {
   for (const TunnelId& tunnelId : tunnelIds) {
-    tunnelForReviewIs(tunnelId, true);
+    fileForOthers(tunnelId);
   }
   first_.insert(first_.end(), tunnelIds.rbegin(), tunnelIds.rend());
 }
@@ -74,30 +81,18 @@ void TunnelFibSm::addDependentTunnelsForReview(const TunnelId& tunnelId) {
       }
       FASTLOG_TRACE(8, "addDependentTunnelsForReview"
                            << " tunnelId: " << tunnelId << ", adding " << dependant << " for review");
-      tunnelForReviewIs(dependant, true);
+      fileDependant(dependant);
     });
   }
 }
 
-// The tunnels that wait for this one. Whichever is the smaller set is walked.
-void TunnelFibSm::fileDeferredDependants(const TunnelId& tunnelId) {
-  const DependentTunnels* const dependants = deferred_.empty() ? nullptr : dependencies_.dependants(tunnelId);
-  if (dependants == nullptr) {
-    return;
+// A tunnel whose review is interrupted by those of its next levels reads them afterwards: it needs no other review.
+void TunnelFibSm::fileDependant(const TunnelId& tunnelId) {
+  const auto interruptedEnd = interrupted_.begin() + static_cast<std::ptrdiff_t>(depth_);
+  if (std::none_of(interrupted_.begin(), interruptedEnd,
+                   [&](const TunnelFibReview& outer) { return outer.consFibEntry.tunnelId() == tunnelId; })) {
+    fileForOthers(tunnelId);
   }
-  if (dependants->size() > deferred_.size()) {
-    for (const auto& [waiting, value] : deferred_) {
-      if (dependants->has(waiting)) {
-        tunnelForReviewIs(waiting, true);
-      }
-    }
-    return;
-  }
-  dependants->forEach([this](const TunnelId& dependant) {
-    if (deferred_.has(dependant)) {
-      tunnelForReviewIs(dependant, true);
-    }
-  });
 }
 
 void TunnelFibSm::review(const TunnelId tunnelId) {
@@ -123,13 +118,18 @@ void TunnelFibSm::reviewNextLevels() {
     ~Interruption() { std::swap(sm.review_, sm.interrupted_[--sm.depth_]); }
     TunnelFibSm& sm;
   };
-  for (std::size_t i = 0; i < review_.nextLevels.size() && innerReviewsLeft_ > 0; ++i) {
+  for (std::size_t i = 0; i < review_.nextLevels.size(); ++i) {
     const TunnelId next = review_.nextLevels[i];
-    if (tunnelForReview_.has(next)) {
-      --innerReviewsLeft_;
-      const Interruption interruption(*this);
-      review(next);
+    if (!tunnelForReview_.has(next)) {
+      continue;
     }
+    review_.metQueued = true;
+    if (innerReviewsLeft_ == 0) {
+      return;
+    }
+    --innerReviewsLeft_;
+    const Interruption interruption(*this);
+    review(next);
   }
 }
 
@@ -180,7 +180,7 @@ void TunnelFibSm::drainTunnelBacklog() {
     return;
   }
   tunnelReviewBookmark_ = TunnelId();
-  ZOL_ASSERT_TEXT(markedUnprocessed_.empty() || !heldUp_.empty(), "!tunnelFibEntryMarkedUnprocesseds()");
+  ZOL_ASSERT_TEXT(markedUnprocessed_.empty(), "!tunnelFibEntryMarkedUnprocesseds()");
   task_->unscheduleTask();
 }
 

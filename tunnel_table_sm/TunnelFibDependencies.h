@@ -36,6 +36,7 @@ class TunnelFibDependencies {
   // Which of the recorded next levels have vias that were joined into the tunnel's: ascending.
   void joinedIs(const TunnelId& tunnel, std::span<const TunnelId> joined);
 
+  bool hasNextLevels(const TunnelId& tunnel) const { return graph_.nextLevels.has(tunnel); }
   TunnelIds tunnelsDirectlyDependingOn(const TunnelId& tunnel) const;
   TunnelIds directlyDependentTunnels(const TunnelId& tunnel) const;
   TunnelIds resolvedByTunnels(const TunnelId& tunnel) const;

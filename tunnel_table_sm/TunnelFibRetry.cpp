@@ -33,6 +33,7 @@ void TunnelFibSm::holdForSpace(const TunnelId& tunnelId, const char* full) {
 void TunnelFibSm::heldUpIs(const TunnelId& tunnelId, HeldUpBy reason) {
   heldUp_.add(tunnelId, reason);
   retryTask_->scheduleTaskLowestDelay(retryDelay);
+  keepsEntry(tunnelId);
 }
 
 void TunnelFibSm::retryIfSpaceWasReleased() {

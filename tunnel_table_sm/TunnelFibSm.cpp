@@ -170,6 +170,12 @@ TunnelTableEntry TunnelFibSm::tunnelTableEntry(const TunnelId& tunnelId) const {
 
 bool TunnelFibSm::tunnelTableEntryWasDeleted(const TunnelId& tunnelId) const { return !tunnelTableEntry(tunnelId); }
 
+bool TunnelFibSm::isUnreviewed(const TunnelId& tunnelId) const {
+  bool contributes = false;
+  visitTableEntry(tunnelId, [&](const auto& entry) { contributes = contributesToTunnelFib(entry); });
+  return contributes && !unprogrammableTunnelIds_->has(tunnelId);
+}
+
 bool TunnelFibSm::tunnelTableEntryUsable(const TunnelId& tunnelId) const {
   return !tunnelTableEntryWasDeleted(tunnelId) && tunnelContributesToTunnelFib(tunnelId);
 }

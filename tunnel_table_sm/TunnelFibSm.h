@@ -9,11 +9,13 @@
 // (TunnelFibViaCalc), writes or withdraws its FIB entry. Every tunnel type takes the same road; what differs between
 // tables is in the two lists of rows below.
 //
-// What one review may leave for later (deferred): the old entry stands until the next levels it waits for have been
-// reviewed. When the backlog is empty nothing is deferred, and the FIB follows from the tables alone.
+// What one review may leave for later (deferred): the old entry stays until the next levels it waits for have been
+// reviewed. When the backlog is empty and no tunnel is held up, nothing is deferred: the FIB follows from the tables
+// alone.
 //
-// Source units: TunnelFibSm.cpp intake and start, TunnelFibUpdate.cpp the review of one tunnel, TunnelFibBacklog.cpp
-// the backlog and its drain, TunnelFibRetry.cpp the tunnels that are held up. Scheduler thread only.
+// Source units: TunnelFibSm.cpp intake and start, TunnelFibUpdate.cpp the review of one tunnel, TunnelFibDeferral.cpp
+// what it leaves for later, TunnelFibBacklog.cpp the backlog and its drain, TunnelFibRetry.cpp the tunnels that are held
+// up. Scheduler thread only.
 #pragma once
 
 #include <array>
@@ -100,6 +102,9 @@ class TunnelFibSm final : public Zol::Reactor {
   TunnelTableEntry tunnelTableEntry(const TunnelId& tunnelId) const;
   bool tunnelTableEntryWasDeleted(const TunnelId& tunnelId) const;
   bool tunnelTableEntryUsable(const TunnelId& tunnelId) const;
+  // Whether a tunnel without a FIB entry could have one, for all that its last review knew of it: its table has an
+  // entry that contributes, and the tunnel is not known to be unprogrammable.
+  bool isUnreviewed(const TunnelId& tunnelId) const;
 
   // ---- backlog ----
   bool tunnelForReview(const TunnelId& tunnelId) const { return tunnelForReview_.has(tunnelId); }
@@ -133,10 +138,6 @@ class TunnelFibSm final : public Zol::Reactor {
   bool tunnelFibEntryMarkedUnprocessed(const TunnelId& tunnelId) const {
     const bool* const hasEntry = markedUnprocessed_.empty() ? nullptr : markedUnprocessed_.find(tunnelId);
     return hasEntry != nullptr && *hasEntry;
-  }
-  // The same for what is known of the tunnel at all: an entry, or that it was unprogrammable.
-  bool isFromEarlierRun(const TunnelId& tunnelId) const {
-    return !markedUnprocessed_.empty() && markedUnprocessed_.has(tunnelId);
   }
   std::size_t tunnelFibEntryMarkedUnprocesseds() const { return markedUnprocessed_.size(); }
   void tunnelFibEntryMarkedUnprocessedIs(const TunnelId& tunnelId, bool value);
@@ -189,8 +190,24 @@ class TunnelFibSm final : public Zol::Reactor {
   void tunnelsForReviewFirst(const TunnelFibDependencies::TunnelIds& tunnelIds);
   bool reviewFirst();
   bool wasUnprogrammable(const TunnelId& tunnelId) const;
-  bool doesDefer(const TunnelId& tunnelId, const TunnelFibCalcResult& result) const;
-  void fileDeferredDependants(const TunnelId& tunnelId);
+  void dropMark(const TunnelId& tunnelId);
+  void keepsEntry(const TunnelId& tunnelId);
+  bool doesDefer(const TunnelFibCalcResult& result);
+  bool asksNextLevels(bool hasMoved);
+  bool isAnyNextLevelWaiting(bool isOften) const;
+  bool defersOverDeeperLevels();
+  struct Descent {
+    TunnelId tunnelId;
+    TunnelFibDependencies::TunnelIds nextLevels;
+    std::size_t next = 0;
+  };
+  bool leadsToWaiting(const TunnelId& start, std::vector<Descent>& path, Zol::HashCollection<TunnelId>& searched) const;
+  void clearCycle();
+  bool losesVias() const;
+  std::size_t presentVias(const TunnelId& tunnelId) const;
+  void fileDeferredDependants(const TunnelId& tunnelId, bool isSettled);
+  void fileForOthers(const TunnelId& tunnelId);
+  void fileDependant(const TunnelId& tunnelId);
   void drainSlice();
   void review(TunnelId tunnelId);
   void reviewNextLevels();
@@ -205,11 +222,19 @@ class TunnelFibSm final : public Zol::Reactor {
   Zol::Child<TunnelFibWriter> tunnelFibWriter_;
 
   double tunnelReviewDelay_ = 0.01;
-  TunnelId tunnelReviewBookmark_;  // where the slice that yielded stopped; zero: none
-  Zol::HashCollection<TunnelId> tunnelForReview_;
+  TunnelId tunnelReviewBookmark_;                        // where the slice that yielded stopped; zero: none
+  Zol::HashCollection<TunnelId, bool> tunnelForReview_;  // true: its table entry may have changed since its last review
   std::vector<TunnelId> first_;  // of these, such as a drain reviews before the others, from the end on
   Zol::HashCollection<TunnelId, bool> markedUnprocessed_;  // true: has an entry; false: was unprogrammable
-  Zol::HashCollection<TunnelId> deferred_;  // reviewed, left as they are until a next level has been reviewed
+  // A tunnel that a review has left as it was.
+  struct Deferral {
+    bool isForReview = false;      // it waits for the review of a next level; false: next levels are held up
+    bool hasMoved = false;         // its entry was made from other next levels than it has now
+    bool hasAsked = false;         // it has filed next levels whose review nobody else had asked for
+    bool isCycleSearched = false;  // the review of another member of its cycle has met no queued tunnel
+    std::uint32_t times = 0;
+  };
+  Zol::HashCollection<TunnelId, Deferral> deferred_;
   TunnelFibDependencies dependencies_;
   TunnelFibReview review_;  // kept between reviews for its memory
   // Reviews within reviews: those interrupted, innermost last, and how many the outermost may still hold.

@@ -1,17 +1,13 @@
 // The review of one tunnel T:
 //
-//   1. T's table entry is read, once; with it come T's direct next levels. Those that wait for review have it now, up
-//      to a limit.
-//   2. They are recorded. If they changed, the tunnels with a via that has become cyclic, or is so no longer, go to
-//      review.
-//   3. The vias are computed (TunnelFibViaCalc). Next levels that turn out to be unreviewed go to review.
-//   4. T is deferred while it has nothing to offer but a next level may soon have, while what a next level has is
-//      start-up state and so is T's own, or until unreviewed next levels have been reviewed. Its old entry stands.
-//   5. Else the entry is written or withdrawn, and whoever waits for T goes to review. A change of the entry reaches
-//      T's dependants through the FIB's notification; here they hear of a lost mark and of (un)programmability.
-//
-// Deferral ends: T waits for tunnels that do not lead back to it, so the waiting ones form no cycle, and the last one
-// waits for a tunnel in the backlog. Its review brings the next one up, and so on to T.
+//   1. T's table entry is read, once; with it come T's direct next levels. They are recorded. If they changed, the
+//      tunnels with a via that has become cyclic, or is so no longer, go to review.
+//   2. Those next levels that are queued are reviewed now, up to a limit.
+//   3. The vias are computed (TunnelFibViaCalc).
+//   4. T is deferred while something that it resolves through is not settled (TunnelFibDeferral): its entry stays.
+//   5. Else the entry is written or withdrawn, and the tunnels that wait for T go to review. A change of the entry
+//      reaches T's dependants through the FIB's notification, a change of programmability by this review. A lost mark
+//      needs no step of its own: the tunnels over a marked one are deferred, so they wait for it.
 #include <algorithm>
 
 #include "runtime/Fastlog/RingMessage.h"
@@ -36,8 +32,11 @@ void TunnelFibSm::updateTunnelFibEntry(const TunnelId& tunnelId) {
     result.tunnelContributingIs(contributesToTunnelFib(entry));
     if (result.tunnelContributing()) {
       doCollectNextLevels(entry);
-      reviewNextLevels();
       doUpdateDependencies(tunnelId);
+      reviewNextLevels();
+      if (!review_.nextLevels.empty()) {
+        review_.component = dependencies_.component(tunnelId);
+      }
       calculateTunnelFibEntry(entry, review_, result, [](const MplsVia&, const TunnelFibViaCalcResult&) {});
     }
   });
@@ -52,29 +51,38 @@ void TunnelFibSm::updateTunnelFibEntry(const TunnelId& tunnelId) {
     std::sort(review_.joined.begin(), review_.joined.end());
     dependencies_.joinedIs(tunnelId, review_.joined);
   }
-  for (const TunnelId& next : review_.unreviewed) {
-    if (!isWaiting(next)) {
-      tunnelForReviewIs(next, true);
-    }
-  }
-  if (doesDefer(tunnelId, result)) {
+  if (doesDefer(result)) {
     FASTLOG_TRACE(8,
                   "void Tunnel::TunnelTable::TunnelFibSm::updateTunnelFibEntry(const "
                   "Tunnel::TunnelTable::TunnelId&)"
                       << " tunnelId: " << tunnelId << " update is being deferred.");
-    deferred_.insert(tunnelId);
+    if (!deferred_.find(tunnelId)->isForReview) {
+      keepsEntry(tunnelId);
+    }
     return;
   }
   if (!deferred_.empty()) {  // nearly always empty, and hashing an id is a good part of a review
     deferred_.erase(tunnelId);
   }
+  dropMark(tunnelId);
   const bool wasUnprogrammable = this->wasUnprogrammable(tunnelId);
   const bool isWritten = doUpdateTunnelFibEntry(review_.consFibEntry, result.tunnelContributing());
-  const bool wasMarked = !markedUnprocessed_.empty() && markedUnprocessed_.erase(tunnelId);
-  if (wasMarked || wasUnprogrammable == isWritten) {
+  if (wasUnprogrammable == isWritten) {
     addDependentTunnelsForReview(tunnelId);
   }
-  fileDeferredDependants(tunnelId);
+  fileDeferredDependants(tunnelId, true);
+}
+
+void TunnelFibSm::dropMark(const TunnelId& tunnelId) {
+  if (!markedUnprocessed_.empty()) {
+    markedUnprocessed_.erase(tunnelId);
+  }
+}
+
+// Reviewed, but held up: what the FIB has of the tunnel counts from now on, for an unknown time.
+void TunnelFibSm::keepsEntry(const TunnelId& tunnelId) {
+  dropMark(tunnelId);
+  fileDeferredDependants(tunnelId, false);
 }
 
 // onVia(via, result) is called behind each via that may leave through another tunnel.
@@ -181,24 +189,13 @@ void TunnelFibSm::doCollectNextLevels(const Entry& entry) {
 
 void TunnelFibSm::doUpdateDependencies(const TunnelId& tunnelId) {
   if (dependencies_.nextLevelsIs(tunnelId, review_.nextLevels)) {
+    review_.hasMoved = true;
     tunnelsForReviewFirst(dependencies_.turned());
   }
-  review_.component = dependencies_.component(tunnelId);
 }
 
 bool TunnelFibSm::wasUnprogrammable(const TunnelId& tunnelId) const {
   return unprogrammableTunnelIds_->entry().size() != 0 && unprogrammableTunnelIds_->has(tunnelId);
-}
-
-bool TunnelFibSm::doesDefer(const TunnelId& tunnelId, const TunnelFibCalcResult& result) const {
-  if (review_.metMarked && isFromEarlierRun(tunnelId)) {
-    return true;
-  }
-  // Once: what their reviews cannot put right is used as it can be read.
-  if (!review_.unreviewed.empty() && !deferred_.has(tunnelId)) {
-    return true;
-  }
-  return result.tunnelContributing() && result.viaResult().recTunNotReady() && review_.consFibEntry.viaInfo().empty();
 }
 
 FibEntryObstacles fibEntryObstacles(const ConsolidatedTunnelFibEntry& consFibEntry) {

@@ -47,22 +47,25 @@ const std::vector<TunnelFibReview::JoinableVia>& viasOf(const TunnelFibSm& sm, T
   return review.nextLevelVias;
 }
 
-// Why a next level has no vias. One that could have some was reviewed if it is unprogrammable; else its table's
-// notification is still on its way, or its entry is damaged.
+// Why a next level has no vias. The reason is final only when its review is not still to come. One that could have vias
+// was reviewed if it is unprogrammable; else its table's notification is still on its way, or its entry is damaged.
 Result whyEmpty(const TunnelFibSm& sm, TunnelFibReview& review, const TunnelId& next) {
   Result result;
-  if (sm.tunnelTableEntryWasDeleted(next)) {
+  if (sm.unprogrammableTunnelIds()->has(next)) {
+    review.unprogrammable.push_back(next);
+  }
+  if (const bool isWaiting = sm.isWaiting(next); isWaiting || sm.isUnreviewed(next)) {
+    FASTLOG_TRACE(7, "    Next-level tunnel " << next << " is not ready");
+    result.recTunNotReadyIs(true);
+    if (!isWaiting) {
+      review.unreviewed.push_back(next);
+    }
+  } else if (sm.tunnelTableEntryWasDeleted(next)) {
     FASTLOG_TRACE(7, "    Next-level tunnel " << next << " is missing its tunnel table entry");
     result.recTunMissingIs(true);
   } else if (!sm.tunnelContributesToTunnelFib(next)) {
     FASTLOG_TRACE(7, "    Next-level tunnel " << next << " is not contributing to tunnel FIB");
     result.recTunNonContribIs(true);
-  } else if (sm.isWaiting(next) || !sm.unprogrammableTunnelIds()->has(next)) {
-    FASTLOG_TRACE(7, "    Next-level tunnel " << next << " is not ready");
-    result.recTunNotReadyIs(true);
-    if (!sm.isWaiting(next)) {
-      review.unreviewed.push_back(next);
-    }
   } else {
     FASTLOG_TRACE(7, "    Next-level tunnel " << next << " is unprogrammable");
     result.recTunUnprogrammableIs(true);
@@ -100,8 +103,10 @@ void TunnelFibReview::reset(const TunnelId& tunnelId) {
   nextLevels.clear();
   joined.clear();
   component = TunnelFibDependencies::noComponent;
-  metMarked = false;
+  hasMoved = false;
+  metQueued = false;
   unreviewed.clear();
+  unprogrammable.clear();
   isNextLevelRead = false;
 }
 
@@ -132,13 +137,11 @@ TunnelFibViaCalcResult calculateTunnelFibEntryMplsVia(const TunnelFibSm& sm, Tun
     return result;
   }
   const TunnelId next = DynamicTunnelIntfId::tunnelId(via.intf());
-  const bool leadsBack = review.isCyclic(sm.dependencies(), next);
-  review.metMarked |= !leadsBack && sm.isFromEarlierRun(next);
   if (sm.tunnelFibEntryMarkedUnprocessed(next)) {
     FASTLOG_TRACE(7, "      Skipping vias for tunnel " << next << " (marked unprocessed)");
     return result;
   }
-  if (leadsBack) {
+  if (review.isCyclic(sm.dependencies(), next)) {
     FASTLOG_TRACE(7, "    Cycle detected while trying to create MplsVia for tunnelId " << consFibEntry.tunnelId()
                                                                                        << " via tunnelId " << next);
     result.recTunCycleIs(true);

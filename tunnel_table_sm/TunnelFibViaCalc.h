@@ -25,9 +25,11 @@ struct TunnelFibReview {
   std::vector<TunnelId> nextLevels;  // direct ones: ascending, without doubles
   std::vector<TunnelId> joined;      // those of them that vias were joined from
   TunnelFibDependencies::Component component = TunnelFibDependencies::noComponent;  // of the reviewed tunnel
-  bool metMarked = false;            // a next level is as an earlier run left it
-  std::vector<TunnelId> unreviewed;  // next levels whose FIB entry is not what their own review would make of it
-  TunnelId nextLevel;                // whose vias are below
+  bool hasMoved = false;                 // the direct next levels are not those of the last review
+  bool metQueued = false;                // a direct next level was queued for review when this one began
+  std::vector<TunnelId> unreviewed;      // next levels whose FIB entry is not what their own review would make of it
+  std::vector<TunnelId> unprogrammable;  // next levels known to be so
+  TunnelId nextLevel;                    // whose vias are below
   bool isNextLevelRead = false;
   bool isNextLevelAsked = false;  // the last via's was, for its vias
   std::vector<JoinableVia> nextLevelVias;

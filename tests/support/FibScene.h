@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <map>
 #include <memory>
@@ -35,28 +36,56 @@ inline MplsVia via(const std::string& intf, const Labels& labels = {}, const std
           Ipkit::MplsLabelOperation(op, labels)};
 }
 
-// The contents of a FIB, one line a tunnel; encapsulations are shown by what they hold, not by their ids.
+// The vias of a FIB entry in words, in its order; encapsulations are shown by what they hold, not by their ids.
+inline std::vector<std::string> viaTexts(const TunnelFib& fib, const TunnelViaArray& vias) {
+  std::vector<std::string> texts;
+  for (const TunnelVia& via : vias) {
+    std::ostringstream out;
+    out << via.intf() << ' ' << via.nextHop() << ' ' << via.encapId().encapType();
+    const auto show = [&](const auto& encaps) { out << ' ' << encaps.value(via.encapId()).info(); };
+    switch (via.encapId().encapType()) {
+      case EncapType::gre:
+        show(fib.greEncap());
+        break;
+      case EncapType::ipsecVti:
+        show(fib.ipsecVtiEncap());
+        break;
+      case EncapType::ipsecGre:
+        show(fib.ipsecGreEncap());
+        break;
+      case EncapType::labelStack:
+        show(fib.labelStackEncap());
+        break;
+      case EncapType::invalid:
+        break;
+    }
+    texts.push_back(out.str());
+  }
+  return texts;
+}
+template <class Texts>
+std::string listed(const Texts& texts) {
+  std::string list;
+  for (const std::string& text : texts) {
+    list += (list.empty() ? "" : ", ") + text;
+  }
+  return list;
+}
+
+// The contents of a FIB, one line a tunnel, with the vias in the order of their texts.
 using FibDocument = std::map<std::string, std::string>;
 
-inline std::string shown(const ViaInfoSet& vias) {
-  std::string text;
-  for (const ViaAndTunnelInfo& via : vias) {
-    std::ostringstream out;
-    out << via.via().intf() << ' ' << via.via().nextHop() << ' ' << via.type();
-    withEncapKind(via.type(), [&](auto kind) { out << ' ' << (via.*decltype(kind)::info)(); });
-    text += (text.empty() ? "" : ", ") + out.str();
-  }
-  return text;
-}
-inline std::string shown(const ConsolidatedTunnelFibEntry& entry) {
-  return shown(entry.viaInfo()) + (entry.backupViaInfo().empty() ? "" : " backup " + shown(entry.backupViaInfo()));
-}
-
 inline FibDocument fibDocument(const TunnelFib& fib, const TunnelIdColl& unprogrammable) {
+  const auto sorted = [&fib](const TunnelViaArray& vias) {
+    auto texts = viaTexts(fib, vias);
+    std::sort(texts.begin(), texts.end());
+    return listed(texts);
+  };
   FibDocument lines;
   walkSafely(fib.entry(), [&](const auto& hint) {
     const TunnelFibEntry entry = fib.entry().value(hint.key());
-    lines[Zol::stringOf(hint.key())] = shown(ConsolidatedTunnelFibEntry::fromTunnelFibEntry(entry, fib));
+    lines[Zol::stringOf(hint.key())] =
+        sorted(entry.tunnelVia()) + (entry.backupTunnelVias() == 0 ? "" : " backup " + sorted(entry.backupTunnelVia()));
   });
   for (const auto& [id, value] : unprogrammable.entry().members()) {
     lines["unprogrammable " + Zol::stringOf(id)];
@@ -144,6 +173,36 @@ class FibScene {
     return interface<GreIntfTunnelTableEntry>(i, v, "192.0.2.9", destination);
   }
 
+  // The types whose entries hold MPLS vias.
+  static constexpr TunnelType mplsTypes[] = {
+      TunnelType::srTunnel,     TunnelType::ldpTunnel,  TunnelType::bgpLuPushTunnel, TunnelType::bgpLuTunnel,
+      TunnelType::staticTunnel, TunnelType::rsvpTunnel, TunnelType::tiLfaTunnel,     TunnelType::srTeSegmentListTunnel};
+  // Calls f with the entry of such a type.
+  template <class F>
+  static void withMpls(TunnelType type, std::uint64_t i, const Vias& v, const Vias& backup, F&& f) {
+    switch (type) {
+      case TunnelType::srTunnel:
+        return f(sr(i, v));
+      case TunnelType::ldpTunnel:
+        return f(ldp(i, v));
+      case TunnelType::bgpLuPushTunnel:
+        return f(bgpLuPush(i, v));
+      case TunnelType::bgpLuTunnel:
+        return f(bgpLu(i, v));
+      case TunnelType::staticTunnel:
+        return f(staticTunnel(i, v, backup));
+      case TunnelType::rsvpTunnel:
+        return f(rsvp(i, v));
+      case TunnelType::tiLfaTunnel:
+        return f(tiLfa(i, v, backup));
+      default:
+        return f(segmentList(i, v));
+    }
+  }
+
+  void put(TunnelType type, std::uint64_t i, const Vias& v) {
+    withMpls(type, i, v, {}, [this](const auto& entry) { put(entry); });
+  }
   template <class Entry>
   void put(const Entry& entry) {
     table<Entry>().entryIs(entry);
@@ -183,9 +242,7 @@ class FibScene {
   const TunnelFibWriter& writer() const { return *sm->tunnelFibWriter(); }
   TunnelFibEntry entry(const std::string& id) const { return fib->entry().value(tunnel(id)); }
   // The vias of one tunnel; empty when it has no entry.
-  std::string shown(const std::string& id) const {
-    return TunnelTable::shown(ConsolidatedTunnelFibEntry::fromTunnelFibEntry(entry(id), *fib));
-  }
+  std::string shown(const std::string& id) const { return listed(viaTexts(*fib, entry(id).tunnelVia())); }
   bool isUnprogrammable(const std::string& id) const { return unprogrammable->has(tunnel(id)); }
   FibDocument document() const { return fibDocument(*fib, *unprogrammable); }
   // What would have to be zero for "nothing was written".

@@ -137,49 +137,6 @@ TEST(TunnelFibSm, edgesThatTurnRound) {
   expectNaive(scene);
 }
 
-// Fails if a deferred tunnel is forgotten, or its old entry taken away while it waits.
-TEST(TunnelFibSm, deferredTunnelsComeBack) {
-  FibScene scene;
-  scene.put(scene.ldp(3, {}));
-  scene.put(scene.ldp(1, {via("if1", {101})}));
-  scene.settle();
-  const std::string old = scene.shown("ldpTunnel/1");
-  // Reviewed one at a time, in whatever order: the old entry may only go when ldpTunnel/3 has been reviewed.
-  scene.yieldEvery(1);
-  scene.settle();
-  auto emptied = scene.ldp(3, {});
-  emptied.prefIs(60);
-  scene.put(scene.ldp(1, {via("tunnel:ldpTunnel/3")}));
-  scene.put(emptied);
-  while (scene.sm->isWaiting(tunnel("ldpTunnel/3"))) {
-    EXPECT_EQ(scene.shown("ldpTunnel/1"), old);
-    scene.runSlices(1);
-  }
-  scene.settle();
-  EXPECT_TRUE(scene.isUnprogrammable("ldpTunnel/1"));
-  scene.put(scene.ldp(3, {via("if3", {103})}));
-  scene.settle();
-  EXPECT_EQ(scene.shown("ldpTunnel/1"), scene.shown("ldpTunnel/3"));
-}
-
-// Fails if a tunnel is taken out of service because its next level, published before it, is heard of after it.
-TEST(TunnelFibSm, newsMayComeInAnyOrder) {
-  struct Reader : Zol::Listener<TunnelId> {
-    explicit Reader(const FibScene& scene) : scene_(scene) { channelIs(&scene.fib->entryChannel()); }
-    void onKey(const TunnelId& id) override { EXPECT_TRUE(scene_.fib->entry().has(id)) << id; }
-    const FibScene& scene_;
-  };
-  FibScene scene;
-  scene.put(scene.ldp(1, {via("if1", {101})}));
-  scene.settle();
-  const Reader reader(scene);
-  scene.put(scene.ldp(3, {via("if3", {103})}));
-  scene.sm->tunnelForReviewDel(tunnel("ldpTunnel/3"));
-  scene.put(scene.ldp(1, {via("tunnel:ldpTunnel/3")}));
-  scene.settle();
-  EXPECT_EQ(scene.shown("ldpTunnel/1"), scene.shown("ldpTunnel/3"));
-}
-
 // Fails if somebody adds RSVP to the look-up that others ask, or removes its own: a start must not delete the entry.
 TEST(TunnelFibSm, rsvpAndTiLfaHaveEntriesOfTheirOwn) {
   FibScene scene;
