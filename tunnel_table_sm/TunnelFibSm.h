@@ -14,8 +14,8 @@
 // alone.
 //
 // Source units: TunnelFibSm.cpp intake and start, TunnelFibUpdate.cpp the review of one tunnel, TunnelFibDeferral.cpp
-// what it leaves for later, TunnelFibBacklog.cpp the backlog and its drain, TunnelFibRetry.cpp the tunnels that are held
-// up. Scheduler thread only.
+// what it leaves for later, TunnelFibBacklog.cpp the backlog and its drain, TunnelFibRetry.cpp the tunnels that are
+// held up. Scheduler thread only.
 #pragma once
 
 #include <array>
