@@ -176,6 +176,7 @@ class Index {
   bool moveDirectory();
   bool moveSegment(size_t first);
   bool moveBlockTo(Segment& segment, uint32_t units, size_t slot, const BlockHead& head);
+  bool leaveReserve(size_t i);
   bool moveBlock(size_t first, size_t slot, size_t& effort);
   Compaction compactSegment(size_t first, Compacted& place, size_t& effort);
 

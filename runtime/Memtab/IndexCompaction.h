@@ -78,27 +78,39 @@ bool Index<Stores>::moveBlock(size_t first, size_t slot, size_t& effort) {
 
 // A replacement that found space in the reserve alone has released as much elsewhere; that is where its block moves.
 // Blocks for which there is no space elsewhere move together, so that the rest of the reserve stays in one piece.
+// The newest go first, before other changes use what theirs has released.
 template <class Stores>
 void Index<Stores>::leaveReserve() {
-  constexpr size_t leastAtOnce = 8;
-  for (size_t n = std::min(inReserve_.size(), leastAtOnce + inReserve_.size() / 32); n > 0; --n) {
+  constexpr size_t newestAtOnce = 8;
+  for (size_t i = inReserve_.size(), left = newestAtOnce; i-- > 0 && left > 0; --left) {
+    leaveReserve(i);
+  }
+  for (size_t n = inReserve_.size() / 32; n > 0; --n) {
     nextInReserve_ = nextInReserve_ < inReserve_.size() ? nextInReserve_ : 0;
-    uint32_t& units = inReserve_[nextInReserve_];
-    const std::optional<BlockHead> head = pen_->allocator().isInReserve(units) ? headAt(units) : std::nullopt;
-    const uint64_t hash = head ? hash_(keyAt(units, *head)) : 0;
-    const Probe found = head ? find(hash, keyAt(units, *head)) : Probe();
-    const bool isThere = found.standing && unitsOf(pen_->load(*found.standing)) == units && isIntact(units, *head);
-    if (isThere && moveBlockTo(segmentOf(hash), pen_->allocator().allocateBelow(units, 8 * head->words()),
-                               *found.standing, *head)) {
-      units = unitsOf(pen_->load(*found.standing));
-    }
-    if (isThere && pen_->allocator().isInReserve(units)) {
+    if (!leaveReserve(nextInReserve_)) {
       ++nextInReserve_;
-    } else {
-      units = inReserve_.back();
-      inReserve_.pop_back();
     }
   }
+}
+
+// Whether the block at that place of the list has left the reserve, or had already. Then the last one takes its place.
+template <class Stores>
+bool Index<Stores>::leaveReserve(size_t i) {
+  uint32_t& units = inReserve_[i];
+  const std::optional<BlockHead> head = pen_->allocator().isInReserve(units) ? headAt(units) : std::nullopt;
+  const uint64_t hash = head ? hash_(keyAt(units, *head)) : 0;
+  const Probe found = head ? find(hash, keyAt(units, *head)) : Probe();
+  const bool isThere = found.standing && unitsOf(pen_->load(*found.standing)) == units && isIntact(units, *head);
+  if (isThere &&
+      moveBlockTo(segmentOf(hash), pen_->allocator().allocateBelow(units, 8 * head->words()), *found.standing, *head)) {
+    units = unitsOf(pen_->load(*found.standing));
+  }
+  if (isThere && pen_->allocator().isInReserve(units)) {
+    return false;
+  }
+  units = inReserve_.back();
+  inReserve_.pop_back();
+  return true;
 }
 
 template <class Stores>
