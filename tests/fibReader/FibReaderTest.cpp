@@ -14,7 +14,7 @@ TEST(FibReader, mountsTheFibWithTheTunnelModelAlone) {
   const Support::ScratchDirectory scratch;
   constexpr const char* path = "tunnel/tunnelFib";
   const auto mount = [&](Statehub::EntityManager& manager, Statehub::Access access) {
-    manager.doMount(path, TunnelFib::entityTypeName, Statehub::MountInfo(0, access));
+    manager.doMount(path, TunnelFib::entityTypeName, Statehub::MountInfo(access));
     return Zol::dynamicPtrCast<TunnelFib>(manager.getEntity(path));
   };
   Statehub::EntityManager writer(scratch / "state"), reader(scratch / "state");

@@ -23,7 +23,7 @@ class EntityManagerTest : public testing::Test {
     });
   }
   static Zol::Ptr<Items> mount(EntityManager& manager, Access access, const std::string& at = path) {
-    manager.doMount(at, typeName, MountInfo(0, access));
+    manager.doMount(at, typeName, MountInfo(access));
     return Zol::dynamicPtrCast<Items>(manager.getEntity(at));
   }
   bool isStored(const std::string& at = path) const { return std::filesystem::exists(state + "/" + at); }

@@ -43,7 +43,7 @@ class FeedScene : public testing::Test {
   ~FeedScene() override { WatchedItems::afterLook = nullptr; }
 
   Items& mount(EntityManager& manager, Access access) const {
-    manager.doMount(path, typeName, MountInfo(0, access));
+    manager.doMount(path, typeName, MountInfo(access));
     return dynamic_cast<Items&>(*manager.getEntity(path));
   }
   // Runs a loop over the tables until it is stopped. False: that did not come within the seconds.
