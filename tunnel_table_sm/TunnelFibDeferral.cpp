@@ -63,15 +63,21 @@ bool TunnelFibSm::doesDefer(const TunnelFibCalcResult& result) {
   return true;
 }
 
-// Files next levels whose review nothing else has asked for. True if the tunnel waits for them.
+// Files next levels whose review nothing else has asked for. True if the tunnel waits for them. A held-up next level is
+// not waited for.
 bool TunnelFibSm::asksNextLevels(bool hasMoved) {
   const auto ask = [this](const std::vector<TunnelId>& nextLevels) {
+    bool isAsked = false;
     for (const TunnelId& next : nextLevels) {
+      if (isHeldUp(next)) {
+        continue;
+      }
+      isAsked = true;
       if (!isWaiting(next)) {
         tunnelForReviewIs(next, true);
       }
     }
-    return !nextLevels.empty();
+    return isAsked;
   };
   return ask(review_.unreviewed) ||
          (hasMoved && !review_.unprogrammable.empty() && losesVias() && ask(review_.unprogrammable));

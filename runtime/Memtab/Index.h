@@ -171,7 +171,7 @@ class Index {
   Image imageOf(uint64_t hash, unsigned depth, unsigned sizeLog2Least) const;
   Segment write(Claim<Stores>& to, const Image& image);
   void name(size_t first, const Segment& segment);
-  void drop(Place segment);
+  void drop(const Segment& segment);
 
   bool moveDirectory();
   bool moveSegment(size_t first);

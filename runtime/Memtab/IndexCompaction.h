@@ -38,14 +38,14 @@ bool Index<Stores>::moveDirectory() {
 // Word for word, tombstones too.
 template <class Stores>
 bool Index<Stores>::moveSegment(size_t first) {
-  const Place old = directory_[first].place;
-  Segment moved = directory_[first];
-  moved.place.units = pen_->allocateInside(old.bytes());
+  const Segment old = directory_[first];
+  Segment moved = old;
+  moved.place.units = pen_->allocateInside(old.place.bytes());
   if (moved.place.units == 0) {
     return false;
   }
   moved.place.generation = pen_->nextPlaceGeneration();
-  pen_->copy(moved.place.offset(), old.offset(), old.words());
+  pen_->copy(moved.place.offset(), old.place.offset(), old.place.words());
   name(first, moved);
   drop(old);
   return true;

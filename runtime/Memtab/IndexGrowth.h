@@ -126,7 +126,8 @@ auto Index<Stores>::write(Claim<Stores>& to, const Image& image) -> Segment {
   return {{to.keep(), pen_->nextPlaceGeneration(), static_cast<uint8_t>(image.depth), log2}, image.live, 0, sums};
 }
 
-// Makes all directory words of a prefix, from first on, name segment.
+// Makes all directory words of a prefix, from first on, name segment. Its records are counted anew: damage may have
+// hidden some of those that its predecessor had, or made up others.
 template <class Stores>
 void Index<Stores>::name(size_t first, const Segment& segment) {
   ++layout_;
@@ -135,22 +136,24 @@ void Index<Stores>::name(size_t first, const Segment& segment) {
     directory_[i] = segment;
   }
   ++segmentsAt_[segment.place.depth];
+  live_ += segment.live;
 }
 
 template <class Stores>
-void Index<Stores>::drop(Place segment) {
-  --segmentsAt_[segment.depth];
-  pen_->release(segment.units, segment.bytes());
+void Index<Stores>::drop(const Segment& segment) {
+  --segmentsAt_[segment.place.depth];
+  live_ -= segment.live;
+  pen_->release(segment.place.units, segment.place.bytes());
 }
 
 // The same keys in a segment of at least this size, without tombstones.
 template <class Stores>
 void Index<Stores>::rebuild(uint64_t hash, unsigned sizeLog2Least) {
   const size_t first = firstOf(hash);
-  const Place old = directory_[first].place;
+  const Segment old = directory_[first];
   items_.clear();
   gather(hash);
-  const Image image = imageOf(hash, old.depth, sizeLog2Least);
+  const Image image = imageOf(hash, old.place.depth, sizeLog2Least);
   Claim<Stores> claim(*pen_, image.bytes());
   name(first, write(claim, image));
   drop(old);
@@ -162,14 +165,14 @@ void Index<Stores>::split(uint64_t hash) {
     doubleDirectory();
   }
   const size_t first = firstOf(hash);
-  const Place old = directory_[first].place;
-  const unsigned depth = old.depth + 1u;
+  const Segment old = directory_[first];
+  const unsigned depth = old.place.depth + 1u;
   const size_t second = first + (size_t{1} << (depth_ - depth));
   items_.clear();
   gather(hash);
   // Not smaller than half of it: keys that come in the order of their hashes leave one half empty, to fill it next.
-  const Image left = imageOf(hashAt(first), depth, old.sizeLog2 - 1u);
-  const Image right = imageOf(hashAt(second), depth, old.sizeLog2 - 1u);
+  const Image left = imageOf(hashAt(first), depth, old.place.sizeLog2 - 1u);
+  const Image right = imageOf(hashAt(second), depth, old.place.sizeLog2 - 1u);
   Claim<Stores> leftClaim(*pen_, left.bytes());
   Claim<Stores> rightClaim(*pen_, right.bytes());
   const Segment leftSegment = write(leftClaim, left);
@@ -192,12 +195,12 @@ std::optional<size_t> Index<Stores>::buddyOf(size_t first) const {
 
 template <class Stores>
 void Index<Stores>::merge(size_t first, size_t second) {
-  const Place old[] = {directory_[first].place, directory_[second].place};
+  const Segment old[] = {directory_[first], directory_[second]};
   items_.clear();
   gather(hashAt(first));
   gather(hashAt(second));
   const size_t start = std::min(first, second);
-  const Image image = imageOf(hashAt(start), old[0].depth - 1u, 0);
+  const Image image = imageOf(hashAt(start), old[0].place.depth - 1u, 0);
   Claim<Stores> claim(*pen_, image.bytes());
   name(start, write(claim, image));
   drop(old[0]);
