@@ -64,6 +64,9 @@ TEST(TunnelTracing, outlivesTheProcess) {
     }
     scene.put(scene.ldp(1, {TunnelTable::via("if1"), TunnelTable::via("if513")}));
     scene.put(scene.sr(1, vias));
+    scene.put(scene.sr(2, {TunnelTable::via("if1")}));
+    scene.settle();
+    scene.del(scene.sr(2, {}));
     scene.settle();
     kill(getpid(), SIGKILL);
   }
@@ -78,7 +81,7 @@ TEST(TunnelTracing, outlivesTheProcess) {
   };
   EXPECT_TRUE(has("TunnelFibEntry has too many tunnelVias: 513, (max 512)"));
   EXPECT_TRUE(has("tunnelId srTunnel/1 becomes unprogrammable: too many tunnelVias"));
-  EXPECT_TRUE(has("tunnelId srTunnel/1 withdrawn from the FIB"));
+  EXPECT_TRUE(has("tunnelId srTunnel/2 withdrawn from the FIB"));
   EXPECT_FALSE(has("Reviewed")) << "levels 6 to 9 are off";
 }
 
