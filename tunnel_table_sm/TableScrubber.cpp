@@ -12,7 +12,7 @@ constexpr Quor::TaskPriority priority = 2;  // that of the backlogs: never starv
 constexpr double sliceSeconds = 0.0005;
 constexpr std::size_t sliceEntries = 1000;
 constexpr double restPerWork = 100;  // one percent of a core
-constexpr double busyFactor = 10;
+constexpr double busyFactor = 2;
 constexpr double repairSeconds = 1;  // as long damage is visited again before it is left for the next pass
 
 std::string listed(const std::vector<std::string>& names) {
@@ -111,15 +111,23 @@ void TableScrubber::handle(Table& table, const Memtab::ScrubPlace& from, Memtab:
     (void)table.keeper->review(report.collection, report.firstHash, report.lastHash, true);
   }
   if (!report.damaged.empty() && table.keeper->isWrittenLater(report.collection)) {
+    std::vector<std::string> names;
     for (const Memtab::ScrubFinding& finding : report.damaged) {
       later_.push_back(finding.damage);
+      names.push_back(finding.key.empty() ? "a record" : table.keeper->nameOf(report.collection, finding.key));
+    }
+    if (const std::size_t fresh = countNew(table.name, report); fresh != 0) {
+      counters_.found += fresh;
+      logFound(table, listed(names) + ": " + report.damaged.front().damage.text(), "being written again");
     }
   } else if (!report.damaged.empty()) {
     repairRecords(table, from, report);
     return;
   }
   triesUntil_ = 0;
-  counters_.repaired += takeKnown(table.name, report);
+  if (report.damaged.empty()) {
+    counters_.repaired += takeKnown(table.name, report);
+  }
   const std::vector<std::string> wrong = table.keeper->visited(report.collection, report.lastHash, true);
   if (!wrong.empty()) {
     counters_.found += wrong.size();
@@ -167,8 +175,6 @@ void TableScrubber::dropUnreferred(Table& table) {
   if (table.keeper->isSettled()) {
     for (const Memtab::Damage& damage : later_) {
       if (table.store->store().dropDamaged(damage)) {
-        ++counters_.found;
-        ++counters_.repaired;
         logFound(table, damage.text(), "no entry refers to it, removed");
       }
     }

@@ -8,7 +8,9 @@
 //   (3) T would lose a via, and a tunnel that T leads to at any depth waits: it may bring the via back. Members of T's
 //       own cycle count here while they are queued for a change of their own: it may open the cycle. At a start, until
 //       all marks are gone, the same holds for any change: a queued tunnel may close a cycle;
-//   (4) T has changed to a next level that is held up and has no entry, and would have no vias or fewer than now.
+//   (4) T would have no vias or fewer than now, because it has changed to a next level that is held up and has no
+//   entry,
+//       or because labels of a next level that is held up cannot be read.
 //
 // Whatever flag the absence of a next level would give, its type does not matter: (1) comes first.
 //
@@ -54,7 +56,8 @@ bool TunnelFibSm::doesDefer(const TunnelFibCalcResult& result) {
     deferral.hasAsked = true;
   } else if (!isAnyNextLevelWaiting(isOften) && (isOften || deferral.isCycleSearched || !defersOverDeeperLevels())) {
     const std::size_t vias = review_.consFibEntry.viaInfos();
-    if (!result.viaResult().recTunNotReady() || !deferral.hasMoved || (vias > 0 && vias >= presentVias(tunnelId))) {
+    const bool lacksVias = result.viaResult().recTunNotReady() && deferral.hasMoved;
+    if ((!lacksVias && !lacksLabels()) || (vias > 0 && vias >= presentVias(tunnelId))) {
       return false;
     }
     deferral.isForReview = false;
@@ -63,13 +66,15 @@ bool TunnelFibSm::doesDefer(const TunnelFibCalcResult& result) {
   return true;
 }
 
-// Files next levels whose review nothing else has asked for. True if the tunnel waits for them. A held-up next level is
-// not waited for.
+// Files next levels whose review nothing else has asked for. True if the tunnel waits for them. A next level that is
+// held up, or deferred by (4), is not waited for.
 bool TunnelFibSm::asksNextLevels(bool hasMoved) {
   const auto ask = [this](const std::vector<TunnelId>& nextLevels) {
     bool isAsked = false;
     for (const TunnelId& next : nextLevels) {
-      if (isHeldUp(next)) {
+      const Deferral* const deferral = deferred_.empty() ? nullptr : deferred_.find(next);
+      const bool isForReview = tunnelForReview_.has(next) || deferral == nullptr || deferral->isForReview;
+      if (isHeldUp(next) || !isForReview) {
         continue;
       }
       isAsked = true;
@@ -181,6 +186,12 @@ bool TunnelFibSm::losesVias() const {
   return fibEntryObstacles(computed).any() ||
          !std::includes(computed.viaInfo().begin(), computed.viaInfo().end(), consolidated.viaInfo().begin(),
                         consolidated.viaInfo().end());
+}
+
+// Whether labels of a held-up next level cannot be read: its review, which would write them again, is still to come.
+bool TunnelFibSm::lacksLabels() const {
+  return std::any_of(review_.unreviewed.begin(), review_.unreviewed.end(),
+                     [this](const TunnelId& next) { return isHeldUp(next); });
 }
 
 std::size_t TunnelFibSm::presentVias(const TunnelId& tunnelId) const {

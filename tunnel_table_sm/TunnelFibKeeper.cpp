@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "tunnel/EncapKind.h"
+#include "tunnel_table_sm/WalkRange.h"
 
 namespace Tunnel::TunnelTable {
 namespace {
@@ -15,26 +16,6 @@ bool isReadable(const Map& map, const typename Map::Key& key) {
     return true;
   } catch (const Memtab::CorruptionException&) {
     return false;
-  }
-}
-
-// f(key) for each entry with a hash in [first, last] that can be read.
-template <class Map, class F>
-void walkRange(const Map& map, std::uint64_t first, std::uint64_t last, F&& f) {
-  typename Map::Hint hint;
-  bool isStarted = false;
-  for (;;) {
-    try {
-      const bool isMore = isStarted ? map.next(hint) : map.firstFrom(static_cast<std::uint32_t>(first >> 32), hint);
-      isStarted = true;
-      if (!isMore || hint.key().hash() > last >> 32) {
-        return;
-      }
-    } catch (const Memtab::CorruptionException&) {
-      isStarted = true;
-      continue;
-    }
-    f(hint.key());
   }
 }
 
@@ -118,8 +99,14 @@ void TunnelFibKeeper::restoreEncaps(const TunnelFibEntry& entry, std::vector<std
       }
       withEncapKind(id.encapType(), [&](auto kind) {
         using Kind = decltype(kind);
-        Kind::encaps(*sm_->tunnelFib()).entryIs({id, (via.*Kind::info)()});
+        isSame = sm_->tunnelFibWriter()->isContentOf(id, (via.*Kind::info)());
+        if (isSame) {
+          Kind::encaps(*sm_->tunnelFib()).entryIs({id, (via.*Kind::info)()});
+        }
       });
+      if (!isSame) {
+        return;  // the tunnel's tables have changed since
+      }
       restored.push_back("encapsulation " + Zol::stringOf(id) + " of " + Zol::stringOf(tunnel));
     }
     isSame = isSame && i == written.size();
@@ -158,10 +145,11 @@ std::vector<std::string> TunnelFibKeeper::review(unsigned collection, std::uint6
       unreadable.push_back(Zol::stringOf(tunnel));
     }
   };
-  walkRange(entries, first, last, file);
-#define TUNNEL_FIB_WALK(attribute, Table, handler)   \
-  if (sm_->attribute()) {                            \
-    walkRange(*sm_->attribute(), first, last, file); \
+  walkRange(entries, static_cast<std::uint32_t>(first >> 32), static_cast<std::uint32_t>(last >> 32), file);
+#define TUNNEL_FIB_WALK(attribute, Table, handler)                                                                \
+  if (sm_->attribute()) {                                                                                         \
+    walkRange(*sm_->attribute(), static_cast<std::uint32_t>(first >> 32), static_cast<std::uint32_t>(last >> 32), \
+              file);                                                                                              \
   }
   TUNNEL_FIB_TABLES(TUNNEL_FIB_WALK)
 #undef TUNNEL_FIB_WALK

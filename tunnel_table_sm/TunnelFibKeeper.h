@@ -22,7 +22,9 @@ class TunnelFibKeeper final : public TableKeeper {
   bool isWrittenLater(unsigned collection) const override { return collection != 0; }
   std::vector<std::string> review(unsigned collection, std::uint64_t first, std::uint64_t last, bool isAll) override;
   std::string nameOf(unsigned collection, Memtab::Bytes key) const override;
-  bool isSettled() const override { return sm_->tunnelForReviews() == 0; }
+  bool isSettled() const override {
+    return sm_->tunnelForReviews() == 0 && sm_->deferredTunnels() == 0 && sm_->heldUp() == 0;
+  }
 
  private:
   std::uint64_t sequence() const { return sm_->tunnelFib()->entry().collectionControl().sequence(); }

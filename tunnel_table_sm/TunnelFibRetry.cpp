@@ -31,6 +31,7 @@ void TunnelFibSm::holdForSpace(const TunnelId& tunnelId, const char* full) {
 }
 
 void TunnelFibSm::heldUpIs(const TunnelId& tunnelId, HeldUpBy reason) {
+  deferred_.erase(tunnelId);  // tunnels over this one do not wait for it
   heldUp_.add(tunnelId, reason);
   retryTask_->scheduleTaskLowestDelay(retryDelay);
   keepsEntry(tunnelId);

@@ -204,6 +204,7 @@ class TunnelFibSm final : public Zol::Reactor {
   bool leadsToWaiting(const TunnelId& start, std::vector<Descent>& path, Zol::HashCollection<TunnelId>& searched) const;
   void clearCycle();
   bool losesVias() const;
+  bool lacksLabels() const;
   std::size_t presentVias(const TunnelId& tunnelId) const;
   void fileDeferredDependants(const TunnelId& tunnelId, bool isSettled);
   void fileForOthers(const TunnelId& tunnelId);

@@ -36,10 +36,11 @@ const std::vector<TunnelFibReview::JoinableVia>& viasOf(const TunnelFibSm& sm, T
   if (readSafely(&sm.tunnelFib()->entry(), next, entry)) {
     for (std::size_t i = 0; i < entry.tunnelVias(); ++i) {
       const TunnelVia& via = entry.tunnelVia(i);
-      LabelStackEncap encap;  // absent: reads as no labels
+      LabelStackEncap encap;
       const EncapType type = via.encapId().encapType();
       if (type == EncapType::labelStack && !readSafely(&sm.tunnelFib()->labelStackEncap(), via.encapId(), encap)) {
         review.unreviewed.push_back(next);
+        continue;  // without its labels the traffic would take another way
       }
       review.nextLevelVias.push_back({via, encap.info(), type});
     }

@@ -74,6 +74,11 @@ class TunnelFibWriter final : public Zol::Reactor {
   std::uint32_t encapIdRefCountDec(EncapId id, std::uint32_t by);
 
   // Memory beside the FIB itself.
+  // Whether the record with this id was written with this content, whatever has become of its bytes.
+  template <class Info>
+  bool isContentOf(EncapId id, const Info& info) const {
+    return byContent_.find(id.encapType(), info, [id](EncapId each) { return each == id; }) == id;
+  }
   std::size_t bytesUsed() const { return encapIdRefCount_.bytesUsed() + byContent_.bytesUsed(); }
 
  private:

@@ -118,6 +118,7 @@ class TunnelRibBuilderSm final : public TableEntrySm {
   // Whether the entry names the best candidates of its endpoint; of a per-protocol RIB, all of its type.
   bool isAsFiled(const TunnelRibEntry& entry, std::optional<TunnelType> type) const;
   // Writes the endpoint's entry as it follows from the candidates.
+  void doRewriteEndpoint(const Ipkit::IpGenPrefix& tep, std::optional<TunnelType> type);
   void rewriteEndpoint(const Ipkit::IpGenPrefix& tep, std::optional<TunnelType> type);
   // Does so for the endpoints with these hashes whose entries are something else. Returns those that cannot be read.
   std::vector<Ipkit::IpGenPrefix> reviewEndpoints(std::uint32_t firstHash, std::uint32_t lastHash,

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "tunnel/TunnelTable.h"
+#include "tunnel_table_sm/WalkRange.h"
 
 namespace Tunnel::TunnelTable {
 
@@ -26,7 +27,11 @@ std::vector<std::string> TunnelRibKeeper::visited(unsigned, std::uint64_t, bool)
   std::vector<std::string> corrected;
   for (const Ipkit::IpGenPrefix& tep : std::exchange(wrong_, {})) {
     const std::uint64_t before = rib_->collectionControl().sequence();
-    builder_()->rewriteEndpoint(tep, type_);
+    TunnelRibBuilderSm* const builder = builder_();  // a watcher of a write may have replaced the last one
+    if (builder == nullptr) {
+      break;
+    }
+    builder->rewriteEndpoint(tep, type_);
     if (rib_->collectionControl().sequence() != before) {
       corrected.push_back(Zol::stringOf(tep));
     }
@@ -77,6 +82,14 @@ bool TunnelRibBuilderSm::isAsFiled(const TunnelRibEntry& entry, std::optional<Tu
 }
 
 void TunnelRibBuilderSm::rewriteEndpoint(const Ipkit::IpGenPrefix& tep, std::optional<TunnelType> type) {
+  const Zol::Ptr<TunnelRibBuilderSm> self(this);  // watchers of a write may replace this builder
+  doRewriteEndpoint(tep, type);
+  if (reacts() && heldUp() != 0) {
+    retryTask_->scheduleTaskLowestDelay(heldUpRetryDelay);
+  }
+}
+
+void TunnelRibBuilderSm::doRewriteEndpoint(const Ipkit::IpGenPrefix& tep, std::optional<TunnelType> type) {
   if (type) {
     StagedTunnelRib& proto = assertProtoTunnelRib(*type);
     TunnelRibEntry& ribEntry = protoRibEntryOf(*type, tep);
@@ -126,9 +139,9 @@ std::vector<Ipkit::IpGenPrefix> TunnelRibBuilderSm::reviewEndpoints(std::uint32_
   };
   std::for_each(teps.begin(), teps.end(), rewriteUnlessRight);
   teps.clear();
-  walkSafely(rib, [&](const TunnelRib::Hint& hint) {
-    if (hint.key().hash() >= firstHash && hint.key().hash() <= lastHash && !internalTunnelRib_->entry(hint.key())) {
-      teps.push_back(hint.key());
+  walkRange(rib, firstHash, lastHash, [&](const Ipkit::IpGenPrefix& tep) {
+    if (!internalTunnelRib_->entry(tep)) {
+      teps.push_back(tep);
     }
   });
   std::for_each(teps.begin(), teps.end(), rewriteUnlessRight);

@@ -17,6 +17,7 @@
 #pragma once
 
 #include <array>
+#include <memory>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -25,13 +26,11 @@
 #include "runtime/Memtab/Crc32c.h"
 #include "runtime/Memtab/Damage.h"
 #include "runtime/Memtab/Pen.h"
+#include "runtime/Memtab/Scrub.h"
 #include "runtime/Memtab/WordSums.h"
 #include "runtime/Zol/Assert.h"
 
 namespace Memtab {
-
-class ScrubVisitor;
-struct ScrubReport;
 
 enum class PutResult : uint8_t { inserted, replaced, unchanged };
 
@@ -149,8 +148,10 @@ class Index {
   void noteIfInReserve(uint32_t units) {
     if (pen_->allocator().isInReserve(units)) {
       inReserve_.push_back(units);
+      boundReserveList();
     }
   }
+  void boundReserveList();
   void releaseBlock(uint64_t word);
   void storeWord(Segment& segment, size_t at, uint64_t word);
   uint64_t vacancyAt(size_t slot) const;
@@ -187,6 +188,7 @@ class Index {
   const char* whyUnsound(uint64_t word, size_t slot, size_t first) const;
   bool isReachable(uint64_t hash, size_t slot, const Place& segment) const;
 
+  void repairWords(size_t first);
   void scrubDirectory(size_t first, ScrubReport& report);
   void scrubWords(size_t first, ScrubReport& report);
   bool putBack(size_t first, size_t column, const WordSums::Column& found, ScrubReport& report);
@@ -207,13 +209,16 @@ class Index {
   uint64_t layout_ = 0;
   std::vector<uint32_t> inReserve_;  // blocks that were placed in the reserve, until they are known to have left
   size_t nextInReserve_ = 0;         // the one to try next
+  size_t inReserveMax_ = 64;         // when inReserve_ is longer, doubles are removed
   std::vector<Item> items_;          // of the segments at hand; kept for its memory
   std::vector<Unfit> unfit_;         // of a take-over, until repaired
+  std::unique_ptr<ScrubReport> repairedEarlier_;  // by repairWords(), for the next scrub; null: nothing
 };
 
 }  // namespace Memtab
 
 #include "runtime/Memtab/IndexCompaction.h"  // IWYU pragma: export
 #include "runtime/Memtab/IndexGrowth.h"      // IWYU pragma: export
+#include "runtime/Memtab/IndexScrub.h"       // IWYU pragma: export
 #include "runtime/Memtab/IndexTakeOver.h"    // IWYU pragma: export
 #include "runtime/Memtab/IndexWrite.h"       // IWYU pragma: export

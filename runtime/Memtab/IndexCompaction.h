@@ -76,6 +76,16 @@ bool Index<Stores>::moveBlock(size_t first, size_t slot, size_t& effort) {
   return moveBlockTo(directory_[first], pen_->allocateInside(8 * head->words()), slot, *head);
 }
 
+// A block that moves back and forth is noted each time.
+template <class Stores>
+void Index<Stores>::boundReserveList() {
+  if (inReserve_.size() > inReserveMax_) {
+    std::sort(inReserve_.begin(), inReserve_.end());
+    inReserve_.erase(std::unique(inReserve_.begin(), inReserve_.end()), inReserve_.end());
+    inReserveMax_ = 2 * inReserve_.size() + 64;
+  }
+}
+
 // A replacement that found space in the reserve alone has released as much elsewhere; that is where its block moves.
 // Blocks for which there is no space elsewhere move together, so that the rest of the reserve stays in one piece.
 // The newest go first, before other changes use what theirs has released.

@@ -72,6 +72,7 @@ bool Index<Stores>::mayDouble() const {
 // Adds the words of the segment of hash to items_, with the hashes of the keys they lead to.
 template <class Stores>
 void Index<Stores>::gather(uint64_t hash) {
+  repairWords(firstOf(hash));
   const Place segment = segmentOf(hash).place;
   const size_t first = items_.size();
   for (size_t slot = 0; slot < segment.words(); ++slot) {
@@ -150,9 +151,9 @@ void Index<Stores>::drop(const Segment& segment) {
 template <class Stores>
 void Index<Stores>::rebuild(uint64_t hash, unsigned sizeLog2Least) {
   const size_t first = firstOf(hash);
-  const Segment old = directory_[first];
   items_.clear();
   gather(hash);
+  const Segment old = directory_[first];
   const Image image = imageOf(hash, old.place.depth, sizeLog2Least);
   Claim<Stores> claim(*pen_, image.bytes());
   name(first, write(claim, image));
@@ -164,12 +165,12 @@ void Index<Stores>::split(uint64_t hash) {
   if (segmentOf(hash).place.depth == depth_) {
     doubleDirectory();
   }
+  items_.clear();
+  gather(hash);
   const size_t first = firstOf(hash);
   const Segment old = directory_[first];
   const unsigned depth = old.place.depth + 1u;
   const size_t second = first + (size_t{1} << (depth_ - depth));
-  items_.clear();
-  gather(hash);
   // Not smaller than half of it: keys that come in the order of their hashes leave one half empty, to fill it next.
   const Image left = imageOf(hashAt(first), depth, old.place.sizeLog2 - 1u);
   const Image right = imageOf(hashAt(second), depth, old.place.sizeLog2 - 1u);
@@ -195,10 +196,10 @@ std::optional<size_t> Index<Stores>::buddyOf(size_t first) const {
 
 template <class Stores>
 void Index<Stores>::merge(size_t first, size_t second) {
-  const Segment old[] = {directory_[first], directory_[second]};
   items_.clear();
   gather(hashAt(first));
   gather(hashAt(second));
+  const Segment old[] = {directory_[first], directory_[second]};
   const size_t start = std::min(first, second);
   const Image image = imageOf(hashAt(start), old[0].place.depth - 1u, 0);
   Claim<Stores> claim(*pen_, image.bytes());

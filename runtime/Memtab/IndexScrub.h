@@ -22,10 +22,32 @@ uint64_t Index<Stores>::scrub(uint64_t hash, ScrubVisitor& visitor, ScrubReport&
   const size_t first = firstOf(hash);
   report.firstHash = hashAt(first);
   report.lastHash = lastHashOf(report.firstHash, directory_[first].place.depth);
+  if (repairedEarlier_ != nullptr) {
+    report.repaired = std::move(repairedEarlier_->repaired);
+    report.hasRepairedIndex = !report.repaired.empty();
+    report.beyondRepair = repairedEarlier_->beyondRepair;
+    repairedEarlier_.reset();
+  }
   scrubDirectory(first, report);
   scrubWords(first, report);
   scrubBlocks(first, visitor, report);
   return report.lastHash;
+}
+
+// Before the words of a segment are copied to another one, where damaged ones would count as right.
+template <class Stores>
+void Index<Stores>::repairWords(size_t first) {
+  ScrubReport report;
+  scrubWords(first, report);
+  if (report.beyondRepair == nullptr && report.repaired.empty()) {
+    return;
+  }
+  if (repairedEarlier_ == nullptr) {
+    repairedEarlier_ = std::make_unique<ScrubReport>();
+  }
+  repairedEarlier_->beyondRepair =
+      report.beyondRepair != nullptr ? report.beyondRepair : repairedEarlier_->beyondRepair;
+  std::move(report.repaired.begin(), report.repaired.end(), std::back_inserter(repairedEarlier_->repaired));
 }
 
 template <class Stores>
