@@ -6,9 +6,11 @@
 #include <cstdlib>
 #include <filesystem>
 #include <list>
+#include <set>
 
 #include "runtime/Fastlog/RingFile.h"
 #include "runtime/Fastlog/RingReader.h"
+#include "runtime/Fastlog/TraceRegistry.h"
 #include "tests/support/EnvironmentVariable.h"
 #include "tests/support/FibScene.h"
 #include "tests/support/Process.h"
@@ -122,6 +124,83 @@ TEST(TunnelTracing, hostDecidesWhatTheEnvironmentDoesNot) {
   scratch.fileWith("trace", "");
   EXPECT_NE(setUp({}).second.find("Not a directory"), std::string::npos);
   std::filesystem::current_path(before);
+}
+
+// Fails if a line of the FIB that people search for is lost, or changes its text or level.
+TEST(TunnelTracing, linesOfTheFib) {
+  using TunnelTable::tunnel;
+  using TunnelTable::via;
+  auto& registry = Fastlog::TraceRegistry::instance();
+  std::set<std::string> lines;
+  registry.traceDestinationIs([&lines](const Fastlog::TraceLine& line) {
+    lines.insert(std::to_string(line.level) + " " + std::string(line.text));
+  });
+  registry.levelIs("TunnelFibSm", 9);
+  {
+    FibScene scene;
+    scene.yieldEvery(1);
+    scene.put(scene.ldp(1, {via("if1", {7})}));
+    scene.settle();
+    scene.put(scene.ldp(2, {via("if2", {7})}));
+    scene.put(scene.ldp(3, {}));
+    scene.put(scene.ldp(4, {via("if1", {1, 2, 3, 4, 5, 6, 8})}));
+    scene.put(scene.bgpLu(1, {via("if1")}, TunnelTable::Contribution::notContributing));
+    scene.put(scene.bgpLuPush(1, {via("if1", {}, "0.0.0.0", Ipkit::MplsLabelOperation::Op::swap)}));
+    scene.put(scene.gre(1, {via("if1")}, "192.0.2.10"));
+    scene.put(scene.sr(1, {via("tunnel:ldpTunnel/3"), via("tunnel:ldpTunnel/4", {17}), via("tunnel:srTunnel/1"),
+                           via("tunnel:ldpTunnel/9"), via("tunnel:bgpLuTunnel/1"), via("if9")}));
+    scene.settle();
+    scene.put(scene.ldp(3, {via("if1", {7})}));
+    scene.sm->tunnelForReviewDel(tunnel("ldpTunnel/3"));  // its notification is late
+    scene.put(scene.sr(2, {via("tunnel:ldpTunnel/3")}));
+    scene.unprogrammable->entryDel(tunnel("ldpTunnel/3"));
+    scene.settle();
+    scene.restart();
+    scene.sm->updateTunnelFibEntry(tunnel("srTunnel/1"));
+    scene.settle();
+    scene.del(scene.ldp(4, {}));
+    scene.put(scene.ldp(5, {}));
+    scene.settle();
+    scene.put(scene.ldp(5, {via("if5", {7})}));
+  }
+  registry.levelIs("TunnelFibSm", 0);
+  registry.traceDestinationIs(nullptr);
+  for (const char* const line : {
+           "6   Created GRE encapId gre/0",
+           "6   Created MPLS encapId labelStack/0",
+           "6   EncapId labelStack/0 refCount: 1",
+           "6   Found existing MPLS encapId labelStack/0",
+           "6   EncapId labelStack/0 refCount: 2",
+           "6   encapId labelStack/1 deleted",
+           "6 drainTunnelBacklog: Reviewed 1 tunnels. 0 remain in the backlog.",
+           "6 drainTunnelBacklog: Yielding",
+           "6 void Tunnel::TunnelTable::TunnelFibSm::drainTunnelBacklog(): 1 backlog entries",
+           "7       Ignored flattened TunnelVia for tunnel srTunnel/1 via ",
+           "7       Skipping vias for tunnel ldpTunnel/3 (marked unprocessed)",
+           "7     Cycle detected while trying to create MplsVia for tunnelId srTunnel/1 via tunnelId srTunnel/1",
+           "7     Next-level tunnel bgpLuTunnel/1 is not contributing to tunnel FIB",
+           "7     Next-level tunnel ldpTunnel/3 is not ready",
+           "7     Next-level tunnel ldpTunnel/3 is unprogrammable",
+           "7     Next-level tunnel ldpTunnel/9 is missing its tunnel table entry",
+           "7   tunnelId ldpTunnel/4 entry deleted",
+           "7 Non push label operation for tableEntry: ",
+           "8  TunnelId ldpTunnel/5 is now programmable",
+           "8  TunnelId ldpTunnel/5 is unprogrammable because no tunnelVias",
+           "8  tunnel id ldpTunnel/1 is not stale.",
+           "8     doUpdateTunnelFibEntry tunnelId: ldpTunnel/4 (ldpTunnel) tunnelTableEntryUsable: 0",
+           "8 addDependentTunnelsForReview tunnelId: ldpTunnel/3, adding srTunnel/1 for review",
+           "8 adding non-stale tunnelFib entry for review: tunnelId: ldpTunnel/1",
+           "8 handleLdpSrTunnelEntry, tunnelId: ldpTunnel/1",
+           "8 handleTunnelFibEntry tunnelId: ldpTunnel/1",
+           "8 updateTunnelFibEntry tunnelId: ldpTunnel/1 (ldpTunnel)",
+           "8 virtual void Tunnel::TunnelTable::TunnelFibSm::handleInitialized()",
+           "8 void Tunnel::TunnelTable::TunnelFibSm::removeStaleEntries()",
+           "8 void Tunnel::TunnelTable::TunnelFibSm::updateTunnelFibEntry(const Tunnel::TunnelTable::TunnelId&) "
+           "tunnelId: srTunnel/2 update is being deferred.",
+       }) {
+    const auto at = lines.lower_bound(line);
+    EXPECT_TRUE(at != lines.end() && at->starts_with(line)) << line;
+  }
 }
 
 }  // namespace
