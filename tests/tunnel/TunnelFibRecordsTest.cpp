@@ -51,9 +51,11 @@ TEST(TunnelFibRecords, setsAreSets) {
   ConsolidatedTunnelFibEntry backward(TunnelId(TunnelType::ldpTunnel, 1));
   for (unsigned i = 1; i <= 40; ++i) {
     forward.insertLabelStackVia(viaOn(i), stack({i}));
+    forward.insertLabelStackVia(viaOn(i), stack({i}));
     backward.insertLabelStackVia(viaOn(41 - i), stack({41 - i}));
     backward.insertLabelStackVia(viaOn(41 - i), stack({41 - i}));
   }
+  EXPECT_EQ(forward.viaInfos(), 40U);
   EXPECT_EQ(backward.viaInfos(), 40U);
   EXPECT_EQ(forward, backward);
   forward.insertGreVia(viaOn(1), GreTunnelInfo());

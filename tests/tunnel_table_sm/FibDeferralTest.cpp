@@ -1,5 +1,6 @@
 // What a review leaves for later: an entry that forwards stays until what it resolves through is settled.
 #include "tests/support/NaiveFib.h"
+#include "tests/support/TightStore.h"
 
 namespace Tunnel::TunnelTable {
 namespace {
@@ -182,6 +183,35 @@ TEST(FibDeferral, constantChangeFreezesNoTunnel) {
     scene.runSlices(1);
   }
   EXPECT_LT(turn, 10000U);
+}
+
+// Fails if a tunnel loses vias by its move to a next level that finds no space, or if a new tunnel waits for that.
+TEST(FibDeferral, entriesStayUntilNextLevelsFindSpace) {
+  const auto isFull = std::make_shared<bool>(false);
+  FibScene scene(Zol::make<TunnelFib>("fib", Zol::make<Memtab::TightStore>(TunnelFib::layout(), isFull)));
+  const auto advance = [&] { Quor::advance(*scene.scheduler, scene.time, 3); };
+  scene.put(scene.sr(1, {via("if1", {7}), via("if2", {7})}));
+  scene.settle();
+  *isFull = true;
+  FibScene::Vias wide;
+  for (unsigned i = 1; i <= 512; ++i) {
+    wide.push_back(via("if" + std::to_string(i), {7}));
+  }
+  std::uint64_t last = 0;
+  for (; scene.sm->heldUp() == 0 && last < 1000; advance()) {
+    scene.put(scene.ldp(++last, wide));
+  }
+  ASSERT_EQ(scene.entry("ldpTunnel/" + std::to_string(last)).tunnelVias(), 0U);
+  const Guard guard(scene, "srTunnel/1", "if2 0.0.0.0 labelStack push [7]");
+  const FibScene::Vias moved{via(through(TunnelType::ldpTunnel, last)), via("if1", {7})};
+  scene.put(scene.sr(1, moved));
+  scene.put(scene.sr(2, moved));
+  advance();
+  EXPECT_EQ(scene.entry("srTunnel/1").tunnelVias(), 2U);
+  EXPECT_EQ(scene.shown("srTunnel/2"), "if1 0.0.0.0 labelStack push [7]");
+  *isFull = false;
+  scene.settle();
+  EXPECT_EQ(scene.document(), NaiveFib(scene).document());
 }
 
 }  // namespace

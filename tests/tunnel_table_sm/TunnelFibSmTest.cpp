@@ -274,6 +274,8 @@ TEST(TunnelFibSm, contributionFollowsTypeAndBgp) {
                                                                 {tunnel("bgpLuTunnel/2"), true},
                                                                 {tunnel("bgpLuTunnel/3"), false},
                                                                 {tunnel("rsvpTunnel/3"), true},
+                                                                {tunnel("nexthopGroupTunnel/3"), true},
+                                                                {tunnel("l3IntfTunnel/3"), true},
                                                                 {tunnel("tunnelType6/3"), false},
                                                                 {TunnelId(0xD00000000001), false}}) {
     EXPECT_EQ(scene.sm->tunnelContributesToTunnelFib(id), contributes) << id;

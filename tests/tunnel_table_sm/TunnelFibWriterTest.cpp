@@ -224,11 +224,15 @@ TEST(TunnelFibWriter, misuseStops) {
 
 // ---- damage --------------------------------------------------------------------------------------------------------
 
-// The n-th look-up of the whole scene meets damage.
+// The n-th look-up of the whole scene meets damage, or that one and all after it.
 struct Damage {
   int lookups = 0;
   int damaged = -1;
-  bool isNext() { return lookups++ == damaged; }
+  bool isLasting = false;
+  bool isNext() {
+    ++lookups;
+    return damaged >= 0 && (isLasting ? lookups > damaged : lookups == damaged + 1);
+  }
 };
 template <class Map>
 class DamagedMap final : public Map {
@@ -298,6 +302,23 @@ TEST(TunnelFibDamage, everyLookUpMayMeetIt) {
     EXPECT_EQ(scene.shown("ldpTunnel/5"), "if13 0.0.0.0 labelStack push [31]") << damaged;
   }
   EXPECT_GT(lookups, 30);
+}
+
+// Fails if a tunnel waits again and again for a next level whose entry no review makes readable.
+TEST(TunnelFibDamage, lastingDamageEndsDeferral) {
+  Memtab::corruptionDirectoryIs(testing::TempDir());
+  Damage damage;
+  FibScene scene(damagedFib(damage));
+  scene.sweepIsOff();
+  scene.yieldEvery(1);
+  scene.put(scene.ldp(5, {via("if12", {30})}));
+  scene.settle();
+  damage = {.damaged = 0, .isLasting = true};
+  scene.put(scene.sr(9, {via("tunnel:ldpTunnel/5", {17}), via("if3")}));
+  scene.runSlices(100);
+  EXPECT_EQ(scene.sm->tunnelForReviews() + scene.sm->deferredTunnels(), 0U);
+  damage = {};
+  EXPECT_EQ(scene.shown("srTunnel/9"), "if3 0.0.0.0 labelStack push []");
 }
 
 // Fails if releasing references that damage hid from the start asserts.
