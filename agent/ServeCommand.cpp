@@ -130,6 +130,9 @@ ServeCommand::ServeCommand(ServeOptions options, ConfigInForce& config)
 
 ServeCommand::~ServeCommand() {
   loop_.newsSourceIs(nullptr);
+  if (scrubber_) {
+    config_.scrubbed = scrubber_->counters();
+  }
   scrubber_.reset();
   host_.stop();
 }
@@ -251,7 +254,10 @@ void ServeCommand::start() {
   status_.publishRibs(*host_.ribConfigs());
   scrubber_.emplace(
       host_.scheduler(), [this] { return scrubbedTables(host_, &status_); }, [this] { return !host_.isDrained(); },
-      [](const std::string& line) { log(LogLevel::error, line); });
+      [](const std::string& line) {
+        logBounded(LogLevel::error, "scrubber: " + line.substr(0, line.find(" (")), line);
+      });
+  scrubber_->countersAre(config_.scrubbed);
   log(LogLevel::info, "started over " + options_.stateDirectory + " with " + counted(config_.config.size(), "RIB"));
   service_.look();
 }
@@ -350,7 +356,7 @@ void ServeCommand::handleConfigured() {
 
 OrderedJson ServeCommand::stats() const {
   return statsJson({host_, loop_, latency_, control_ ? &*control_ : nullptr, startedAt_, stateWord(), waitingFor_,
-                    reasons_.texts(), scrubber_ ? scrubber_->counters() : Model::TableScrubber::Counters()});
+                    reasons_.texts(), scrubber_ ? scrubber_->counters() : config_.scrubbed});
 }
 
 void ServeLoop::run() {
@@ -375,6 +381,8 @@ void ServeLoop::run() {
     } catch (const Memtab::CorruptionException& lost) {
       logBounded(LogLevel::error, "restarts",
                  std::string("a table of the agent is damaged: ") + lost.what() + "; restarting internally");
+      ++config.scrubbed.found;
+      ++config.scrubbed.repaired;  // by the restart
       pause = beforeNewBeginning;
     } catch (const Memtab::NoSpace& full) {
       tellUnlessFirst(full);

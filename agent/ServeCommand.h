@@ -48,6 +48,7 @@ inline constexpr double sliceSeconds = 0.01;
 struct ConfigInForce {
   AgentConfig config;
   std::string source;
+  Model::TableScrubber::Counters scrubbed = {};  // of the commands before
 };
 
 class ServeCommand final : private Quor::NewsSource, private ControlTarget {

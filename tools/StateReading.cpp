@@ -51,8 +51,10 @@ bool isDirectory(const std::string& path) {
 
 std::string troubleOf(const TableFile& file) {
   const std::string& trouble = file.mirror->trouble();
-  const bool namesFile = trouble.find(file.path) != std::string::npos;
-  return "table " + file.name + (namesFile ? ": " : " (" + file.path + "): damaged: ") + trouble;
+  if (trouble.starts_with('/')) {  // a path and the reason why it cannot be read
+    return "table " + file.name + ": cannot be read: " + trouble;
+  }
+  return "table " + file.name + " (" + file.path + "): damaged: " + trouble;
 }
 
 StateReading::StateReading(const std::string& directory)

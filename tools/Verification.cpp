@@ -96,7 +96,10 @@ Verdict verify(const std::string& stateDirectory, bool withJson) {
   for (unsigned tries = 1;; ++tries) {
     StateReading reading(stateDirectory);
     const Sequences sequences = sequencesOf(reading);
-    verdict.isAgentRunning = reading.state().entityManager()->mirror(Agent::fibPath)->isOwned();
+    const auto isOwned = [&reading](const char* path) {
+      return reading.state().entityManager()->mirror(path)->isOwned();
+    };
+    verdict.isAgentRunning = isOwned(Agent::fibPath) || isOwned(Agent::systemRibPath);
     verdict.fibEntries = reading.state().fib()->entry().size();
     verdict.incomplete = Agent::StartGate(reading.state()).waitingFor();
     std::vector<Difference> found;

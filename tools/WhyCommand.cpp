@@ -115,12 +115,15 @@ void writeJson(OrderedJson json, const Lag& lag) {
   std::cout << json.dump(1) << '\n';
 }
 
-// Nothing is known to be due; a running agent keeps the entries of the tunnel.
-int tellDamaged(const WhyOptions& options, const std::string& subject, const std::string& damaged) {
+constexpr const char* dependsOnDamage = ": depends on a damaged table record; the entry that is due is unknown";
+
+// Nothing is known to be due; a running agent keeps the entries of the tunnel. problem: what follows the subject.
+int tellDamaged(const WhyOptions& options, const std::string& subject, const char* problem,
+                const std::string& damaged) {
   if (options.isJson) {
     std::cout << OrderedJson{{"subject", subject}, {"damaged", damaged}}.dump(1) << '\n';
   } else {
-    TextTree tree(subject + ": its table record is damaged; the entry that is due is unknown", TextTree::Tone::fault);
+    TextTree tree(subject + problem, TextTree::Tone::fault);
     tree.children.emplace_back(damaged);
     tree.children.emplace_back("a running agent keeps the present entries until the publisher writes the record again");
     tree.write(std::cout, Agent::isOutputColoured());
@@ -132,7 +135,11 @@ int runWhyTunnel(const WhyOptions& options, StateReading& reading, const Shadow&
                  const Model::TunnelId& tunnel) {
   const InputDamage damage(reading);
   if (const std::string damaged = damage.lineOf(tunnel); !damaged.empty()) {
-    return tellDamaged(options, Zol::stringOf(tunnel), damaged);
+    return tellDamaged(options, Zol::stringOf(tunnel),
+                       ": its table record is damaged; the entry that is due is unknown", damaged);
+  }
+  if (damage.affects(Zol::stringOf(tunnel))) {
+    return tellDamaged(options, Zol::stringOf(tunnel), dependsOnDamage, damage.lines().front().text);
   }
   const Agent::Explanation explanation = explained(shadow, tunnel);
   const Lag lag =
@@ -148,6 +155,9 @@ int runWhyTunnel(const WhyOptions& options, StateReading& reading, const Shadow&
 
 int runWhyEndpoint(const WhyOptions& options, StateReading& reading, const Shadow& shadow,
                    const Ipkit::IpGenPrefix& tep) {
+  if (const InputDamage damage(reading); damage.affects(Zol::stringOf(tep))) {
+    return tellDamaged(options, Zol::stringOf(tep), dependsOnDamage, damage.lines().front().text);
+  }
   const EndpointView view(shadow, tep);
   const Lag lag = lagOf(reading, shadow, {std::vector<Model::TunnelId>(), {{tep}}, options.isJson}, differencesMax);
   if (options.isJson) {

@@ -42,12 +42,15 @@ void TableScrubber::beginPass() {
   table_ = 0;
   place_ = {};
   passBeganAt_ = scheduler_->now();
+  knownBefore_ = known_;
 }
 
 void TableScrubber::endPass() {
   ++counters_.passes;
   counters_.lastPassAt = scheduler_->now();
   counters_.lastPassSeconds = counters_.lastPassAt - passBeganAt_;
+  unrepaired_ = static_cast<std::size_t>(
+      std::count_if(known_.begin(), known_.end(), [this](const Known& known) { return knownBefore_.contains(known); }));
   tables_.clear();
 }
 
@@ -81,7 +84,6 @@ std::size_t TableScrubber::step() {
   Memtab::ScrubReport report;
   const bool isMore = table.store->store().scrub(place_, visitor, report);
   if (report.beyondRepair != nullptr) {
-    ++counters_.found;
     throw Memtab::CorruptionException(table.store->place() + ": " + report.beyondRepair);
   }
   counters_.visited += report.entries;

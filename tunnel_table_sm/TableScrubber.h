@@ -77,8 +77,10 @@ class TableScrubber {
   TableScrubber(const Zol::Ptr<Quor::TaskScheduler>& scheduler, Tables tables, std::function<bool()> isBusy, Log log);
 
   const Counters& counters() const { return counters_; }
-  // The number of findings that are not repaired yet.
-  std::uint64_t unrepaired() const { return counters_.found - counters_.repaired; }
+  // Counting continues from there.
+  void countersAre(const Counters& counters) { counters_ = counters; }
+  // Damaged records that a whole pass, up to its end, has not seen repaired.
+  std::size_t unrepaired() const { return unrepaired_; }
 
   static constexpr double secondsPerEntry = 50e-6;
   static constexpr double passSecondsMin = 5;
@@ -118,6 +120,8 @@ class TableScrubber {
   // Damaged records that were counted: table, collection, hash at which their segment begins, slot.
   using Known = std::tuple<std::string, unsigned, std::uint64_t, std::size_t>;
   std::set<Known> known_;
+  std::set<Known> knownBefore_;  // at the beginning of the pass
+  std::size_t unrepaired_ = 0;
   Counters counters_;
   Quor::OwnedTask<TableScrubber> task_;
 };

@@ -79,13 +79,13 @@ std::vector<std::string> TunnelFibKeeper::visited(unsigned collection, std::uint
   return restored;
 }
 
-// The finding has the vias in the order of the entry. If they differ, the tables have changed:
-// a review writes the entry with other encapsulations.
+// The finding has the vias in the order of the entry. If they differ, or the ids do not stand for their contents, the
+// tables have changed: a review writes the entry with other encapsulations. Nothing is written before all is compared.
 void TunnelFibKeeper::restoreEncaps(const TunnelFibEntry& entry, std::vector<std::string>& restored) {
   const TunnelId& tunnel = entry.tunnelId();
   const TunnelFibFinding finding = sm_->finding(tunnel);
   bool isSame = !finding.isWaiting;
-  const auto restore = [&](const TunnelViaArray& written, const ViaInfoSet& computed) {
+  const auto compare = [&](const TunnelViaArray& written, const ViaInfoSet& computed, bool restores) {
     std::size_t i = 0;
     for (const ViaAndTunnelInfo& via : computed) {
       isSame = isSame && i < written.size() && static_cast<const Via&>(written[i]) == via.via() &&
@@ -100,20 +100,21 @@ void TunnelFibKeeper::restoreEncaps(const TunnelFibEntry& entry, std::vector<std
       withEncapKind(id.encapType(), [&](auto kind) {
         using Kind = decltype(kind);
         isSame = sm_->tunnelFibWriter()->isContentOf(id, (via.*Kind::info)());
-        if (isSame) {
+        if (isSame && restores) {
           Kind::encaps(*sm_->tunnelFib()).entryIs({id, (via.*Kind::info)()});
+          restored.push_back("encapsulation " + Zol::stringOf(id) + " of " + Zol::stringOf(tunnel));
         }
       });
-      if (!isSame) {
-        return;  // the tunnel's tables have changed since
-      }
-      restored.push_back("encapsulation " + Zol::stringOf(id) + " of " + Zol::stringOf(tunnel));
     }
     isSame = isSame && i == written.size();
   };
   try {
-    restore(entry.tunnelVia(), finding.entry.viaInfo());
-    restore(entry.backupTunnelVia(), finding.entry.backupViaInfo());
+    for (const bool restores : {false, true}) {
+      if (isSame) {
+        compare(entry.tunnelVia(), finding.entry.viaInfo(), restores);
+        compare(entry.backupTunnelVia(), finding.entry.backupViaInfo(), restores);
+      }
+    }
   } catch (const Memtab::NoSpace&) {
     isSame = false;
   }

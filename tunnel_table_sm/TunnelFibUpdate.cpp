@@ -160,7 +160,7 @@ TunnelFibFinding TunnelFibSm::finding(const TunnelId& tunnelId) const {
   finding.cycle = dependencies_.cycleOf(tunnelId);
   finding.entry = std::move(review.consFibEntry);
   finding.obstacles = fibEntryObstacles(finding.entry);
-  finding.isWaiting = isWaiting(tunnelId);
+  finding.isWaiting = isWaiting(tunnelId) || !review.unreviewed.empty();
   return finding;
 }
 

@@ -117,8 +117,8 @@ class MemtabMap : public Base {
   }
   bool has(const Key& key) const { return lookup(key).has_value(); }
 
-  // Whether no look-up can tell now if there is a record: damage to more than the record, a writer that is too fast, or
-  // one that fills a table anew that was complete.
+  // Whether no look-up can tell now if there is a record: damage to the record or to more, a writer that is too fast, or
+  // one that refills a table that was complete.
   bool hides(const Key& key) const {
     if (this->isPlaceholder()) {
       return false;
@@ -127,7 +127,7 @@ class MemtabMap : public Base {
     const Lookup found = this->store().get(this->collection(), hashOfKey(bytes), bytes);
     return found.state == Found::recovering ||
            (found.state == Found::absent && follower_ != nullptr && follower_->withholds(key)) ||
-           (found.state == Found::damaged && (found.damage.block == 0 || this->store().reader().isDamaged()));
+           found.state == Found::damaged;
   }
 
   // Writes the record under its key; false when it stands already, exactly so. Raises RangeException, with nothing

@@ -1,4 +1,5 @@
 // What a review leaves for later: an entry that forwards stays until what it resolves through is settled.
+#include "tests/support/HiddenTable.h"
 #include "tests/support/NaiveFib.h"
 #include "tests/support/TightStore.h"
 
@@ -212,6 +213,31 @@ TEST(FibDeferral, entriesStayUntilNextLevelsFindSpace) {
   *isFull = false;
   scene.settle();
   EXPECT_EQ(scene.document(), NaiveFib(scene).document());
+}
+
+// Fails if a tunnel that was deferred when its table became unreadable freezes the tunnels over it.
+TEST(FibDeferral, heldUpTunnelsFreezeNoOther) {
+  FibScene scene;
+  scene.sweepIsOff();
+  scene.put(scene.ldp(5, {via("if5", {5})}));
+  scene.put(scene.sr(9, {via("tunnel:ldpTunnel/5", {9})}));
+  scene.yieldEvery(1);
+  scene.settle();
+  for (std::uint64_t i = 1; i <= 60; ++i) {
+    scene.put(scene.rsvp(i, {i < 60 ? via("tunnel:rsvpTunnel/" + std::to_string(i + 1)) : via("if7", {7})}));
+  }
+  scene.put(scene.ldp(5, {via("tunnel:rsvpTunnel/1", {5})}));
+  const TunnelId ldp = tunnel("ldpTunnel/5");
+  for (int n = 0; n < 1000 && (!scene.sm->isWaiting(ldp) || scene.sm->tunnelForReview(ldp)); ++n) {
+    scene.runSlices(1);
+  }
+  ASSERT_TRUE(scene.sm->isWaiting(ldp) && !scene.sm->tunnelForReview(ldp)) << "deferred";
+  const Support::HiddenTable hidden(scene.table<LdpTunnelTableEntry>());
+  scene.runSlices(500);
+  ASSERT_TRUE(scene.sm->isHeldUp(ldp));
+  scene.put(scene.sr(9, {via("if1", {1}), via("tunnel:ldpTunnel/5", {9})}));
+  scene.runSlices(500);
+  EXPECT_EQ(scene.shown("srTunnel/9").find("if1"), 0U) << scene.shown("srTunnel/9");
 }
 
 }  // namespace

@@ -147,5 +147,22 @@ TEST(MemtabScrub, burstsAndChanges) {
   });
 }
 
+// Fails if a record is lost for good because its segment grew while its index word was damaged.
+TEST(MemtabScrub, growthKeepsDamagedWords) {
+  Support::forEachSeed(60, [](unsigned seed) {
+    Random random(seed);
+    ScrubScene scene(300);
+    const size_t at = random() % scene.used();
+    scene.damage(at, 2, 1 + random() % 255);
+    for (unsigned number = 300; number < 700; ++number) {
+      scene.put(false, number, 5);
+    }
+    scene.pass();
+    scene.drop();
+    EXPECT_EQ(scene.pass(), 0U);
+    scene.expectWhole();
+  });
+}
+
 }  // namespace
 }  // namespace Memtab
