@@ -125,7 +125,7 @@ int setTrace(const ControlOptions& options, const std::vector<std::string>& sett
 void addConfig(const Agent::Command& app, Action& action) {
   const Agent::Command config = app.command("config", "The RIBs that the agent is to build");
   config.commandRequired();
-  const Agent::Command show = config.command("show", "The configuration in force, as a configuration file has it");
+  const Agent::Command show = config.command("show", "The current configuration, in the form of a configuration file");
   show.onChosen([&action, options = addControlOptions(show)] { action = [options] { return showConfig(*options); }; });
   const auto addFile = [&](const char* name, const char* help, int (*run)(const ControlOptions&, const std::string&)) {
     const Agent::Command command = config.command(name, help);
@@ -139,7 +139,7 @@ void addConfig(const Agent::Command& app, Action& action) {
 }
 
 void addTrace(const Agent::Command& app, Action& action) {
-  const Agent::Command trace = app.command("trace", "What the agent traces to its standard error");
+  const Agent::Command trace = app.command("trace", "Trace levels of the agent");
   trace.commandRequired();
   const Agent::Command show = trace.command("show", "The level of each source");
   show.onChosen([&action, options = addControlOptions(show)] {

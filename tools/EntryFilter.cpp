@@ -9,9 +9,9 @@ void EntryFilter::addOptions(const Agent::Command& command) {
       .word("PREFIX|ADDRESS");
   command.option("--tunnel", tunnelText_, "This tunnel alone").word("ID");
   command.option("--type", typeText_, "Tunnels of this type alone").word("TYPE");
-  command.option("--next-hop", nextHopText_, "What has a via to this next hop").word("ADDRESS");
-  command.option("--intf", intfText_, "What has a via through this interface").word("INTF");
-  command.option("--label", label_, "What has a via that pushes this label")
+  command.option("--next-hop", nextHopText_, "Only entries with a via to this next hop").word("ADDRESS");
+  command.option("--intf", intfText_, "Only entries with a via through this interface").word("INTF");
+  command.option("--label", label_, "Only entries with a via that pushes this label")
       .word("LABEL")
       .between(std::uint64_t(0), Ipkit::MplsLabelOperation::labelMax);
 }

@@ -204,7 +204,7 @@ void addGraph(const Agent::Command& app, Action& action) {
   const Agent::Command command = app.command("graph", "Write tunnels, next levels and next hops as a graph");
   const auto options = std::make_shared<GraphOptions>();
   addStateDirectory(command, options->stateDirectory);
-  command.option("--tunnel", options->tunnels, "This tunnel and what it goes through; several times: these")
+  command.option("--tunnel", options->tunnels, "This tunnel and its next levels; can be given several times")
       .word("ID")
       .repeatable();
   const Agent::Option svg = command.flag("--svg", options->isSvg, "Drawn by graphviz, instead of in the DOT language");

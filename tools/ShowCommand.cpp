@@ -20,7 +20,7 @@ Agent::Command addList(const Agent::Command& parent, Action& action, const char*
   addStateDirectory(command, options->stateDirectory);
   command.flag("--json", options->isJson, "Print one JSON document");
   addLimit(command, options->limit, "At most N rows");
-  command.option("--after", options->after, "Go on behind this row").word("KEY");
+  command.option("--after", options->after, "Start after this row").word("KEY");
   if (narrowing == Narrowing::filter) {
     options->filter.addOptions(command);
   }
@@ -83,7 +83,7 @@ void addTable(const Agent::Command& show, Action& action) {
 }  // namespace
 
 void addShow(const Agent::Command& app, Action& action) {
-  const Agent::Command show = app.command("show", "Show what the tables hold, and how they are");
+  const Agent::Command show = app.command("show", "Show the content and the state of the tables");
   show.commandRequired();
   addList(show, action, "tables", "The tables: entries, sequence numbers, completeness, writers, files",
           Narrowing::none, showTables);

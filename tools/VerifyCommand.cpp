@@ -125,7 +125,7 @@ int runVerify(const VerifyOptions& options) {
 }  // namespace
 
 void addVerify(const Agent::Command& app, Action& action) {
-  const Agent::Command command = app.command("verify", "Compare RIBs and FIB with what the tables say");
+  const Agent::Command command = app.command("verify", "Compare RIBs and FIB with the tables");
   const auto options = std::make_shared<VerifyOptions>();
   addShadowOptions(command, *options);
   addLimit(command, *options, 100);

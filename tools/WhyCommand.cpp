@@ -197,7 +197,7 @@ int runWhy(const WhyOptions& options) {
 
 void addWhy(const Agent::Command& app, Action& action) {
   const Agent::Command command =
-      app.command("why", "Say why a tunnel is, or is not, in FIB and RIBs, or who has an endpoint");
+      app.command("why", "Explain why a tunnel is, or is not, in FIB and RIBs, or which tunnels an endpoint has");
   const auto options = std::make_shared<WhyOptions>();
   addShadowOptions(command, *options);
   command

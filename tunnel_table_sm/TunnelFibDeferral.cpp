@@ -28,7 +28,7 @@
 // files the tunnels with a via whose verdict about cycles it turns.
 //
 // Next levels that change faster than the backlog is drained must not freeze T. T is filed again when a next level is
-// settled. After more deferrals than T has next levels, some have been settled twice: then T uses what they have.
+// settled. After more deferrals than T has next levels, some have been settled twice: then T uses their entries.
 #include <algorithm>
 
 #include "tunnel_table_sm/TunnelFibSm.h"
@@ -175,7 +175,7 @@ bool TunnelFibSm::leadsToWaiting(const TunnelId& start, std::vector<Descent>& pa
   return false;
 }
 
-// Whether writing what has been computed would take a via from the entry.
+// Whether the computed entry lacks a via of the present one.
 bool TunnelFibSm::losesVias() const {
   const ConsolidatedTunnelFibEntry& computed = review_.consFibEntry;
   TunnelFibEntry present;

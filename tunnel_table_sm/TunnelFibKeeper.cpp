@@ -79,7 +79,7 @@ std::vector<std::string> TunnelFibKeeper::visited(unsigned collection, std::uint
   return restored;
 }
 
-// The finding has the vias in the order of the entry. If they differ, or the ids do not stand for their contents, the
+// The finding has the vias in the order of the entry. If they differ, or an id was written with another content, the
 // tables have changed: a review writes the entry with other encapsulations. Nothing is written before all is compared.
 void TunnelFibKeeper::restoreEncaps(const TunnelFibEntry& entry, std::vector<std::string>& restored) {
   const TunnelId& tunnel = entry.tunnelId();

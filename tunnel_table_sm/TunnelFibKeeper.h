@@ -2,7 +2,7 @@
 //
 // An entry that cannot be read goes to review, which writes it again. An encapsulation that cannot be read, or is
 // missing, is written again under its id from the tunnel of an entry that carries it: other entries carry the id too.
-// Each pass counts the references anew: a lost entry has left its own behind.
+// Each pass counts all references again: those of a lost entry were never released.
 #pragma once
 
 #include "tunnel_table_sm/TableScrubber.h"

@@ -13,9 +13,9 @@
 // reviewed. When the backlog is empty and no tunnel is held up, nothing is deferred: the FIB follows from the tables
 // alone.
 //
-// Source units: TunnelFibSm.cpp intake and start, TunnelFibUpdate.cpp the review of one tunnel, TunnelFibDeferral.cpp
-// what it leaves for later, TunnelFibBacklog.cpp the backlog and its drain, TunnelFibRetry.cpp the tunnels that are
-// held up. Scheduler thread only.
+// Source units: TunnelFibSm.cpp intake and start, TunnelFibUpdate.cpp the review of one tunnel, TunnelFibDeferral.cpp its
+// deferral, TunnelFibBacklog.cpp the backlog and its drain, TunnelFibRetry.cpp the tunnels that are held up. Scheduler
+// thread only.
 #pragma once
 
 #include <array>
@@ -231,7 +231,7 @@ class TunnelFibSm final : public Zol::Reactor {
   struct Deferral {
     bool isForReview = false;      // it waits for the review of a next level; false: next levels are held up
     bool hasMoved = false;         // its entry was made from other next levels than it has now
-    bool hasAsked = false;         // it has filed next levels whose review nobody else had asked for
+    bool hasAsked = false;         // it has filed next levels that no other tunnel had filed
     bool isCycleSearched = false;  // the review of another member of its cycle has met no queued tunnel
     std::uint32_t times = 0;
   };

@@ -79,7 +79,7 @@ void TunnelFibSm::dropMark(const TunnelId& tunnelId) {
   }
 }
 
-// Reviewed, but held up: what the FIB has of the tunnel counts from now on, for an unknown time.
+// Reviewed, but held up: from now on the present FIB entry of the tunnel counts, for an unknown time.
 void TunnelFibSm::keepsEntry(const TunnelId& tunnelId) {
   dropMark(tunnelId);
   fileDeferredDependants(tunnelId, false);

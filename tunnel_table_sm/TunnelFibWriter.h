@@ -74,7 +74,7 @@ class TunnelFibWriter final : public Zol::Reactor {
   std::uint32_t encapIdRefCountDec(EncapId id, std::uint32_t by);
 
   // Memory beside the FIB itself.
-  // Whether the record with this id was written with this content, whatever has become of its bytes.
+  // Whether the record with this id was written with this content. Its bytes may be damaged since.
   template <class Info>
   bool isContentOf(EncapId id, const Info& info) const {
     return byContent_.find(id.encapType(), info, [id](EncapId each) { return each == id; }) == id;

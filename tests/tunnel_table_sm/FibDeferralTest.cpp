@@ -1,4 +1,4 @@
-// What a review leaves for later: an entry that forwards stays until what it resolves through is settled.
+// Deferral: an entry that forwards stays until all tunnels that it resolves through are settled.
 #include "tests/support/HiddenTable.h"
 #include "tests/support/NaiveFib.h"
 #include "tests/support/TightStore.h"
@@ -55,7 +55,7 @@ TEST(FibDeferral, nextLevelsOfEveryTypeAreWaitedFor) {
   }
 }
 
-// Fails if a tunnel with two next levels is narrowed because one of them is queued, at whatever depth.
+// Fails if a tunnel with two next levels is narrowed because one of them, or a tunnel further down, is queued.
 TEST(FibDeferral, deeperLevelsAreWaitedFor) {
   for (std::uint64_t mover = 100; mover < 116; ++mover) {
     FibScene scene;
@@ -118,7 +118,7 @@ TEST(FibDeferral, deferredTunnelsComeBack) {
   scene.put(scene.ldp(1, {via("if1", {101})}));
   scene.settle();
   const std::string old = scene.shown("ldpTunnel/1");
-  // Reviewed one at a time, in whatever order: the old entry may only go when ldpTunnel/3 has been reviewed.
+  // Reviewed one at a time, in any order: the old entry may only go when ldpTunnel/3 has been reviewed.
   scene.yieldEvery(1);
   scene.settle();
   auto emptied = scene.ldp(3, {});

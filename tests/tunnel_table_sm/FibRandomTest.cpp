@@ -104,7 +104,7 @@ TEST(FibRandom, nothingIsWithdrawnThatStaysDue) {
   EXPECT_TRUE(!isUsual || checked > 300) << checked;
 }
 
-// Fails if a full file system or an unreadable table leaves anything behind when it is over.
+// Fails if a full file system or an unreadable table leaves a trace after it is over.
 TEST(FibRandom, recoversFromFullFileSystemsAndHiddenTables) {
   unsigned heldUp = 0;
   const bool isUsual = Support::forEachSeed(60, [&](unsigned seed) {
