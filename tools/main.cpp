@@ -45,8 +45,8 @@ int main(int argc, char** argv) {
   Agent::openStandardDescriptors();
   std::signal(SIGPIPE, SIG_IGN);
   std::ios::sync_with_stdio(false);
-  const Agent::CommandParser parser("Shows and explains the tunnels that a router's tunnel agent has programmed.", "tunnelctl",
-                                    Agent::agentVersion);
+  const Agent::CommandParser parser("Shows and explains the tunnels that a router's tunnel agent has programmed.",
+                                    "tunnelctl", Agent::agentVersion);
   const Agent::Command app = parser.top();
   Tools::Action action;
   Tools::addPublish(app, action);

@@ -13,9 +13,9 @@
 // reviewed. When the backlog is empty and no tunnel is held up, nothing is deferred: the FIB follows from the tables
 // alone.
 //
-// Source units: TunnelFibSm.cpp intake and start, TunnelFibUpdate.cpp the review of one tunnel, TunnelFibDeferral.cpp its
-// deferral, TunnelFibBacklog.cpp the backlog and its drain, TunnelFibRetry.cpp the tunnels that are held up. Scheduler
-// thread only.
+// Source units: TunnelFibSm.cpp intake and start, TunnelFibUpdate.cpp the review of one tunnel, TunnelFibDeferral.cpp
+// its deferral, TunnelFibBacklog.cpp the backlog and its drain, TunnelFibRetry.cpp the tunnels that are held up.
+// Scheduler thread only.
 #pragma once
 
 #include <array>

@@ -127,7 +127,7 @@ auto Index<Stores>::write(Claim<Stores>& to, const Image& image) -> Segment {
   return {{to.keep(), pen_->nextPlaceGeneration(), static_cast<uint8_t>(image.depth), log2}, image.live, 0, sums};
 }
 
-// Makes all directory words of a prefix, from first on, name segment. Its records are counted anew: damage may have
+// Makes all directory words of a prefix, from first on, name segment. Its records are counted again: damage may have
 // hidden some of those that its predecessor had, or made up others.
 template <class Stores>
 void Index<Stores>::name(size_t first, const Segment& segment) {

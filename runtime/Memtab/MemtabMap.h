@@ -117,7 +117,7 @@ class MemtabMap : public Base {
   }
   bool has(const Key& key) const { return lookup(key).has_value(); }
 
-  // Whether no look-up can tell now if there is a record: damage to the record or to more, a writer that is too fast, or
+  // Whether it is unknown now if there is a record: damage to the record or to more, a writer that is too fast, or
   // one that refills a table that was complete.
   bool hides(const Key& key) const {
     if (this->isPlaceholder()) {

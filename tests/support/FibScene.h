@@ -36,7 +36,7 @@ inline MplsVia via(const std::string& intf, const Labels& labels = {}, const std
           Ipkit::MplsLabelOperation(op, labels)};
 }
 
-// The vias of a FIB entry in words, in its order; encapsulations are shown by what they hold, not by their ids.
+// The vias of a FIB entry in words, in its order; encapsulations are shown by content, not by id.
 inline std::vector<std::string> viaTexts(const TunnelFib& fib, const TunnelViaArray& vias) {
   std::vector<std::string> texts;
   for (const TunnelVia& via : vias) {

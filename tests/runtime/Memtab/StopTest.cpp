@@ -1,4 +1,4 @@
-// Walks of a reader between any two stores of the writer. CrashTest.cpp checks what else a reader finds there.
+// Walks of a reader between any two stores of the writer. CrashTest.cpp checks the content that a reader finds there.
 #include <set>
 
 #include "tests/runtime/Memtab/EngineScene.h"
