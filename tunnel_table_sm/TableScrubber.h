@@ -7,7 +7,7 @@
 //
 // One pass after the other visits all tables. A slice takes half a millisecond; the pause after it is a hundred times
 // as long, and at least 50 microseconds a visited entry. So a pass takes five seconds for each 100,000 entries unless
-// one percent of a core is too little for that. While tunnels wait for review the pauses are ten times as long.
+// one percent of a core is too little for that. While tunnels wait for review the pauses are twice as long.
 //
 // Scheduler thread only.
 #pragma once
