@@ -132,9 +132,10 @@ void TableScrubber::handle(Table& table, const Memtab::ScrubPlace& from, Memtab:
   }
   const std::vector<std::string> wrong = table.keeper->visited(report.collection, report.lastHash, true);
   if (!wrong.empty()) {
-    counters_.found += wrong.size();
-    counters_.repaired += wrong.size();
-    logFound(table, listed(wrong) + ": differs from the tunnel tables", "written again");
+    const std::size_t counted = std::min(wrong.size(), later_.size());  // when their records were found damaged
+    counters_.found += wrong.size() - counted;
+    counters_.repaired += wrong.size() - counted;
+    logFound(table, listed(wrong) + (counted != 0 ? "" : ": differs from the tunnel tables"), "written again");
   }
 }
 
