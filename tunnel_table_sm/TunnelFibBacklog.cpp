@@ -28,12 +28,13 @@ void TunnelFibSm::tunnelForReviewIs(const TunnelId& tunnelId, bool value) {
     return;
   }
   *tunnelForReview_.insert(tunnelId).first = true;
+  ++filings_;
   scheduleTunnelReview();
 }
 
 // Because of another tunnel: its own table entry may be as its last review read it.
 void TunnelFibSm::fileForOthers(const TunnelId& tunnelId) {
-  tunnelForReview_.insert(tunnelId, false);
+  filings_ += tunnelForReview_.insert(tunnelId, false).second ? 1 : 0;
   scheduleTunnelReview();
 }
 
@@ -75,6 +76,7 @@ bool TunnelFibSm::reviewFirst() {
 void TunnelFibSm::addDependentTunnelsForReview(const TunnelId& tunnelId) {
   if (const DependentTunnels* const dependants = dependencies_.dependants(tunnelId)) {
     const auto component = dependencies_.component(tunnelId);
+    const std::uint64_t filings = filings_;
     dependants->forEach([&](const TunnelId& dependant) {
       if (component != TunnelFibDependencies::noComponent && dependencies_.component(dependant) == component) {
         return;
@@ -83,6 +85,9 @@ void TunnelFibSm::addDependentTunnelsForReview(const TunnelId& tunnelId) {
                            << " tunnelId: " << tunnelId << ", adding " << dependant << " for review");
       fileDependant(dependant);
     });
+    if (component != TunnelFibDependencies::noComponent && component == quietCycle_) {
+      filings_ = filings;  // the cycle does not lead to tunnels over it
+    }
   }
 }
 

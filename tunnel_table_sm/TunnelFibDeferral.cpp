@@ -63,6 +63,7 @@ bool TunnelFibSm::doesDefer(const TunnelFibCalcResult& result) {
     deferral.isForReview = false;
   }
   deferred_.insertOrAssign(tunnelId, deferral);
+  ++filings_;
   return true;
 }
 
@@ -110,13 +111,22 @@ bool TunnelFibSm::defersOverDeeperLevels() {
   if (tunnelForReview_.empty()) {
     return false;  // a deferred tunnel leads to a queued one
   }
+  const TunnelFibDependencies::Component cycle = review_.component;
+  if (cycle != TunnelFibDependencies::noComponent && cycle == quietCycle_ && filings_ == quietAt_) {
+    return false;  // all members lead to the same tunnels
+  }
+  bool isComplete = true;
   std::vector<Descent> path;
   Zol::HashCollection<TunnelId> searched;
   const bool isFound = std::any_of(review_.nextLevels.begin(), review_.nextLevels.end(), [&](const TunnelId& next) {
-    return dependencies_.hasNextLevels(next) && leadsToWaiting(next, path, searched);
+    return dependencies_.hasNextLevels(next) && leadsToWaiting(next, path, searched, isComplete);
   });
   if (!isFound) {
     clearCycle();
+    if (isComplete) {
+      quietCycle_ = cycle;
+      quietAt_ = filings_;
+    }
     return false;
   }
   if (markedUnprocessed_.empty() && !losesVias()) {
@@ -143,7 +153,7 @@ void TunnelFibSm::clearCycle() {
 // Searches all of the reviewed tunnel's cycle, and a few tunnels below it. path: those from start to the waiting one,
 // without that one.
 bool TunnelFibSm::leadsToWaiting(const TunnelId& start, std::vector<Descent>& path,
-                                 Zol::HashCollection<TunnelId>& searched) const {
+                                 Zol::HashCollection<TunnelId>& searched, bool& isComplete) const {
   const auto isFirstVisit = [&](const TunnelId& tunnelId) {
     return tunnelId != review_.consFibEntry.tunnelId() && searched.insert(tunnelId).second;
   };
@@ -158,6 +168,8 @@ bool TunnelFibSm::leadsToWaiting(const TunnelId& start, std::vector<Descent>& pa
     if (isCyclic || belowLeft > 0) {
       belowLeft -= isCyclic ? 0 : 1;
       path.push_back({tunnelId, dependencies_.tunnelsDirectlyDependingOn(tunnelId)});
+    } else {
+      isComplete = false;
     }
     return false;
   };

@@ -201,7 +201,8 @@ class TunnelFibSm final : public Zol::Reactor {
     TunnelFibDependencies::TunnelIds nextLevels;
     std::size_t next = 0;
   };
-  bool leadsToWaiting(const TunnelId& start, std::vector<Descent>& path, Zol::HashCollection<TunnelId>& searched) const;
+  bool leadsToWaiting(const TunnelId& start, std::vector<Descent>& path, Zol::HashCollection<TunnelId>& searched,
+                      bool& isComplete) const;
   void clearCycle();
   bool losesVias() const;
   bool lacksLabels() const;
@@ -236,6 +237,10 @@ class TunnelFibSm final : public Zol::Reactor {
     std::uint32_t times = 0;
   };
   Zol::HashCollection<TunnelId, Deferral> deferred_;
+  std::uint64_t filings_ = 0;  // counts what may make a tunnel wait, or lead to one that does
+  // A cycle from which no waiting tunnel could be reached, and the count at that time.
+  TunnelFibDependencies::Component quietCycle_ = TunnelFibDependencies::noComponent;
+  std::uint64_t quietAt_ = 0;
   TunnelFibDependencies dependencies_;
   TunnelFibReview review_;  // kept between reviews for its memory
   // Reviews within reviews: those interrupted, innermost last, and how many the outermost may still hold.

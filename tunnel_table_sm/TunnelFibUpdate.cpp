@@ -190,6 +190,7 @@ void TunnelFibSm::doCollectNextLevels(const Entry& entry) {
 void TunnelFibSm::doUpdateDependencies(const TunnelId& tunnelId) {
   if (dependencies_.nextLevelsIs(tunnelId, review_.nextLevels)) {
     review_.hasMoved = true;
+    ++filings_;
     tunnelsForReviewFirst(dependencies_.turned());
   }
 }
