@@ -34,7 +34,7 @@ void TunnelFibSm::tunnelForReviewIs(const TunnelId& tunnelId, bool value) {
 
 // Because of another tunnel: its own table entry may be as its last review read it.
 void TunnelFibSm::fileForOthers(const TunnelId& tunnelId) {
-  filings_ += tunnelForReview_.insert(tunnelId, false).second ? 1 : 0;
+  filings_ += tunnelForReview_.insert(tunnelId, false).second ? 1U : 0U;
   scheduleTunnelReview();
 }
 
