@@ -37,8 +37,8 @@ namespace Tunnel::TunnelTable {
 namespace {
 
 constexpr std::size_t searchedBelowMax = 64;  // tunnels outside the cycle: bounds the time of a review
-constexpr std::uint32_t deferralsSpare =
-    16;  // beyond one for each next level; reviews of T for other reasons count too
+// Beyond one for each next level, since reviews of T for other reasons count too.
+constexpr std::uint32_t deferralsSpare = 16;
 
 }  // namespace
 

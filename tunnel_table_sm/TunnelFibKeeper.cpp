@@ -57,7 +57,7 @@ void TunnelFibKeeper::visitedAgain() {
   incomplete_.clear();
 }
 
-std::vector<std::string> TunnelFibKeeper::visited(unsigned collection, std::uint64_t last, bool isSound) {
+std::vector<std::string> TunnelFibKeeper::visited(unsigned collection, std::uint64_t, bool isSound) {
   std::vector<std::string> restored;
   if (collection != 0) {
     return restored;
@@ -75,7 +75,6 @@ std::vector<std::string> TunnelFibKeeper::visited(unsigned collection, std::uint
   for (const TunnelFibEntry& entry : incomplete) {
     restoreEncaps(entry, restored);
   }
-  (void)last;
   return restored;
 }
 
